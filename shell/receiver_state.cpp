@@ -1,0 +1,7 @@
+#include "shell/receiver_state.h"
+
+namespace zfn {
+
+ReceiverState engine;
+
+}  // namespace zfn
