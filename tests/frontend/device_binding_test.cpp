@@ -5,7 +5,9 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -112,6 +114,54 @@ TEST(BindingPlainName, DeviceEventThreadRunsBetweenInitAndRelease) {
   EXPECT_EQ(deviceBinding.ReleaseDABEventHandle(&event.fd), 1);
   EXPECT_EQ(threadRunning(), 0);
   EXPECT_EQ(deviceBinding.BDAFilterRelease(0), 1);
+  UnbindDeviceLibrary();
+}
+
+// The receiver calls the device from three threads at once with no lock of its own: reception
+// (GetData on each event), demodulation (register writes) and the API caller. Run under
+// ThreadSanitizer this shows the test library safe for that, and its thread gone after release.
+TEST(BindingPlainName, DeviceTakesCallsFromSeveralThreads) {
+  ASSERT_EQ(BindDeviceLibrary(), 1);
+  void* library = deviceBinding.library;
+  Symbol<void (*)()>(library, "TestDevice_Reset")();
+  Symbol<void (*)(int32_t, uint32_t, int32_t)>(library, "TestDevice_SetReadLength")(0, 3, 1);
+  Symbol<void (*)(int32_t)>(library, "TestDevice_SetEventPeriod")(1);
+  TestEvent event;
+  ASSERT_EQ(deviceBinding.BDAFilterInit(0), 1);
+  ASSERT_EQ(deviceBinding.SetDABEventHandle(&event.fd), 1);
+
+  std::atomic<bool> stop{false};
+  int64_t received = 0;
+  std::thread reception([&] {
+    std::vector<uint8_t> buffer(240648);
+    while (!stop.load()) {
+      if (!event.WaitSet(300)) continue;
+      int32_t length = 0;
+      int32_t aux = 0;
+      deviceBinding.GetData(buffer.data(), 240648, &length, &aux);
+      received += length;
+    }
+  });
+  std::thread demodulation([&] {
+    for (int i = 0; i < 200; ++i) {
+      uint8_t bytes[2] = {static_cast<uint8_t>(i), 0};
+      deviceBinding.Demod_Byte_Write(1, 0x3E, 2, bytes);
+      deviceBinding.Demod_Byte_Read(1, 0x01, 1, bytes);
+    }
+  });
+  for (int i = 0; i < 50; ++i) {
+    deviceBinding.Set_Frequency(500000 + i);
+    Symbol<int32_t (*)()>(library, "TestDevice_CallCount")();
+  }
+  demodulation.join();
+  while (Symbol<int64_t (*)()>(library, "TestDevice_EventsSignalled")() < 5) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  stop.store(true);
+  reception.join();
+  EXPECT_EQ(deviceBinding.ReleaseDABEventHandle(&event.fd), 1);
+  EXPECT_EQ(deviceBinding.BDAFilterRelease(0), 1);
+  EXPECT_EQ(Symbol<int32_t (*)()>(library, "TestDevice_EventThreadRunning")(), 0);
+  EXPECT_EQ(received, Symbol<int64_t (*)()>(library, "TestDevice_BytesServed")());
+  EXPECT_EQ(Symbol<int32_t (*)(int32_t, int32_t)>(library, "TestDevice_GetRegister")(1, 0x3E), 199);
   UnbindDeviceLibrary();
 }
 
