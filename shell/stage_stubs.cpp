@@ -1,7 +1,6 @@
-// Stand-ins for the stages and the device binding built elsewhere, so that the shell builds, runs
+// Stand-ins for the stages built elsewhere, so that the shell builds, runs
 // and can be tested on its own. They keep the block state machine moving as designed: detection
 // and coarse sync pass, frame sync never ends. This whole file goes when the real stages arrive.
-#include "frontend/device_binding.h"
 #include "shell/engine_memory.h"
 #include "shell/stages.h"
 #include "shell/work_arena.h"
@@ -32,12 +31,5 @@ int32_t TuneFrontEnd(int32_t, int32_t, int32_t) { return 1; }
 int32_t PulseDemodReset() { return 1; }
 int32_t WriteSampleClockOffset(uint8_t, float) { return 1; }
 int32_t WriteCarrierOffset(uint8_t, float) { return 1; }
-
-// Device binding: no device library is found.
-DeviceBinding deviceBinding;
-SimulatorBinding simulatorBinding;
-int32_t BindDeviceLibrary() { return 0; }
-void UnbindDeviceLibrary() {}
-int32_t BindSimulator(int*) { return -1; }
 
 }  // namespace zfn
