@@ -35,11 +35,13 @@ void ReceptionThread() {
   platform::SetCurrentThreadPriority(platform::ThreadPriority::Reception);
   BlockAssembler assembler;
   assembler.Reset(blockRing.assemblyBuffer);
+  // The source is the one open bound; a late debug command 5 must not switch it under the thread.
+  const bool simulated = device.simulationMode != 0;
   while (device.running) {
     if (!device.dataEvent.Wait(RECEPTION_WAIT_MS)) continue;
     int32_t length = 0;
     int32_t aux = 0;
-    if (device.simulationMode != 0) {
+    if (simulated) {
       simulatorBinding.GetData(blockRing.readBuffer, &length);
     } else {
       deviceBinding.GetData(blockRing.readBuffer, SOURCE_READ_BYTES, &length, &aux);
