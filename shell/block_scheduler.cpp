@@ -16,6 +16,9 @@
 namespace zfn {
 
 void (*symbolStepHandler)() = SymbolStep;
+const BlockStages STAGE_ENTRY_POINTS = {DetectModeAndGuard, RunCoarseSync, RunFrameSync, SetUpTracking,
+                                        SetUpDecoder};
+BlockStages blockStages = STAGE_ENTRY_POINTS;
 
 namespace {
 
@@ -140,21 +143,21 @@ void ProcessBlock() {
 
   switch (state) {
     case BLOCK_MODE_DETECT:
-      DetectModeAndGuard();
+      blockStages.detectModeAndGuard();
       engine.blockState = BLOCK_COARSE_SYNC;
       break;
     case BLOCK_COARSE_SYNC:
-      RunCoarseSync();
+      blockStages.runCoarseSync();
       engine.blockState = BLOCK_FRAME_SYNC;
       break;
     case BLOCK_FRAME_SYNC:
-      if (RunFrameSync() == 1) {
+      if (blockStages.runFrameSync() == 1) {
         if (engine.tmccAccepted == 0) {
           engine.blockState = BLOCK_NO_SIGNAL;
         } else {
           if (engine.tmccRepeat == 0) {
-            SetUpTracking();
-            SetUpDecoder();
+            blockStages.setUpTracking();
+            blockStages.setUpDecoder();
           }
           engine.blockState = BLOCK_TRACKING;
         }
