@@ -57,6 +57,11 @@ struct ShellFields {
   ModeGuard* modeGuard;
   LayerParams* layerParams;
   int32_t modeIndexLast{-1};
+
+  // Needed early by acquisition; owned by shell
+  int32_t guardScanStart;                 // parameter set; numerology set-up gives its first value
+  int32_t forceCarrierOffset;             // developer override of the carrier search; nothing sets it
+  int32_t forcedCarrierOffset{-46};       // carriers, used only under forceCarrierOffset
 };
 
 }  // namespace zfn
