@@ -6,29 +6,13 @@
 
 #include "acquisition/acquisition.h"
 #include "engine_memory.h"
+#include "tmcc_words.h"
 
 namespace zfn {
 namespace {
 
-using Word = std::array<uint8_t, TMCC_WORD_BITS>;
-
-// g(x) of the shortened (184,102) code, exponents present.
-constexpr int G_TERMS[] = {82, 77, 76, 71, 67, 66, 56, 52, 48, 40, 36, 34, 24, 22, 18, 10, 4, 0};
-
-// Systematic encoding: the 102 information bits are w[0..101] (w[0] the highest degree), the
-// parity w[102..183] is the remainder of info(x) * x^82 divided by g(x).
-Word Encode(const std::array<uint8_t, TMCC_INFO_BITS>& info) {
-  std::vector<uint8_t> r(TMCC_WORD_BITS, 0);  // r[i] is the coefficient of x^(183 - i)
-  for (int i = 0; i < TMCC_INFO_BITS; ++i) r[i] = info[i];
-  for (int i = 0; i < TMCC_INFO_BITS; ++i) {
-    if (!r[i]) continue;
-    for (int t : G_TERMS) r[i + 82 - t] ^= 1;  // subtract x^(101 - i) * g(x)
-  }
-  Word w{};
-  for (int i = 0; i < TMCC_INFO_BITS; ++i) w[i] = info[i];
-  for (int i = TMCC_INFO_BITS; i < TMCC_WORD_BITS; ++i) w[i] = r[i];
-  return w;
-}
+using Word = test::TmccWord;
+constexpr auto Encode = test::EncodeTmcc;
 
 std::array<uint8_t, TMCC_INFO_BITS> RandomInfo(std::mt19937& rng) {
   std::array<uint8_t, TMCC_INFO_BITS> info{};
@@ -44,6 +28,33 @@ TEST(TmccCode, CodewordsHaveZeroSyndromeAndAnyErrorIsSeen) {
     const int position = static_cast<int>(rng() % TMCC_WORD_BITS);
     w[position] ^= 1;
     EXPECT_EQ(TmccSyndrome(w.data()), 1) << "error at " << position;
+  }
+}
+
+// The two worked TMCC words of the transmitter facts (layer A QPSK 2/3, interleave code 3,
+// partial reception, television), B20..B203 as hex with B20 the top bit.
+Word FromHex(const char* hex) {
+  Word w{};
+  for (int i = 0; i < TMCC_WORD_BITS; ++i) {
+    const char ch = hex[i / 4];
+    const int nibble = ch <= '9' ? ch - '0' : ch - 'a' + 10;
+    w[i] = (nibble >> (3 - i % 4)) & 1;
+  }
+  return w;
+}
+
+TEST(TmccCode, BroadcastWordsAreCodewordsAndDecode) {
+  test::EngineMemory memory;
+  for (const char* hex : {"3d258b4b3fff258b4b3ffffffcafa0673eb9cb6ea3e296", "3d258fffffff258ffffffffffe0a31ed7d853d0954964b"}) {
+    const Word w = FromHex(hex);
+    EXPECT_EQ(TmccSyndrome(w.data()), 0) << hex;
+    std::array<int8_t, 204> frame{};
+    for (int i = 0; i < TMCC_WORD_BITS; ++i) frame[19 + i] = w[i] ? 1 : -1;
+    EXPECT_EQ(DecodeTmcc(frame.data()), 2);
+    EXPECT_EQ(engine.tmccAccepted, 1);
+    EXPECT_EQ(engine.layerParams->modulation, 1);
+    EXPECT_EQ(engine.layerParams->codeRate, 1);
+    EXPECT_EQ(engine.layerParams->interleave, 3);
   }
 }
 
