@@ -67,13 +67,9 @@ struct AcquisitionFields {
   float tmccRe[FRAME_CAPTURE_SYMBOLS];
   float tmccIm[FRAME_CAPTURE_SYMBOLS];
   int8_t tmccFrame[TMCC_FRAME_BITS];
-  int32_t tmccFailed;
+  RelaxedWord<int32_t> tmccFailed;  // 1: restart acquisition
   int32_t tmccAccepted;
   int32_t tmccRepeat;
-
-  // Position in the frame and in the scattered pilot cycle; started here, advanced by the walk.
-  int32_t symbolIndex;
-  int32_t spPhase;
 };
 
 }  // namespace zfn

@@ -3,6 +3,7 @@
 #include "acquisition/acquisition.h"
 #include "acquisition/numerology.h"
 #include "numeric/math_primitives.h"
+#include "shell/diagnostics.h"
 #include "shell/stages.h"
 #include "shell/work_arena.h"
 
@@ -13,7 +14,7 @@ namespace {
 constexpr int32_t MAX_SYMBOL = 1280;  // Mode 3, guard 1/4
 
 // Status word 3 of the debug block: the chosen mode*4 + guard.
-void PublishDetectedModeGuard(int32_t index) { (void)index; }
+void PublishDetectedModeGuard(int32_t index) { debugParaBlock.SetInt(3, index); }
 
 }  // namespace
 
