@@ -24,6 +24,7 @@ struct SegmentSignal {
   int firstSymbol = 0;        // frame symbol number of that symbol
   double noiseSigma = 0;      // per component, against data of unit power per carrier
   bool neighbours = true;     // fill ncarrier/3 carriers of each neighbouring segment too
+  double amplitude = 0.1;     // scale of the time samples (data carriers of unit power)
   TmccWord tmcc{};
   unsigned seed = 1;
 };
@@ -90,15 +91,13 @@ class SegmentGenerator {
       std::complex<double> v(symbol_[2 * u], symbol_[2 * u + 1]);
       v *= std::polar(1.0, 2 * M_PI * p_.offsetCarriers * static_cast<double>(absolute) / n_);
       if (p_.noiseSigma > 0) v += std::complex<double>(gauss(rng_), gauss(rng_));
-      block[2 * i] = static_cast<float>(v.real() * kScale);
-      block[2 * i + 1] = static_cast<float>(v.imag() * kScale);
+      block[2 * i] = static_cast<float>(v.real() * p_.amplitude);
+      block[2 * i + 1] = static_cast<float>(v.imag() * p_.amplitude);
     }
     blockStart_ += BLOCK_SAMPLES;
   }
 
  private:
-  static constexpr double kScale = 0.1;
-
   // TMCC bit B_s of the current frame (sync word inverted in odd frames); AC sends all ones.
   int TmccBit(int s) const {
     static constexpr uint8_t SYNC[16] = {0, 0, 1, 1, 0, 1, 0, 1, 1, 1, 1, 0, 1, 1, 1, 0};
@@ -155,5 +154,18 @@ class SegmentGenerator {
   int frameParity_ = 0;
   bool haveSymbol_ = false;
 };
+
+// Device bytes of one block: per engine sample I and Q as bytes (zero level 127, 128 steps per
+// unit), then the discarded second device sample.
+inline void ToDeviceBytes(const float* samples, uint8_t* bytes) {
+  for (int i = 0; i < BLOCK_SAMPLES; ++i) {
+    for (int k = 0; k < 2; ++k) {
+      const double level = std::nearbyint(samples[2 * i + k] * 128.0 + 127.0);
+      bytes[4 * i + k] = static_cast<uint8_t>(level < 0 ? 0 : level > 255 ? 255 : level);
+    }
+    bytes[4 * i + 2] = 127;
+    bytes[4 * i + 3] = 127;
+  }
+}
 
 }  // namespace zfn::test
