@@ -32,7 +32,11 @@ TEST(FrameCapture, SpanEndingExactlyAtTheBlockEdgeIsSplitWithAnEmptySecondPart) 
     gen.NextBlock(memory.block.data());
     DetectModeAndGuard();
     gen.NextBlock(memory.block.data());
+    engine.arenaNext += 4000;  // as if tracking had taken buffers on an earlier attempt
     RunCoarseSync();
+    // Its scratch lay above the numerology mark and is given back to the mark.
+    EXPECT_EQ(engine.arenaNext, engine.arenaAfterNumerology);
+    EXPECT_EQ(engine.arenaFree, engine.arenaFreeAfterNumerology);
     const int nsymbol = engine.nsymbol;
     const int shortBy = ((BLOCK_SAMPLES - engine.nfft - engine.readPos / 2) % nsymbol + nsymbol) % nsymbol;
     if (pass == 0) {
