@@ -111,6 +111,9 @@ struct ShellFields {
   int32_t probeRewind{1};
   int32_t jumpListCount;     // timing steps of the last frame
   int32_t jumpList[JUMP_LIST_CAPACITY];
+
+  // Needed early by acquisition; owned by shell
+  int32_t forceCarrierOffset;  // developer override of the carrier search; nothing sets it
 };
 
 }  // namespace zfn
