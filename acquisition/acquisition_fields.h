@@ -7,6 +7,12 @@
 namespace zfn {
 
 struct AcquisitionFields {
+
+  // Needed early by decoder; owned by acquisition
+  int32_t ndata;            // data carriers per symbol: 96, 192, 384
+  int32_t symbolIndex;      // 0..203, position in the frame of the symbol just read
+  int32_t statFrames;       // 204-symbol frames in about one second
+  RelaxedWord<int32_t> statNextSymbol;  // end of the statistics period; also written by the packet thread
 };
 
 }  // namespace zfn

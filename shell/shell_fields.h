@@ -57,6 +57,10 @@ struct ShellFields {
   ModeGuard* modeGuard;
   LayerParams* layerParams;
   int32_t modeIndexLast{-1};
+
+  // Needed early by decoder; owned by shell
+  RelaxedWord<int32_t> rsDecoderFull;  // 1: full Reed-Solomon decoder, 0: parity check only
+  int32_t probeActive;
 };
 
 }  // namespace zfn

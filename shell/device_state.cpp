@@ -1,0 +1,7 @@
+#include "shell/device_state.h"
+
+namespace zfn {
+
+DeviceState device;
+
+}  // namespace zfn
