@@ -11,6 +11,31 @@ namespace {
 constexpr uint8_t NORMALISE_ABOVE = 150;  // tested on the metric at position 32 only (state 47)
 constexpr int32_t NORMALISE_POSITION = 32;
 
+// The hypothesised outputs XY (as 2X + Y) of the two transitions into each state s: from p = s / 2 and
+// from q = p + 32, with input bit u = s mod 2. X = u^p0^p1^p2^p5 (171 octal), Y = u^p1^p2^p4^p5 (133).
+struct Branches {
+  uint8_t fromP[64];
+  uint8_t fromQ[64];
+};
+
+constexpr uint8_t OutputsOf(uint32_t u, uint32_t p) {
+  auto bit = [p](int k) { return (p >> k) & 1u; };
+  const uint32_t x = u ^ bit(0) ^ bit(1) ^ bit(2) ^ bit(5);
+  const uint32_t y = u ^ bit(1) ^ bit(2) ^ bit(4) ^ bit(5);
+  return static_cast<uint8_t>(x * 2 + y);
+}
+
+constexpr Branches MakeBranches() {
+  Branches b{};
+  for (uint32_t s = 0; s < 64; ++s) {
+    b.fromP[s] = OutputsOf(s & 1, s >> 1);
+    b.fromQ[s] = OutputsOf(s & 1, (s >> 1) + 32);
+  }
+  return b;
+}
+
+constexpr Branches BRANCHES = MakeBranches();
+
 inline uint8_t SaturatingAdd(uint8_t a, uint8_t b) {
   const int32_t sum = a + b;
   return static_cast<uint8_t>(sum > 255 ? 255 : sum);
@@ -79,16 +104,10 @@ void ViterbiDecodeScalar(ViterbiTrellis& trellis, const uint16_t* pairs, int32_t
     uint8_t* now = trellis.pathMetrics[trellis.metricBank];
     uint16_t words[4] = {0, 0, 0, 0};
     for (uint32_t s = 0; s < 64; ++s) {
-      const uint32_t u = s & 1;
       const uint32_t p = s >> 1;  // predecessor with top bit 0
       const uint32_t q = p + 32;  // predecessor with top bit 1
-      auto bit = [](uint32_t v, int b) { return (v >> b) & 1; };
-      const uint32_t xp = u ^ bit(p, 0) ^ bit(p, 1) ^ bit(p, 2) ^ bit(p, 5);
-      const uint32_t yp = u ^ bit(p, 1) ^ bit(p, 2) ^ bit(p, 4) ^ bit(p, 5);
-      const uint32_t xq = u ^ bit(q, 0) ^ bit(q, 1) ^ bit(q, 2) ^ bit(q, 5);
-      const uint32_t yq = u ^ bit(q, 1) ^ bit(q, 2) ^ bit(q, 4) ^ bit(q, 5);
-      const uint8_t fromP = SaturatingAdd(old[p ^ 15], cost[xp * 2 + yp]);
-      const uint8_t fromQ = SaturatingAdd(old[q ^ 15], cost[xq * 2 + yq]);
+      const uint8_t fromP = SaturatingAdd(old[p ^ 15], cost[BRANCHES.fromP[s]]);
+      const uint8_t fromQ = SaturatingAdd(old[q ^ 15], cost[BRANCHES.fromQ[s]]);
       const uint8_t best = fromP < fromQ ? fromP : fromQ;
       now[s ^ 15] = best;
       if (fromQ == best) words[s / 16] = static_cast<uint16_t>(words[s / 16] | 1u << (15 - s % 16));  // ties go to q
