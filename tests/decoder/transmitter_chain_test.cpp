@@ -30,16 +30,15 @@ class AgainstTransmitter : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { ASSERT_EQ(1, BuildRsTables()); }
   static void TearDownTestSuite() { FreeRsTables(); }
-  void SetUp() override {
+  // A fresh engine arena with the packet stage, then decoder set-up for a layer given in the
+  // transmitter's terms (mode 1..3, TMCC modulation code).
+  static void SetUpLayer(int mode, int modulation, int codeRate, int interleave) {
     test::ResetEngineArena();
     SetUpTransportOutput();
     engine.tsResetRequest = 0;
     engine.tsResetPhase = 3;
     device.packetEvent = 0;
     engine.bitsPerCarrier = 0;
-  }
-  // Decoder set-up for a layer given in the transmitter's terms (mode 1..3, TMCC modulation code).
-  static void SetUpLayer(int mode, int modulation, int codeRate, int interleave) {
     test::SetLayer(static_cast<uint8_t>(mode - 1), static_cast<uint8_t>(modulation), static_cast<uint8_t>(codeRate),
                    static_cast<uint8_t>(interleave));
     ASSERT_EQ(1, SetUpDecoder());
