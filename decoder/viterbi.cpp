@@ -110,7 +110,8 @@ void ViterbiDecodeScalar(ViterbiTrellis& trellis, const uint16_t* pairs, int32_t
       const uint8_t fromQ = SaturatingAdd(old[q ^ 15], cost[BRANCHES.fromQ[s]]);
       const uint8_t best = fromP < fromQ ? fromP : fromQ;
       now[s ^ 15] = best;
-      if (fromQ == best) words[s / 16] = static_cast<uint16_t>(words[s / 16] | 1u << (15 - s % 16));  // ties go to q
+      const uint32_t decision = fromQ == best ? 1u : 0u;  // ties go to q
+      words[s / 16] = static_cast<uint16_t>(words[s / 16] | decision << (15 - s % 16));
     }
     std::memcpy(decisions + 4 * i, words, sizeof words);
     if (now[NORMALISE_POSITION] > NORMALISE_ABOVE) {
