@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "shell/receiver_state.h"
+#include "simulator/tx_stages.h"
 
 namespace zfn::test {
 
@@ -20,19 +21,6 @@ void SetLayer(uint8_t mode, uint8_t modulation, uint8_t codeRate, uint8_t interl
   engine.modeGuardRecord.mode = mode;
   engine.layerParamsRecord = {modulation, codeRate, interleave};
   engine.ndata = 96 << mode;
-}
-
-void ConvolutionalEncoder::Encode(const std::vector<uint8_t>& bytes, std::vector<uint8_t>& coded) {
-  for (uint8_t byte : bytes) {
-    for (int b = 7; b >= 0; --b) {
-      const uint32_t u = (byte >> b) & 1;
-      const uint32_t p = state;
-      auto bit = [p](int k) { return (p >> k) & 1; };
-      coded.push_back(static_cast<uint8_t>(u ^ bit(0) ^ bit(1) ^ bit(2) ^ bit(5)));  // 171: delays 1, 2, 3, 6
-      coded.push_back(static_cast<uint8_t>(u ^ bit(1) ^ bit(2) ^ bit(4) ^ bit(5)));  // 133: delays 2, 3, 5, 6
-      state = ((p << 1) | u) & 63;
-    }
-  }
 }
 
 uint8_t GfMul(uint8_t a, uint8_t b) {
@@ -67,16 +55,10 @@ std::vector<uint8_t> PolyFromRoots(int32_t firstPower, int32_t lastPower) {
 }
 
 void RsEncode(uint8_t* packet) {
-  static const std::vector<uint8_t> g = PolyFromRoots(0, 15);
-  // Remainder of d(x) * x^16 modulo g(x), long division over the data bytes, highest power first.
-  uint8_t rem[16] = {};  // rem[i]: coefficient of x^i
-  for (int m = 0; m < 188; ++m) {
-    const uint8_t t = packet[m] ^ rem[15];
-    std::memmove(rem + 1, rem, 15);
-    rem[0] = 0;
-    for (int j = 0; j < 16; ++j) rem[j] ^= GfMul(t, g[j]);
-  }
-  for (int i = 0; i < 16; ++i) packet[203 - i] = rem[i];
+  static const sim::RsEncoder encoder;
+  uint8_t unit[204];
+  encoder.Encode(packet, unit);
+  std::memcpy(packet + 188, unit + 188, 16);
 }
 
 }  // namespace zfn::test

@@ -1,6 +1,6 @@
 #pragma once
 // Shared pieces of the decoder tests: a work arena for the engine record, a reproducible random
-// source, and forward models of the transmitter's stages written from the ISDB-T standard.
+// source, and field arithmetic for constructing Reed-Solomon error patterns.
 #include <cstdint>
 #include <vector>
 
@@ -24,14 +24,7 @@ struct Random {
   uint32_t Below(uint32_t n) { return static_cast<uint32_t>((Next() >> 11) % n); }
 };
 
-// K = 7 convolutional encoder, generators 171 and 133 octal; bytes MSB first, X before Y; one bit
-// per output entry.
-struct ConvolutionalEncoder {
-  uint32_t state = 0;  // bit 0 the newest input
-  void Encode(const std::vector<uint8_t>& bytes, std::vector<uint8_t>& coded);
-};
-
-// GF(256) with 0x11D and an RS(204,188) encoder from the product (x + 2^0)...(x + 2^15).
+// GF(256) with 0x11D, bit by bit; polynomials from their roots; RS(204,188) encoding by our transmitter.
 uint8_t GfMul(uint8_t a, uint8_t b);
 uint8_t GfPow2(int32_t e);
 std::vector<uint8_t> PolyFromRoots(int32_t firstPower, int32_t lastPower);  // lowest power first

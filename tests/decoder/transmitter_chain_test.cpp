@@ -45,24 +45,6 @@ class AgainstTransmitter : public ::testing::Test {
   }
 };
 
-TEST_F(AgainstTransmitter, ReedSolomonOfTheTransmitter) {
-  const sim::RsEncoder encoder;
-  Random random(1);
-  for (int trial = 0; trial < 200; ++trial) {
-    uint8_t packet[188];
-    for (auto& b : packet) b = static_cast<uint8_t>(random.Next());
-    std::array<uint8_t, 204> unit;
-    encoder.Encode(packet, unit.data());
-    ASSERT_EQ(0, std::memcmp(packet, unit.data(), 188));
-    ASSERT_EQ(RS_OK, CheckRsParity(unit.data()));
-    const std::array<uint8_t, 204> clean = unit;
-    const int errors = 1 + trial % 8;
-    for (int k = 0; k < errors; ++k) unit[static_cast<size_t>(random.Below(204))] ^= static_cast<uint8_t>(1 + random.Below(255));
-    ASSERT_EQ(RS_CORRECTED, DecodeRs(unit.data()));
-    ASSERT_EQ(0, std::memcmp(clean.data(), unit.data(), 188));
-  }
-}
-
 TEST_F(AgainstTransmitter, DispersalAndByteInterleaverOfTheTransmitter) {
   SetUpLayer(1, 1, 0, 0);  // 12 packets per frame
   Random random(2);

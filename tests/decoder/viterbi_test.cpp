@@ -1,5 +1,6 @@
-// Viterbi decoder: vector kernels against the scalar reference, noise-free decoding with its fixed
-// delay of 64 bits across calls and through every puncturing rate, the tie rule and normalisation.
+// Viterbi decoder: vector kernels against the scalar reference, noise-free decoding of the
+// transmitter's code with its fixed delay of 64 bits across calls, the tie rule and normalisation.
+// Depuncturing at every rate is tested with the transmitter's encoder in transmitter_chain_test.cpp.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include "decoder/viterbi.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
+#include "simulator/tx_stages.h"
 #include "tests/decoder/decoder_test_support.h"
 
 namespace zfn {
@@ -38,12 +40,13 @@ void ExpectSameTrellis(const ViterbiTrellis& a, const ViterbiTrellis& b, const c
 // random hard extremes, noisy values around random bits, a true code sequence at full strength, and
 // bytes outside 0..31, whose branch costs wrap and drive the metrics into saturation at once (a clean
 // code sequence alone takes the far states up to about 248 only). The kernels agree on every input.
-std::vector<uint16_t> MakePairs(Random& random, int32_t count, int kind, test::ConvolutionalEncoder& encoder) {
+std::vector<uint16_t> MakePairs(Random& random, int32_t count, int kind, sim::ConvolutionalEncoder& encoder) {
   std::vector<uint16_t> pairs(static_cast<size_t>(count));
   if (kind == 4) {
-    std::vector<uint8_t> message(static_cast<size_t>((count + 7) / 8)), coded;
+    std::vector<uint8_t> message(static_cast<size_t>((count + 7) / 8));
     for (auto& b : message) b = static_cast<uint8_t>(random.Next());
-    encoder.Encode(message, coded);
+    std::vector<uint8_t> coded(message.size() * 16);
+    encoder.EncodeBytes(message, coded.data());
     for (int32_t i = 0; i < count; ++i) {
       uint32_t h = coded[2 * static_cast<size_t>(i)] * 31u, l = coded[2 * static_cast<size_t>(i) + 1] * 31u;
       if (random.Below(50) == 0) h = random.Below(32);
@@ -94,7 +97,7 @@ TEST(Viterbi, VectorKernelsEqualScalarReference) {
     auto reference = std::make_unique<ViterbiTrellis>();
     auto vector = std::make_unique<ViterbiTrellis>();
     std::vector<uint16_t> pairStore(VITERBI_MAX_STEPS + 16);
-    test::ConvolutionalEncoder encoder;
+    sim::ConvolutionalEncoder encoder(0);
     std::vector<uint8_t> outReference(VITERBI_MAX_STEPS / 8 + 64), outVector(VITERBI_MAX_STEPS / 8 + 64);
     for (int call = 0; call < 400; ++call) {
       // Lengths over the whole range, with small and odd ones, and every alignment of input and output.
@@ -141,9 +144,9 @@ TEST(Viterbi, NoiseFreeSequenceComesBackEightBytesLate) {
     Random random(5);
     std::vector<uint8_t> message(3000);
     for (auto& b : message) b = static_cast<uint8_t>(random.Next());
-    test::ConvolutionalEncoder encoder;
-    std::vector<uint8_t> coded;
-    encoder.Encode(message, coded);
+    sim::ConvolutionalEncoder encoder(0);  // rate 1/2: X, Y of every input bit
+    std::vector<uint8_t> coded(message.size() * 16);
+    encoder.EncodeBytes(message, coded.data());
     auto trellis = std::make_unique<ViterbiTrellis>();
     std::vector<uint8_t> decoded;
     const int32_t callSteps[] = {96, 168, 672, 2016, 1536, 384, 1008};  // whole bytes per call
@@ -162,52 +165,6 @@ TEST(Viterbi, NoiseFreeSequenceComesBackEightBytesLate) {
     ASSERT_EQ(message.size(), decoded.size());
     for (size_t i = 8; i < decoded.size(); ++i) {
       ASSERT_EQ(message[i - 8], decoded[i]) << ViterbiKernelName(kernel) << " byte " << i;
-    }
-  }
-}
-
-// Through depuncturing and packing of SymbolSink at every code rate, from punctured hard bits.
-TEST(Viterbi, NoiseFreeThroughEveryPuncturingRate) {
-  // Kept bits of one period, in transmission order: (isY, step within the period).
-  struct Pattern {
-    int period;
-    std::vector<std::pair<int, int>> sent;
-  };
-  const Pattern patterns[5] = {
-      {1, {{0, 0}, {1, 0}}},
-      {2, {{0, 0}, {1, 0}, {1, 1}}},
-      {3, {{0, 0}, {1, 0}, {1, 1}, {0, 2}}},
-      {5, {{0, 0}, {1, 0}, {1, 1}, {0, 2}, {1, 3}, {0, 4}}},
-      {7, {{0, 0}, {1, 0}, {1, 1}, {1, 2}, {1, 3}, {0, 4}, {1, 5}, {0, 6}}},
-  };
-  for (uint8_t rate = 0; rate < 5; ++rate) {
-    test::ResetEngineArena();
-    test::SetLayer(0, 1, rate, 0);  // Mode 1, QPSK: 192 coded bits per symbol
-    engine.bitsPerCarrier = 0;
-    ASSERT_EQ(1, SetUpDecoder());
-    const int32_t steps = decoder.depuncturedLength / 2;
-    const int32_t symbols = 40;
-    Random random(rate + 100);
-    std::vector<uint8_t> message(static_cast<size_t>(steps / 8 * symbols));
-    for (auto& b : message) b = static_cast<uint8_t>(random.Next());
-    test::ConvolutionalEncoder encoder;
-    std::vector<uint8_t> coded;
-    encoder.Encode(message, coded);
-    std::vector<uint8_t> sent;
-    const Pattern& pattern = patterns[rate];
-    for (size_t base = 0; base < coded.size() / 2; base += static_cast<size_t>(pattern.period)) {
-      for (auto [isY, k] : pattern.sent) sent.push_back(static_cast<uint8_t>(coded[2 * (base + static_cast<size_t>(k)) + static_cast<size_t>(isY)] * 31));
-    }
-    ASSERT_EQ(static_cast<size_t>(192 * symbols), sent.size());
-    std::vector<uint8_t> decoded;
-    for (int32_t s = 0; s < symbols; ++s) {
-      std::memcpy(decoder.bitStream, sent.data() + 192 * s, 192);
-      const uint16_t* pairs = DepunctureAndPack();
-      ViterbiDecode(pairs, steps, decoder.decodedBytes);
-      decoded.insert(decoded.end(), decoder.decodedBytes, decoder.decodedBytes + steps / 8);
-    }
-    for (size_t i = 8; i < decoded.size(); ++i) {
-      ASSERT_EQ(message[i - 8], decoded[i]) << "rate " << int(rate) << " byte " << i;
     }
   }
 }
