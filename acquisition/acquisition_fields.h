@@ -32,7 +32,7 @@ struct AcquisitionFields {
   int32_t settleSymbols;
   int32_t clockFrames;
   int32_t statFrames;
-  int32_t statNextSymbol;
+  RelaxedWord<int32_t> statNextSymbol;  // end of the statistics period; the packet thread writes it too
   DftPlan fftPlan;
   DftPlan quarterPlan;
   float* pilotSign;          // [3*ncarrier], +-0.75, over the segments below, received and above

@@ -10,12 +10,4 @@ namespace zfn {
 void SetUpTracking() {}
 void ProcessSymbol() {}
 
-// Decoding and transport output.
-int32_t SetUpDecoder() { return 1; }
-void SymbolSink() {}
-int32_t BuildRsTables() { return 1; }
-void FreeRsTables() {}
-void SetUpTransportOutput() { ArenaTakeBytes(24064 + 16320); }
-void DrainPacketRing() {}
-
 }  // namespace zfn

@@ -16,7 +16,6 @@
 
 namespace zfn {
 // The shell defines the device record; this stands in when its object is not linked.
-__attribute__((weak)) DeviceState device;
 }  // namespace zfn
 
 namespace zfn {

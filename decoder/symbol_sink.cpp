@@ -1,0 +1,236 @@
+// The per-symbol entry of the channel decoder: frequency and time deinterleaving, soft demapping, bit
+// deinterleaving, depuncturing, Viterbi decoding, publishing of the transport rates, and the byte stage.
+#include <bit>
+#include <cmath>
+#include <cstring>
+
+#include "decoder/decoder_stages.h"
+#include "decoder/decoder_state.h"
+#include "decoder/viterbi.h"
+#include "shell/device_state.h"
+#include "shell/diagnostics.h"
+#include "shell/receiver_state.h"
+#include "shell/stages.h"
+
+namespace zfn {
+
+namespace {
+
+// Carriers of one group of 96 that have a time delay line, by row: first carrier of the row. Carrier 19
+// has no delay (its receiver delay I * (95 - (5 * 19 mod 96)) is 0) and sits between rows 0 and 1.
+constexpr int32_t ROW_FIRST_CARRIER[5] = {0, 20, 39, 58, 77};
+constexpr int32_t ROW_CARRIERS = 19;
+constexpr int32_t UNDELAYED_CARRIER = 19;
+
+// Scale factors that put the 16QAM and 64QAM levels on odd integers (sqrt 10 and sqrt 42).
+constexpr double QAM16_SCALE = 3.162278;
+constexpr double QAM64_SCALE = 6.4807407;
+
+// Bit deinterleaving delays in carriers of each bit position: the complement of the transmitter's
+// 0, 120 / 0, 40, 80, 120 / 0, 24, 48, 72, 96, 120 (ARIB STD-B31 bit interleaving).
+constexpr int32_t BIT_DELAYS_QPSK[2] = {120, 0};
+constexpr int32_t BIT_DELAYS_QAM16[4] = {120, 80, 40, 0};
+constexpr int32_t BIT_DELAYS_QAM64[6] = {120, 96, 72, 48, 24, 0};
+
+// Puncturing: output places filled by the transmitted bits of one period, in transmission order.
+// Output place 2k is X of step k + 1 and 2k + 1 its Y; places not listed are punctured.
+struct PunctureShape {
+  int32_t inputBits;
+  int32_t outputBits;
+  int32_t places[8];
+};
+constexpr PunctureShape PUNCTURE_SHAPES[5] = {
+    {2, 2, {0, 1}},                        // 1/2: X1 Y1
+    {3, 4, {0, 1, 3}},                     // 2/3: X1 Y1 Y2
+    {4, 6, {0, 1, 3, 4}},                  // 3/4: X1 Y1 Y2 X3
+    {6, 10, {0, 1, 3, 4, 7, 8}},           // 5/6: X1 Y1 Y2 X3 Y4 X5
+    {8, 14, {0, 1, 3, 5, 7, 8, 11, 12}},  // 7/8: X1 Y1 Y2 Y3 Y4 X5 Y6 X7
+};
+
+constexpr uint8_t NEUTRAL_SOFT_BIT = 16;
+
+}  // namespace
+
+void DeinterleaveFrequency() {
+  const int32_t ndata = engine.ndata;
+  const float* carriers = engine.equalisedCarriers;
+  const int32_t* table = decoder.freqDeintTable;
+  float* out = decoder.freqDeint;
+  for (int32_t i = 0; i < ndata; ++i) {
+    out[2 * i] = carriers[2 * table[i]];
+    out[2 * i + 1] = carriers[2 * table[i] + 1];
+  }
+}
+
+void DeinterleaveTime(const float* source, float* destination) {
+  const int32_t step = 10 * decoder.interleaveDepth;  // line length falls by 5 * I complex values per carrier
+  float* line = decoder.timeDelayStore;
+  int32_t p = 0;
+  for (int32_t g = 0; g < decoder.interleaveGroups; ++g) {
+    const float* in = source + g * 192;
+    float* out = destination + g * 192;
+    for (int32_t r = 0; r < 5; ++r) {
+      int32_t length = decoder.timeLineLength[r];
+      for (int32_t k = 0; k < ROW_CARRIERS; ++k) {
+        const int32_t c = ROW_FIRST_CARRIER[r] + k;
+        const int32_t position = decoder.timeDelayPos[p];
+        out[2 * c] = line[position];
+        out[2 * c + 1] = line[position + 1];
+        line[position] = in[2 * c];
+        line[position + 1] = in[2 * c + 1];
+        decoder.timeDelayPos[p] = position + 2 == length ? 0 : position + 2;
+        ++p;
+        line += length;
+        length -= step;
+      }
+      if (r == 0) {
+        out[2 * UNDELAYED_CARRIER] = in[2 * UNDELAYED_CARRIER];
+        out[2 * UNDELAYED_CARRIER + 1] = in[2 * UNDELAYED_CARRIER + 1];
+      }
+    }
+  }
+}
+
+void DemapSoft(const float* source) {
+  const int32_t ndata = engine.ndata;
+  uint8_t* soft = decoder.softBits;  // may lie on top of source: each carrier is read before it is written
+  switch (engine.bitsPerCarrier) {
+    case 2:
+      for (int32_t n = 0; n < ndata; ++n) {
+        const float re = source[2 * n];
+        const float im = source[2 * n + 1];
+        soft[2 * n] = SoftBit(16.0f - re);
+        soft[2 * n + 1] = SoftBit(16.0f - im);
+      }
+      break;
+    case 4:
+      for (int32_t n = 0; n < ndata; ++n) {
+        const float a = static_cast<float>(source[2 * n] * QAM16_SCALE);
+        const float b = static_cast<float>(source[2 * n + 1] * QAM16_SCALE);
+        soft[4 * n] = SoftBit(16.0f - 4.0f * a);
+        soft[4 * n + 1] = SoftBit(16.0f - 4.0f * b);
+        soft[4 * n + 2] = SoftBit(16.0f - 4.0f * (std::fabs(a) - 2.0f));
+        soft[4 * n + 3] = SoftBit(16.0f - 4.0f * (std::fabs(b) - 2.0f));
+      }
+      break;
+    case 6:
+      for (int32_t n = 0; n < ndata; ++n) {
+        const float a = static_cast<float>(source[2 * n] * QAM64_SCALE);
+        const float b = static_cast<float>(source[2 * n + 1] * QAM64_SCALE);
+        const float a1 = std::fabs(a) - 4.0f;
+        const float b1 = std::fabs(b) - 4.0f;
+        const float a2 = std::fabs(a1) - 2.0f;
+        const float b2 = std::fabs(b1) - 2.0f;
+        soft[6 * n] = SoftBit(16.0f - 4.0f * a);
+        soft[6 * n + 1] = SoftBit(16.0f - 4.0f * b);
+        soft[6 * n + 2] = SoftBit(16.0f - 4.0f * a1);
+        soft[6 * n + 3] = SoftBit(16.0f - 4.0f * b1);
+        soft[6 * n + 4] = SoftBit(16.0f - 4.0f * a2);
+        soft[6 * n + 5] = SoftBit(16.0f - 4.0f * b2);
+      }
+      break;
+    default:
+      break;
+  }
+}
+
+void DeinterleaveBits() {
+  const int32_t ndata = engine.ndata;
+  const int32_t bits = engine.bitsPerCarrier;
+  const int32_t* delays;
+  uint8_t* lines[6] = {};
+  switch (bits) {
+    case 2:
+      delays = BIT_DELAYS_QPSK;
+      lines[0] = decoder.bitDelay120;
+      break;
+    case 4:
+      delays = BIT_DELAYS_QAM16;
+      lines[0] = decoder.bitDelay120;
+      lines[1] = decoder.bitDelay80;
+      lines[2] = decoder.bitDelay40;
+      break;
+    case 6:
+      delays = BIT_DELAYS_QAM64;
+      lines[0] = decoder.bitDelay120;
+      lines[1] = decoder.bitDelay96;
+      lines[2] = decoder.bitDelay72;
+      lines[3] = decoder.bitDelay48;
+      lines[4] = decoder.bitDelay24;
+      break;
+    default:
+      return;
+  }
+  const uint8_t* soft = decoder.softBits;
+  uint8_t* out = decoder.bitStream;
+  for (int32_t j = 0; j < bits; ++j) {
+    const int32_t d = delays[j];
+    uint8_t* line = lines[j];
+    if (d == 0) {
+      for (int32_t n = 0; n < ndata; ++n) out[bits * n + j] = soft[bits * n + j];
+    } else if (d > ndata) {
+      // Longer than a symbol (120 carriers in Mode 1): the line is a FIFO that moves down by a symbol.
+      for (int32_t n = 0; n < ndata; ++n) out[bits * n + j] = line[n];
+      std::memmove(line, line + ndata, static_cast<size_t>(d - ndata));
+      for (int32_t n = 0; n < ndata; ++n) line[d - ndata + n] = soft[bits * n + j];
+    } else {
+      for (int32_t n = 0; n < d; ++n) out[bits * n + j] = line[n];
+      for (int32_t n = d; n < ndata; ++n) out[bits * n + j] = soft[bits * (n - d) + j];
+      for (int32_t n = 0; n < d; ++n) line[n] = soft[bits * (ndata - d + n) + j];
+    }
+  }
+}
+
+const uint16_t* DepunctureAndPack() {
+  const int32_t codeRate = engine.layerParams->codeRate;
+  const int32_t length = decoder.depuncturedLength;
+  const uint8_t* bits = decoder.bitStream;
+  if (codeRate != 0) {
+    const PunctureShape& shape = PUNCTURE_SHAPES[codeRate];
+    uint8_t* out = decoder.depunctured;
+    std::memset(out, NEUTRAL_SOFT_BIT, static_cast<size_t>(length));
+    for (int32_t g = 0; g < decoder.punctureGroups; ++g) {
+      const uint8_t* in = bits + g * shape.inputBits;
+      uint8_t* group = out + g * shape.outputBits;
+      for (int32_t k = 0; k < shape.inputBits; ++k) group[shape.places[k]] = in[k];
+    }
+    bits = out;
+  }
+  uint16_t* pairs = decoder.softPairs;
+  for (int32_t i = 0; i < length / 2; ++i) pairs[i] = static_cast<uint16_t>(bits[2 * i] << 8 | bits[2 * i + 1]);
+  return pairs;
+}
+
+void PublishTransportRates() {
+  const float byteRate = engine.byteErrorRate;
+  const float packetRate = engine.packetErrorRate;
+  const float failRate = engine.packetFailRate;
+  if (DebugParaBlock* words = device.debugPara) {
+    words->SetFloat(7, byteRate);
+    words->SetFloat(8, packetRate);
+    words->SetFloat(9, failRate);
+  }
+  if (engine.probeActive != 0 && matlabProbe != nullptr && matlabProbe->ratesCell != nullptr) {
+    double* cell = matlabProbe->ratesCell;
+    cell[0] = packetRate;
+    cell[1] = byteRate;
+    cell[2] = failRate;
+  }
+}
+
+void SymbolSink() {
+  DeinterleaveFrequency();
+  const float* source = decoder.freqDeint;
+  if (decoder.interleaveDepth != 0) {
+    DeinterleaveTime(decoder.freqDeint, decoder.timeDeint);
+    source = decoder.timeDeint;
+  }
+  DemapSoft(source);
+  DeinterleaveBits();
+  const uint16_t* pairs = DepunctureAndPack();
+  ViterbiDecode(pairs, decoder.depuncturedLength / 2, decoder.decodedBytes);
+  PublishTransportRates();
+  RunByteStage();
+}
+
+}  // namespace zfn

@@ -1,0 +1,33 @@
+#pragma once
+// Shared pieces of the decoder tests: a work arena for the engine record, a reproducible random
+// source, and field arithmetic for constructing Reed-Solomon error patterns.
+#include <cstdint>
+#include <vector>
+
+namespace zfn::test {
+
+// Gives the engine a fresh work arena of the real size and points the mode and layer records at
+// their places in the engine record. Frees the previous arena.
+void ResetEngineArena();
+void SetLayer(uint8_t mode, uint8_t modulation, uint8_t codeRate, uint8_t interleave);
+
+// xorshift64*: the same numbers on every platform.
+struct Random {
+  uint64_t state;
+  explicit Random(uint64_t seed) : state(seed * 2654435761u + 0x9E3779B97F4A7C15ull) {}
+  uint64_t Next() {
+    state ^= state >> 12;
+    state ^= state << 25;
+    state ^= state >> 27;
+    return state * 2685821657736338717ull;
+  }
+  uint32_t Below(uint32_t n) { return static_cast<uint32_t>((Next() >> 11) % n); }
+};
+
+// GF(256) with 0x11D, bit by bit; polynomials from their roots; RS(204,188) encoding by our transmitter.
+uint8_t GfMul(uint8_t a, uint8_t b);
+uint8_t GfPow2(int32_t e);
+std::vector<uint8_t> PolyFromRoots(int32_t firstPower, int32_t lastPower);  // lowest power first
+void RsEncode(uint8_t* packet);  // writes bytes 188..203 from 0..187
+
+}  // namespace zfn::test

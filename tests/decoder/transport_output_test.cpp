@@ -1,0 +1,329 @@
+// Packet thread: the reset handshake with its two resets, the moving rates, the statistics period,
+// the lock judgement in decode stages 1 and 2, and delivery in blocks of 128 packets.
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "decoder/decoder_stages.h"
+#include "decoder/decoder_state.h"
+#include "decoder/reed_solomon.h"
+#include "shell/device_state.h"
+#include "shell/receiver_state.h"
+#include "shell/stages.h"
+#include "tests/decoder/decoder_test_support.h"
+
+namespace zfn {
+namespace {
+
+using Packet = std::array<uint8_t, 204>;
+
+std::vector<std::vector<uint8_t>> delivered;
+std::atomic<int> deliveredCount{0};
+void (*duringCallback)() = nullptr;
+
+void Receive(const uint8_t* data, int32_t length) {
+  delivered.emplace_back(data, data + length);
+  deliveredCount.fetch_add(1);
+  if (duringCallback != nullptr) duringCallback();
+}
+
+class TransportOutput : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { ASSERT_EQ(1, BuildRsTables()); }
+  static void TearDownTestSuite() { FreeRsTables(); }
+
+  void SetUp() override {
+    test::ResetEngineArena();
+    SetUpTransportOutput();
+    engine.rsDecoderFull = 1;
+    engine.decodeStage = 2;
+    engine.symbolCount = 0;
+    engine.statFrames = 4;
+    engine.packetLogStream = nullptr;
+    device.packetEvent.Close();
+    device.tsCallback = Receive;
+    delivered.clear();
+    deliveredCount = 0;
+    duringCallback = nullptr;
+  }
+
+  Packet Good() {
+    Packet p;
+    for (int i = 0; i < 188; ++i) p[i] = static_cast<uint8_t>(random.Next());
+    p[0] = 0x47;
+    test::RsEncode(p.data());
+    return p;
+  }
+  Packet WithErrors(int errors) {
+    Packet p = Good();
+    for (int k = 0; k < errors; ++k) p[static_cast<size_t>(1 + 6 * k)] ^= static_cast<uint8_t>(0x11 + k);
+    return p;
+  }
+  Packet Bad() {
+    Packet p = WithErrors(30);
+    Packet copy = p;
+    const int32_t result = DecodeRs(copy.data());
+    EXPECT_TRUE(result != RS_OK && result != RS_CORRECTED);
+    return p;
+  }
+  // What the demodulation thread does with a finished block.
+  static void Write(const Packet& p) {
+    std::memcpy(decoder.stagedPacket, p.data(), 204);
+    HandOverPacket();
+  }
+  void Feed(const std::vector<Packet>& packets) {
+    for (const Packet& p : packets) {
+      Write(p);
+      DrainPacketRing();
+    }
+  }
+
+  test::Random random{77};
+};
+
+TEST_F(TransportOutput, ResetHandshakeWithBothResets) {
+  // Load time: a reset is requested. The first drain does reset A and nothing else.
+  ASSERT_EQ(1, engine.tsResetRequest);
+  engine.streamFailMark = 1;
+  engine.goodFrameRun = 5;
+  engine.failsThisSecond = 3;
+  DrainPacketRing();
+  EXPECT_EQ(0, engine.streamFailMark);
+  EXPECT_EQ(0, engine.goodFrameRun);
+  EXPECT_EQ(-1, engine.failsThisSecond);
+  EXPECT_EQ(3, engine.tsResetPhase);
+  EXPECT_EQ(1, engine.tsResetRequest);  // stays until the next ring write
+
+  // The next ring write clears the request; from then on packets flow, from slot 1.
+  Write(Good());
+  EXPECT_EQ(0, engine.tsResetRequest);
+  EXPECT_EQ(1u, engine.ringWrite);
+  Write(Good());
+  DrainPacketRing();
+  EXPECT_EQ(2u, engine.ringRead);
+  EXPECT_EQ(2, engine.tsOutputFill);
+  EXPECT_EQ(2, engine.goodFrameRun);
+
+  // A restart: phase 2 and a request; ring writes stop, the drain resets and reopens the ring.
+  engine.tsResetPhase = 2;
+  engine.tsResetRequest = 1;
+  Write(Good());
+  EXPECT_EQ(2u, engine.ringWrite);
+  DrainPacketRing();
+  EXPECT_EQ(0u, engine.ringWrite);
+  EXPECT_EQ(0, engine.tsOutputFill);
+  EXPECT_EQ(3, engine.tsResetPhase);
+
+  // A request that arrives during a drain: reset B keeps the stream-failure mark, and the next wake-up
+  // (reset A) clears it.
+  Feed({Good()});
+  engine.streamFailMark = 1;
+  engine.tsOutputFill = 127;
+  duringCallback = [] {
+    engine.tsResetPhase = 2;
+    engine.tsResetRequest = 1;
+  };
+  for (int k = 0; k < 5; ++k) Write(Good());
+  DrainPacketRing();
+  ASSERT_EQ(1u, delivered.size());
+  EXPECT_EQ(1, engine.streamFailMark);
+  EXPECT_EQ(0, engine.goodFrameRun);
+  EXPECT_EQ(0u, engine.ringRead);
+  EXPECT_EQ(0u, engine.ringWrite);  // the four unread packets are gone
+  EXPECT_EQ(3, engine.tsResetPhase);
+  DrainPacketRing();
+  EXPECT_EQ(0, engine.streamFailMark);
+}
+
+TEST_F(TransportOutput, RatesMoveByResult) {
+  engine.tsResetRequest = 0;
+  engine.packetErrorRate = 0.5f;
+  engine.packetFailRate = 0.25f;
+  engine.byteErrorRate = 0.125f;
+  Feed({Good()});
+  EXPECT_EQ(static_cast<float>(0.5 * 0.95), engine.packetErrorRate);
+  EXPECT_EQ(static_cast<float>(0.25 * 0.95), engine.packetFailRate);
+  EXPECT_EQ(static_cast<float>(0.125 * 0.9), engine.byteErrorRate);
+
+  double per = engine.packetErrorRate, pfr = engine.packetFailRate, ber = engine.byteErrorRate;
+  Feed({WithErrors(3)});
+  EXPECT_EQ(static_cast<float>(per * 0.95 + 0.05), engine.packetErrorRate);
+  EXPECT_EQ(static_cast<float>(pfr * 0.95), engine.packetFailRate);
+  EXPECT_EQ(static_cast<float>(ber * 0.9 + (3 / 188.0) * 0.1), engine.byteErrorRate);
+
+  per = engine.packetErrorRate, pfr = engine.packetFailRate, ber = engine.byteErrorRate;
+  Feed({Bad()});
+  EXPECT_EQ(static_cast<float>(per * 0.95 + 0.05), engine.packetErrorRate);
+  EXPECT_EQ(static_cast<float>(pfr * 0.95 + 0.05), engine.packetFailRate);
+  EXPECT_EQ(static_cast<float>(ber * 0.9 + 0.004), engine.byteErrorRate);
+
+  // The light path: a wrong byte is passed on as it is, and counts as a failure.
+  engine.rsDecoderFull = 0;
+  per = engine.packetErrorRate, ber = engine.byteErrorRate;
+  Feed({WithErrors(1)});
+  EXPECT_EQ(static_cast<float>(per * 0.95 + 0.05), engine.packetErrorRate);
+  EXPECT_EQ(static_cast<float>(ber * 0.9 + 0.004), engine.byteErrorRate);
+  EXPECT_EQ(0, std::memcmp(engine.rsWork, engine.rsRaw, 204));
+}
+
+TEST_F(TransportOutput, StatisticsPeriod) {
+  engine.tsResetRequest = 0;
+  // A first period end of 0 against a symbol count of many periods: one period per packet, with the
+  // count zeroed at each, until the end passes the symbol count.
+  engine.symbolCount = 3000;  // periods of 4 * 204 = 816 symbols
+  Feed({Bad(), Bad(), Bad()});
+  EXPECT_EQ(3 * 816, engine.statNextSymbol);
+  EXPECT_EQ(0, engine.failsThisSecond);
+  Feed({Bad()});
+  EXPECT_EQ(4 * 816, engine.statNextSymbol);
+  EXPECT_EQ(0, engine.failsThisSecond);  // the bad packet on the boundary is not counted
+  Feed({Bad(), Good(), Bad(), Bad()});
+  EXPECT_EQ(3, engine.failsThisSecond);
+  EXPECT_EQ(4 * 816, engine.statNextSymbol);
+}
+
+TEST_F(TransportOutput, EarlyJudgementInStageOne) {
+  engine.tsResetRequest = 0;
+  engine.decodeStage = 1;
+  std::vector<Packet> packets(39, Packet{});
+  for (auto& p : packets) p = Bad();
+  Feed(packets);
+  EXPECT_EQ(0, engine.earlyFailMark);  // not yet 40
+  Feed({Good()});
+  EXPECT_EQ(40, engine.earlyPacketCount);
+  EXPECT_EQ(1, engine.earlyGoodCount);
+  EXPECT_EQ(1, engine.earlyFailMark);  // one good of 40 sends the engine back ...
+  EXPECT_EQ(1, engine.anyGoodMark);    // ... while the lock status says locked
+  Feed({Good(), Good()});              // the count stops at 40
+  EXPECT_EQ(40, engine.earlyPacketCount);
+  EXPECT_EQ(1, engine.earlyGoodCount);
+  EXPECT_EQ(0, engine.goodFrameRun);
+
+  // Two good among the first 40 keep the mark down.
+  SetUp();
+  engine.tsResetRequest = 0;
+  engine.decodeStage = 1;
+  Feed({Good(), Good()});
+  for (int k = 0; k < 38; ++k) Feed({Bad()});
+  EXPECT_EQ(0, engine.earlyFailMark);
+
+  // Decode stage 0: statistics and delivery go on, the runs stand still.
+  engine.decodeStage = 0;
+  Feed({Bad(), Good()});
+  EXPECT_EQ(0, engine.goodFrameRun);
+  EXPECT_EQ(0, engine.badFrameRun);
+  EXPECT_EQ(42, engine.tsOutputFill);
+}
+
+TEST_F(TransportOutput, StreamJudgementInStageTwo) {
+  engine.tsResetRequest = 0;
+  // Until ten good packets have been seen, bad ones accumulate.
+  Feed({Bad(), Bad(), Good(), Bad()});
+  EXPECT_EQ(3, engine.badFrameRun);
+  EXPECT_EQ(1, engine.goodFrameRun);
+  for (int k = 0; k < 9; ++k) Feed({Good()});
+  EXPECT_EQ(0, engine.badFrameRun);
+  // 39 bad, then one good at a good run of 10 or more: the bad run returns to 0, no mark.
+  for (int k = 0; k < 39; ++k) Feed({Bad()});
+  EXPECT_EQ(39, engine.badFrameRun);
+  EXPECT_EQ(0, engine.streamFailMark);
+  Feed({Good()});
+  EXPECT_EQ(0, engine.badFrameRun);
+  // 40 bad in a row raise the mark and zero the good run; ten good in a row clear it.
+  for (int k = 0; k < 40; ++k) Feed({Bad()});
+  EXPECT_EQ(1, engine.streamFailMark);
+  EXPECT_EQ(0, engine.goodFrameRun);
+  for (int k = 0; k < 9; ++k) Feed({Good()});
+  EXPECT_EQ(1, engine.streamFailMark);
+  Feed({Good()});
+  EXPECT_EQ(0, engine.streamFailMark);
+  EXPECT_EQ(0, engine.badFrameRun);
+}
+
+TEST_F(TransportOutput, DeliversBlocksOf128PacketsAsTheyCame) {
+  engine.tsResetRequest = 0;
+  std::vector<Packet> sent;
+  for (int k = 0; k < 300; ++k) sent.push_back(k % 3 == 0 ? Bad() : k % 3 == 1 ? WithErrors(2) : Good());
+  for (size_t k = 0; k < sent.size(); k += 50) {
+    // Fifty at a time into the ring, then one drain: the ring holds up to 79 unread packets.
+    for (size_t i = k; i < k + 50 && i < sent.size(); ++i) Write(sent[i]);
+    DrainPacketRing();
+  }
+  ASSERT_EQ(2u, delivered.size());
+  EXPECT_EQ(300 - 256, engine.tsOutputFill);
+  for (size_t b = 0; b < 2; ++b) {
+    ASSERT_EQ(static_cast<size_t>(TS_OUTPUT_BYTES), delivered[b].size());
+    for (size_t i = 0; i < 128; ++i) {
+      const size_t k = 128 * b + i;
+      Packet expected = sent[k];
+      if (k % 3 == 1) DecodeRs(expected.data());  // corrected packets go out corrected, bad ones as they came
+      ASSERT_EQ(0, std::memcmp(expected.data(), delivered[b].data() + 188 * i, 188)) << "packet " << k;
+    }
+  }
+  // With no callback the full block is dropped.
+  device.tsCallback = nullptr;
+  engine.tsOutputFill = 127;
+  Feed({Good()});
+  EXPECT_EQ(0, engine.tsOutputFill);
+  EXPECT_EQ(2u, delivered.size());
+}
+
+// The two threads as they run in the engine: the demodulation side hands packets over and sets the
+// event, the packet thread wakes on it and drains. Nothing is lost or reordered while the ring is not
+// lapped.
+TEST_F(TransportOutput, PacketThreadDrainsWhileTheDemodulatorWrites) {
+  ASSERT_TRUE(device.packetEvent.Create());
+  const int fd = device.packetEvent.Descriptor();
+  std::vector<Packet> packets;
+  for (int k = 0; k < 4 * 128; ++k) {
+    Packet p = Good();
+    std::memcpy(p.data() + 4, &k, sizeof k);
+    test::RsEncode(p.data());
+    packets.push_back(p);
+  }
+  std::atomic<bool> done{false};
+  std::thread packetThread([&done, fd] {
+    while (!done.load()) {
+      pollfd wait{fd, POLLIN, 0};
+      if (poll(&wait, 1, 50) == 1) {
+        uint64_t value;
+        if (read(fd, &value, sizeof value) == sizeof value) DrainPacketRing();
+      }
+    }
+  });
+  for (const Packet& p : packets) {
+    for (;;) {
+      uint32_t distance;
+      {
+        std::lock_guard<std::mutex> lock(device.packetRingLock);
+        distance = (engine.ringWrite + TS_RING_SLOTS - engine.ringRead) % TS_RING_SLOTS;
+      }
+      if (distance < 60) break;
+      std::this_thread::yield();
+    }
+    Write(p);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (deliveredCount.load() < 4 && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  done = true;
+  packetThread.join();
+  device.packetEvent.Close();
+  ASSERT_EQ(4u, delivered.size());
+  for (size_t k = 0; k < packets.size(); ++k) {
+    ASSERT_EQ(0, std::memcmp(packets[k].data(), delivered[k / 128].data() + 188 * (k % 128), 188)) << "packet " << k;
+  }
+  EXPECT_EQ(0.0f, engine.packetFailRate);
+}
+
+}  // namespace
+}  // namespace zfn
