@@ -57,6 +57,36 @@ struct ShellFields {
   ModeGuard* modeGuard;
   LayerParams* layerParams;
   int32_t modeIndexLast{-1};
+
+  // Needed early by tracking; owned by shell
+  // Receiver parameter set: the timing stages.
+  int32_t stageStartSymbol[3];
+  float stageSpanFraction[3];
+  float stageLoopGain[3];
+  int32_t stageUpdatePeriod[3];
+  float stageStepFraction[3];
+  int32_t stageSpare[3];
+  int32_t stageDeadZone[3];
+  // Channel filter taps: three complex values each, interleaved re, im.
+  float interpTapsA[6];
+  float interpTapsB[6];
+  float interpTapsC[6];
+  float pilotGainScaleA;
+  float pilotGainScaleB;
+  int32_t guardScanStart;
+  float qpskSoftTarget;
+  float lmsStep;
+  float mixWeightFast;
+  float mixWeightSlow;
+  float tapDiffLimitBC;
+  float tapDiffLimitAB;
+  float tapFloorA;
+  float tapFloorB;
+  float tapFloorC;
+  float freqLoopGain;
+  int32_t paramFilesActive;
+  // Word 4 of the ControlBlock: copy of snrDb for the API threads.
+  RelaxedWord<float> lastSnrDb;
 };
 
 }  // namespace zfn
