@@ -153,8 +153,21 @@ SegmentSignal::SegmentSignal(int mode, int guard, int bitsPerCarrier, const Chan
   nsym_ = nfft_ + nguard_;
   ncarrier_ = TABLES[mode].ncarrier;
   pilotSign_ = PilotSigns(mode);
+  continualPrev_.assign(3 * ncarrier_, 4.0f / 3.0f);
   sent_.assign(16, std::vector<std::complex<float>>(ncarrier_));
   echoTail_.assign(static_cast<size_t>(std::max(channel.echoDelay, 1)), {0.0f, 0.0f});
+}
+
+// TMCC and AC carriers of the segment, and in Mode 1 those of the neighbouring segments that the
+// receiver watches as well (its fixed-carrier bins outside the segment).
+bool SegmentSignal::IsContinual(int t) const {
+  const int c = t - ncarrier_;
+  if (c >= 0 && c < ncarrier_) return std::find(FIXED[mode_].begin(), FIXED[mode_].end(), c) != FIXED[mode_].end();
+  const int k = t - 3 * ncarrier_ / 2;
+  const int bin = (k + nfft_) % nfft_;
+  for (int e = 0; e < TABLES[mode_].ntrack; ++e)
+    if (TRACK_BINS[mode_][e] == bin) return true;
+  return false;
 }
 
 std::complex<float> SegmentSignal::Sent(int64_t m, int c) const { return sent_[m % 16][c]; }
@@ -189,10 +202,11 @@ void SegmentSignal::AppendSymbol() {
     std::complex<float> v;
     if (t % 12 == 3 * s) {
       v = {pilotSign_[t] / 0.75f * (4.0f / 3.0f), 0.0f};
-    } else if (c >= 0 && c < ncarrier_ &&
-               std::find(FIXED[mode_].begin(), FIXED[mode_].end(), c) != FIXED[mode_].end()) {
-      const float prev = m == 0 ? 4.0f / 3.0f : sent_[(m - 1) % 16][c].real();
+    } else if (IsContinual(t)) {
+      // TMCC and AC carriers: differential BPSK at the pilot amplitude.
+      const float prev = m == 0 ? 4.0f / 3.0f : continualPrev_[t];
       v = {flip(rng_) ? -prev : prev, 0.0f};
+      continualPrev_[t] = v.real();
     } else {
       v = RandomPoint(rng_, bits_);
     }

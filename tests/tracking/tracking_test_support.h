@@ -41,6 +41,7 @@ class SegmentSignal {
 
  private:
   void AppendSymbol();
+  bool IsContinual(int t) const;
 
   int mode_, guard_, bits_;
   int nfft_, nguard_, nsym_, ncarrier_;
@@ -54,6 +55,7 @@ class SegmentSignal {
   std::vector<std::vector<std::complex<float>>> sent_;  // per symbol (ring), segment carriers
   std::vector<std::complex<float>> echoTail_;
   std::vector<float> pilotSign_;
+  std::vector<float> continualPrev_;
 };
 
 // Walks the stream: copies nwork samples at the read position into the symbol buffer, runs
