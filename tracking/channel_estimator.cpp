@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "numeric/math_primitives.h"
 #include "shell/receiver_state.h"
 #include "tracking/complex32.h"
 #include "tracking/slicers.h"
@@ -12,10 +13,10 @@ namespace zfn {
 
 namespace {
 
-constexpr double TWO_PI = 6.283185307179;
-
 Cx Rotator(double angle) {
-  return {static_cast<float>(std::cos(angle)), static_cast<float>(std::sin(angle))};
+  double s = 0.0, c = 0.0;
+  SinCosD(angle, &s, &c);
+  return {static_cast<float>(c), static_cast<float>(s)};
 }
 
 float* HistoryRow(int32_t slot) {

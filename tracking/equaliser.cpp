@@ -3,9 +3,11 @@
 #include <cmath>
 #include <cstring>
 
+#include "numeric/dft.h"
+#include "numeric/math_primitives.h"
+#include "shell/device_state.h"
 #include "shell/receiver_state.h"
 #include "tracking/complex32.h"
-#include "tracking/numeric_stopgap.h"
 #include "tracking/slicers.h"
 #include "tracking/tracker_state.h"
 
@@ -114,9 +116,9 @@ void EqualiseCarriers() {
   // Signal to noise ratio of the symbol from the decision errors; floored at -80 dB.
   float ratio = powerSum / noiseSum;
   if (ratio < 1e-08f) ratio = 1e-08f;
-  const float snr = static_cast<float>(10.0 * std::log10(static_cast<double>(ratio)));
+  const float snr = static_cast<float>(10.0 * Log10D(static_cast<double>(ratio)));
   engine.snrDb = snr;
-  engine.lastSnrDb = snr;
+  controlBlock.lastSnrDb = snr;
   if (t.snrLog) std::fprintf(t.snrLog, "%f\n", static_cast<double>(snr));
 }
 

@@ -4,18 +4,20 @@
 #include <cmath>
 #include <cstring>
 
+#include "acquisition/acquisition.h"
+#include "numeric/dft.h"
+#include "numeric/math_primitives.h"
 #include "shell/device_state.h"
+#include "shell/diagnostics.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
 #include "tracking/complex32.h"
-#include "tracking/numeric_stopgap.h"
 #include "tracking/tracker_state.h"
 
 namespace zfn {
 
 namespace {
 
-constexpr double TWO_PI = 6.283185307179;
 constexpr int32_t TIMING_STAGES = 3;
 
 void LoadTapSet(float* set, const float* taps) { std::memcpy(set, taps, sizeof(float) * 6); }
@@ -133,7 +135,7 @@ void TransformAndStore() {
   const int32_t nfft = engine.nfft;
   const int32_t half = engine.nspan / 2;
   std::memcpy(t.spectrumNow, engine.symbolBody, sizeof(float) * 2 * static_cast<size_t>(nfft));
-  TransformFull(t.spectrumNow, -1);
+  DftiErrorClass(DftiComputeForward(engine.fftPlan, t.spectrumNow), DFTI_NO_ERROR);
   t.carrierSlotNow = t.carrierRing + t.carrierRingNext * t.carrierRingStride;
   // Negative frequencies first: slot entry e is carrier e + spanCentre relative to DC.
   std::memcpy(t.carrierSlotNow, t.spectrumNow + 2 * (nfft - half), sizeof(float) * 2 * static_cast<size_t>(half));
@@ -209,11 +211,10 @@ void RunFrequencyLoop() {
 void WriteStatusWords() {
   DebugParaBlock* para = device.debugPara;
   if (!para) return;
-  para->word[0] = std::bit_cast<int32_t>(engine.snrDb.load());
-  const float offset = static_cast<float>(engine.nfft * static_cast<double>(engine.ncoStep) / TWO_PI);
-  para->word[1] = std::bit_cast<int32_t>(offset);
-  para->word[10] = engine.channelState;
-  para->word[11] = std::bit_cast<int32_t>(static_cast<float>(engine.failsThisSecond.load()));
+  para->SetFloat(0, engine.snrDb);
+  para->SetFloat(1, static_cast<float>(engine.nfft * static_cast<double>(engine.ncoStep) / TWO_PI));
+  para->SetInt(10, engine.channelState);
+  para->SetFloat(11, static_cast<float>(engine.failsThisSecond.load()));
 }
 
 }  // namespace

@@ -18,10 +18,11 @@ constexpr int32_t CHANNEL_FAST = 1;
 struct TrackingFields {
   // Signal quality in dB of the last equalised symbol; read with no lock by the status functions.
   RelaxedWord<float> snrDb;
+  // DECODE_SCAN, DECODE_EARLY or DECODE_STREAM; read by the lock status.
+  RelaxedWord<int32_t> decodeStage;
   int8_t snrFailed;        // 1 once the low-SNR watch gave up; turned into a resync by the block loop
   int8_t timingEnabled;    // 0 while timing steps are suppressed (first eight symbols)
   int32_t timingStep;      // samples by which the next symbol start moves; positive = later
-  int32_t decodeStage;     // DECODE_SCAN, DECODE_EARLY or DECODE_STREAM
   int32_t symbolCount;     // symbols since tracking began
   int32_t channelState;    // CHANNEL_SLOW or CHANNEL_FAST
   // ndata interleaved complex floats: equalised data carriers of the symbol three symbols back.

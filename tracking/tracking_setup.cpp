@@ -4,10 +4,12 @@
 #include <cmath>
 #include <cstring>
 
+#include "acquisition/numerology.h"
+#include "numeric/dft.h"
+#include "numeric/math_primitives.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
 #include "shell/work_arena.h"
-#include "tracking/numeric_stopgap.h"
 #include "tracking/tracker_state.h"
 
 namespace zfn {
@@ -15,8 +17,6 @@ namespace zfn {
 TrackerState tracker;
 
 namespace {
-
-constexpr uint8_t PARAM_BY_MODE = 2;
 
 // Polyphase arm of an interpolator of ratio 3: weights of the row entries around the carrier to be
 // interpolated, largest near the middle (0.8246 one third away, 0.4124 two thirds away).
@@ -31,22 +31,15 @@ constexpr float INTERP_PROTOTYPE[INTERP_TAPS] = {
 constexpr uint32_t INTERP_DELAY_BITS[INTERP_PAIRS] = {0x3e2aaaad, 0x3e555555, 0x3e000000,
                                                       0x3e800000, 0x3daaaaaa};
 
-// Segment carriers with neither data nor scattered pilots (TMCC and AC), ARIB STD-B31 3.12.6,
-// one list per mode, ending with -1.
-constexpr int32_t FIXED_CARRIERS_MODE1[] = {35, 49, 79, -1};
-constexpr int32_t FIXED_CARRIERS_MODE2[] = {23, 98, 101, 118, 136, 178, -1};
-constexpr int32_t FIXED_CARRIERS_MODE3[] = {7, 89, 101, 131, 206, 209, 226, 244, 286, 349, 377, 407, -1};
-
 struct ModeConstants {
   int32_t segmentOffset, gridOffset, adaptFirst, adaptEnd, spanCentre;
   uint32_t ceStepBits;
-  const int32_t* fixedCarriers;
 };
 
 constexpr ModeConstants MODE_CONSTANTS[3] = {
-    {36, 12, 3, 12, -90, 0x39d1b717, FIXED_CARRIERS_MODE1},
-    {72, 24, 6, 24, -180, 0x3951b717, FIXED_CARRIERS_MODE2},
-    {144, 48, 12, 48, -360, 0x38d1b717, FIXED_CARRIERS_MODE3},
+    {36, 12, 3, 12, -90, 0x39d1b717},
+    {72, 24, 6, 24, -180, 0x3951b717},
+    {144, 48, 12, 48, -360, 0x38d1b717},
 };
 
 constexpr float LAG_AVG_KEEP = 0.875f;
@@ -66,7 +59,7 @@ void DesignInterpFilters() {
     for (int32_t i = 0; i < INTERP_TAPS; ++i) {
       // The phase term moves the passband to delay d; 31 - 3*i is the distance in carriers from
       // the tap's row entry to the carrier interpolated at one third.
-      const float angle = static_cast<float>(-6.283185307179 * d * (31 - 3 * i));
+      const float angle = static_cast<float>(-TWO_PI * d * (31 - 3 * i));
       const float scale = INTERP_PROTOTYPE[i] / static_cast<float>(nq);
       tapRe[i] = scale * std::cos(angle);
       tapIm[i] = scale * std::sin(angle);
@@ -128,8 +121,8 @@ void SetUpTracking() {
   t.spanCentre = c.spanCentre;
   t.ceStepA = std::bit_cast<float>(c.ceStepBits);
   t.ceStepB = std::bit_cast<float>(c.ceStepBits);
-  t.fixedCarriers = c.fixedCarriers;
-  t.pilotStart = engine.ncarrier - (nspan - engine.ncarrier) / 2;
+  t.fixedCarriers = FIXED_CARRIERS_BY_MODE[mode];
+  t.pilotStart = PILOT_START_BY_MODE[mode];
 
   const int32_t marginLen = 2 * engine.nmargin + 1;
   std::memset(engine.marginProfile, 0, sizeof(float) * static_cast<size_t>(marginLen));

@@ -6,9 +6,12 @@
 #include <cmath>
 #include <cstring>
 
+#include <gtest/gtest.h>
+
+#include "acquisition/numerology.h"
+#include "shell/engine_memory.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
-#include "shell/work_arena.h"
 #include "tracking/tracker_state.h"
 
 namespace zfn::test {
@@ -16,9 +19,6 @@ namespace zfn::test {
 namespace {
 
 constexpr double PI = 3.14159265358979323846;
-
-alignas(64) uint8_t arenaPool[WORK_ARENA_BYTES];
-ModeGuard modeGuardStore;
 
 struct Table {
   int nfft, ncarrier, ndata, ntrack;
@@ -73,55 +73,20 @@ std::complex<float> RandomPoint(std::mt19937& rng, int bits) {
 }  // namespace
 
 void PrepareNumerology(int mode, int guard) {
-  engine.arenaBase = arenaPool;
-  engine.arenaNext = arenaPool;
-  engine.arenaFree = WORK_ARENA_BYTES;
-  engine.arenaAfterInit = arenaPool;
-  engine.arenaFreeAfterInit = WORK_ARENA_BYTES;
-  modeGuardStore = {static_cast<uint8_t>(mode), static_cast<uint8_t>(guard)};
-  engine.modeGuard = &modeGuardStore;
-
-  const Table& tb = TABLES[mode];
-  engine.nfft = tb.nfft;
-  engine.nguard = tb.nguard[guard];
-  engine.nsymbol = engine.nfft + engine.nguard;
-  engine.ncarrier = tb.ncarrier;
-  engine.ndata = tb.ndata;
-  engine.nspan = tb.ncarrier * 5 / 3;
-  engine.ngrid = tb.ncarrier / 12;
-  engine.nscatter = 4 * engine.ngrid;
-  engine.nspanGrid = engine.nspan / 12;
-  engine.nquarter = engine.nfft / 4;
-  engine.nmargin = engine.nguard / 2;
-  engine.nmarginHalf = engine.nmargin / 2;
-  engine.nwork = engine.nfft + 2 * engine.nmargin;
-  engine.ntrack = tb.ntrack;
-  engine.settleSymbols = 4080 << (2 - mode);
-  engine.clockFrames = 4 << (2 - mode);
-  engine.guardScanStart = engine.settleSymbols + 100;
-
-  const std::vector<float> sign = PilotSigns(mode);
-  engine.pilotSign = ArenaTake<float>(3 * engine.ncarrier);
-  std::copy(sign.begin(), sign.end(), engine.pilotSign);
-  ArenaTake<float>(3 * engine.nspanGrid);  // the three pilot difference tables of acquisition
-  engine.symbolBuffer = ArenaTake<float>(2 * (engine.nsymbol + 2 * engine.nmargin));
-  engine.symbolBody = engine.symbolBuffer + 2 * engine.nmargin;
-  const int marginLen = 2 * engine.nmargin + 1;
-  engine.marginProfile = ArenaTake<float>(marginLen);
-  engine.marginRe = ArenaTake<float>(marginLen * engine.ntrack);
-  engine.marginIm = ArenaTake<float>(marginLen * engine.ntrack);
-  engine.arenaAfterNumerology = engine.arenaNext;
-  engine.arenaFreeAfterNumerology = engine.arenaFree;
-  engine.trackBins = TRACK_BINS[mode];
-  for (int e = 0; e < engine.ntrack; ++e) {
-    const double angle = TRACK_BINS[mode][e] * 6.283185307179 / engine.nfft;
-    engine.trackSin[e] = static_cast<float>(std::sin(angle));
-    engine.trackCos[e] = static_cast<float>(std::cos(angle));
+  // One engine for the whole test program; each case rewinds the arena and sets up the numerology.
+  if (engine.arenaBase == nullptr) {
+    ASSERT_EQ(EngineInit(), 1);
   }
+  ArenaRewindToInit();
+  engine.modeGuard->mode = static_cast<uint8_t>(mode);
+  engine.modeGuard->guard = static_cast<uint8_t>(guard);
+  const int32_t firstTime = engine.modeIndexLast == -1 ? 1 : 0;
+  ASSERT_EQ(SetUpNumerology(firstTime), 1);
+  engine.modeIndexLast = mode * 4 + guard;
 }
 
 void PrepareEngine(int mode, int guard, int bitsPerCarrier) {
-  LoadParameterSet(0);
+  LoadParameterSet(PARAM_DEFAULTS);
   PrepareNumerology(mode, guard);
   engine.ncoStep = 0.0f;
   engine.ncoPhase = 0.0f;

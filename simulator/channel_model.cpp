@@ -1,0 +1,297 @@
+// Channel model stages. See channel_model.h.
+#include "simulator/channel_model.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+namespace zfn::sim {
+
+namespace {
+constexpr double kPi = 3.141592653589793;
+constexpr int kFadingSinusoids = 12;
+constexpr int kFadingUpdate = 16;  // samples between updates of the fading gains
+
+// Blackman-windowed sinc over |x| < 8.
+double Kernel(double x) {
+  if (std::fabs(x) >= 8.0) return 0.0;
+  const double s = std::fabs(x) < 1e-12 ? 1.0 : std::sin(kPi * x) / (kPi * x);
+  const double w = 0.42 + 0.5 * std::cos(kPi * x / 8.0) + 0.08 * std::cos(2.0 * kPi * x / 8.0);
+  return s * w;
+}
+
+struct ProfilePath {
+  double delayUs;
+  double powerDb;
+};
+// COST 207 typical urban, six paths.
+constexpr ProfilePath kTu6[6] = {{0.0, -3.0}, {0.2, 0.0}, {0.5, -2.0}, {1.6, -6.0}, {2.3, -8.0}, {5.0, -10.0}};
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+MultipathFilter::MultipathFilter(const ChannelConfig& c, int maxBlock) {
+  fading_ = c.dopplerHz > 0.0;
+  active_ = fading_ || !c.echoes.empty();
+  if (!active_) return;
+  Rng rng(c.seed ^ 0xFADE5ull);
+  const double fs = kBroadcastRateHz;
+  if (fading_) {
+    std::vector<ProfilePath> profile;
+    if (c.profile == FadingProfile::Tu6) profile.assign(std::begin(kTu6), std::end(kTu6));
+    else profile.push_back({0.0, 0.0});
+    double total = 0;
+    for (const auto& p : profile) total += std::pow(10.0, p.powerDb / 10.0);
+    for (const auto& p : profile) {
+      Path path{};
+      path.delay = p.delayUs * 1e-6 * fs;
+      path.power = std::pow(10.0, p.powerDb / 10.0) / total;
+      path.fading = true;
+      // Sum of sinusoids with the classical Doppler spectrum (Zheng and Xiao).
+      const double theta = (rng.Uniform() * 2.0 - 1.0) * kPi;
+      for (int m = 1; m <= kFadingSinusoids; ++m) {
+        const double alpha = (2.0 * kPi * m - kPi + theta) / (4.0 * kFadingSinusoids);
+        const double wI = 2.0 * kPi * c.dopplerHz * std::cos(alpha) / fs * kFadingUpdate;
+        const double wQ = 2.0 * kPi * c.dopplerHz * std::sin(alpha) / fs * kFadingUpdate;
+        path.phasorsI.push_back(std::polar(1.0, rng.Uniform() * 2.0 * kPi));
+        path.phasorsQ.push_back(std::polar(1.0, rng.Uniform() * 2.0 * kPi));
+        path.stepsI.push_back(std::polar(1.0, wI));
+        path.stepsQ.push_back(std::polar(1.0, wQ));
+      }
+      paths_.push_back(std::move(path));
+    }
+  } else {
+    Path main{};
+    main.power = 1.0;
+    main.gain = 1.0;
+    paths_.push_back(main);
+  }
+  for (const auto& e : c.echoes) {
+    Path path{};
+    path.delay = e.delayUs * 1e-6 * fs;
+    path.power = std::pow(10.0, e.gainDb / 10.0);
+    path.gain = std::polar(std::sqrt(path.power), e.phaseDeg * kPi / 180.0);
+    paths_.push_back(path);
+  }
+  powerGain_ = 0;
+  double maxDelay = 0;
+  bool fractional = fading_;
+  for (const auto& p : paths_) {
+    powerGain_ += p.power;
+    maxDelay = std::max(maxDelay, p.delay);
+    if (std::fabs(p.delay - std::round(p.delay)) > 1e-9) fractional = true;
+  }
+  base_ = fractional ? 7 : 0;
+  taps_ = base_ + static_cast<int>(std::ceil(maxDelay)) + (fractional ? 9 : 1);
+  h_.assign(static_cast<size_t>(taps_), {0.0f, 0.0f});
+  work_.assign(static_cast<size_t>(taps_ - 1 + maxBlock), {0.0f, 0.0f});
+  UpdateGains();
+  BuildTaps();
+}
+
+void MultipathFilter::UpdateGains() {
+  for (auto& p : paths_) {
+    if (!p.fading) continue;
+    double re = 0, im = 0;
+    for (size_t m = 0; m < p.phasorsI.size(); ++m) {
+      re += p.phasorsI[m].real();
+      im += p.phasorsQ[m].real();
+      p.phasorsI[m] *= p.stepsI[m];
+      p.phasorsQ[m] *= p.stepsQ[m];
+    }
+    p.gain = std::complex<double>(re, im) * std::sqrt(p.power / static_cast<double>(p.phasorsI.size()));
+  }
+  if (++updateCounter_ == 4096) {  // keep the rotating phasors on the unit circle
+    updateCounter_ = 0;
+    for (auto& p : paths_)
+      for (size_t m = 0; m < p.phasorsI.size(); ++m) {
+        p.phasorsI[m] /= std::abs(p.phasorsI[m]);
+        p.phasorsQ[m] /= std::abs(p.phasorsQ[m]);
+      }
+  }
+}
+
+void MultipathFilter::BuildTaps() {
+  for (int t = 0; t < taps_; ++t) {
+    std::complex<double> sum = 0;
+    for (const auto& p : paths_) {
+      const double k = Kernel(t - base_ - p.delay);
+      if (k != 0.0) sum += p.gain * k;
+    }
+    h_[static_cast<size_t>(t)] = std::complex<float>(sum);
+  }
+}
+
+void MultipathFilter::Process(const std::complex<float>* in, std::complex<float>* out, int count) {
+  const int hist = taps_ - 1;
+  std::memcpy(static_cast<void*>(work_.data() + hist), in, sizeof(std::complex<float>) * static_cast<size_t>(count));
+  const std::complex<float>* x = work_.data() + hist;
+  for (int start = 0; start < count; start += kFadingUpdate) {
+    if (fading_) {
+      UpdateGains();
+      BuildTaps();
+    }
+    const int end = std::min(count, start + kFadingUpdate);
+    for (int n = start; n < end; ++n) {
+      float re = 0, im = 0;
+      for (int t = 0; t < taps_; ++t) {
+        const std::complex<float> a = h_[static_cast<size_t>(t)];
+        const std::complex<float> v = x[n - t];
+        re += a.real() * v.real() - a.imag() * v.imag();
+        im += a.real() * v.imag() + a.imag() * v.real();
+      }
+      out[n] = {re, im};
+    }
+  }
+  std::memmove(static_cast<void*>(work_.data()), work_.data() + count, sizeof(std::complex<float>) * static_cast<size_t>(hist));
+}
+
+// ---------------------------------------------------------------------------------------------
+ClockResampler::ClockResampler(double ppm, int maxBlock) : active_(ppm != 0.0) {
+  step_ = static_cast<uint64_t>(std::llround(4294967296.0 / (1.0 + ppm * 1e-6)));
+  if (!active_) return;
+  table_.resize(static_cast<size_t>((kPhases + 1) * kTaps));
+  for (int j = 0; j <= kPhases; ++j) {
+    const double frac = static_cast<double>(j) / kPhases;
+    double sum = 0;
+    for (int i = 0; i < kTaps; ++i) sum += Kernel(i - 7 - frac);
+    for (int i = 0; i < kTaps; ++i)
+      table_[static_cast<size_t>(j * kTaps + i)] = static_cast<float>(Kernel(i - 7 - frac) / sum);
+  }
+  buf_.assign(static_cast<size_t>(maxBlock + 4 * kTaps), {0.0f, 0.0f});
+  fill_ = 7;  // seven zeros of history before the first input sample
+  frac_ = static_cast<uint64_t>(7) << 32;
+}
+
+void ClockResampler::Push(const std::complex<float>* in, int count) {
+  std::memcpy(static_cast<void*>(buf_.data() + fill_), in, sizeof(std::complex<float>) * static_cast<size_t>(count));
+  fill_ += count;
+}
+
+int ClockResampler::Produce(std::complex<float>* out, int count) {
+  int made = 0;
+  while (made < count) {
+    const int ip = static_cast<int>(frac_ >> 32);
+    if (ip + 9 > fill_) break;
+    const int j = static_cast<int>(((frac_ & 0xFFFFFFFFull) + (1ull << 22)) >> 23);
+    const float* h = table_.data() + static_cast<size_t>(j * kTaps);
+    const std::complex<float>* x = buf_.data() + ip - 7;
+    float re = 0, im = 0;
+    for (int i = 0; i < kTaps; ++i) {
+      re += h[i] * x[i].real();
+      im += h[i] * x[i].imag();
+    }
+    out[made++] = {re, im};
+    frac_ += step_;
+  }
+  // Keep seven samples of history before the next position.
+  const int drop = static_cast<int>(frac_ >> 32) - 7;
+  if (drop > 0) {
+    const int keep = fill_ - drop;
+    if (keep > 0) std::memmove(static_cast<void*>(buf_.data()), buf_.data() + drop, sizeof(std::complex<float>) * static_cast<size_t>(keep));
+    fill_ = std::max(keep, 0);
+    frac_ -= static_cast<uint64_t>(drop) << 32;
+  }
+  return made;
+}
+
+// ---------------------------------------------------------------------------------------------
+FrontEndStage::FrontEndStage(const ChannelConfig& c, double noiseVariance, double scale)
+    : rotate_(c.carrierOffsetHz != 0.0),
+      noiseSigma_(static_cast<float>(std::sqrt(noiseVariance / 2.0) * scale)),
+      scale_(static_cast<float>(scale)),
+      rng_(c.seed ^ 0xA5A5A5A5ull),
+      gauss_(GaussianTable()) {
+  const double fsDevice = kBroadcastRateHz * (1.0 + c.clockPpm * 1e-6);
+  phaseStep_ = 2.0 * kPi * c.carrierOffsetHz / fsDevice;
+}
+
+void FrontEndStage::Process(std::complex<float>* x, int count) {
+  if (rotate_) {
+    for (int start = 0; start < count; start += 256) {
+      const int end = std::min(count, start + 256);
+      std::complex<float> rot = std::polar(scale_, static_cast<float>(phase_));
+      const std::complex<float> step = std::polar(1.0f, static_cast<float>(phaseStep_));
+      for (int n = start; n < end; ++n) {
+        x[n] *= rot;
+        rot *= step;
+      }
+      phase_ = std::fmod(phase_ + phaseStep_ * (end - start), 2.0 * kPi);
+    }
+  } else {
+    for (int n = 0; n < count; ++n) x[n] *= scale_;
+  }
+  if (noiseSigma_ > 0.0f) {
+    int n = 0;
+    while (n < count) {
+      uint64_t r = rng_.Next();
+      for (int k = 0; k < 2 && n < count; ++k, ++n) {
+        const float a = gauss_[r & 0xFFFFu];
+        const float b = gauss_[(r >> 16) & 0xFFFFu];
+        r >>= 32;
+        x[n] += std::complex<float>(a * noiseSigma_, b * noiseSigma_);
+      }
+    }
+  }
+}
+
+void QuantiseToBytes(const std::complex<float>* x, int count, uint8_t* out) {
+  for (int n = 0; n < count; ++n) {
+    const long i = std::lrintf(x[n].real() + 127.0f);
+    const long q = std::lrintf(x[n].imag() + 127.0f);
+    out[2 * n] = static_cast<uint8_t>(std::clamp(i, 0L, 255L));
+    out[2 * n + 1] = static_cast<uint8_t>(std::clamp(q, 0L, 255L));
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+namespace {
+// Inverse of the standard normal distribution (Acklam's rational approximation, refined by one
+// Halley step with erfc).
+double InverseNormal(double p) {
+  static constexpr double a[] = {-3.969683028665376e+01, 2.209460984245205e+02, -2.759285104469687e+02,
+                                 1.383577518672690e+02, -3.066479806614716e+01, 2.506628277459239e+00};
+  static constexpr double b[] = {-5.447609879822406e+01, 1.615858368580409e+02, -1.556989798598866e+02,
+                                 6.680131188771972e+01, -1.328068155288572e+01};
+  static constexpr double c[] = {-7.784894002430293e-03, -3.223964580411365e-01, -2.400758277161838e+00,
+                                 -2.549732539343734e+00, 4.374664141464968e+00, 2.938163982698783e+00};
+  static constexpr double d[] = {7.784695709041462e-03, 3.224671290700398e-01, 2.445134137142996e+00,
+                                 3.754408661907416e+00};
+  double x;
+  if (p < 0.02425) {
+    const double q = std::sqrt(-2 * std::log(p));
+    x = (((((c[0] * q + c[1]) * q + c[2]) * q + c[3]) * q + c[4]) * q + c[5]) / ((((d[0] * q + d[1]) * q + d[2]) * q + d[3]) * q + 1);
+  } else if (p > 1 - 0.02425) {
+    const double q = std::sqrt(-2 * std::log(1 - p));
+    x = -(((((c[0] * q + c[1]) * q + c[2]) * q + c[3]) * q + c[4]) * q + c[5]) / ((((d[0] * q + d[1]) * q + d[2]) * q + d[3]) * q + 1);
+  } else {
+    const double q = p - 0.5;
+    const double r = q * q;
+    x = (((((a[0] * r + a[1]) * r + a[2]) * r + a[3]) * r + a[4]) * r + a[5]) * q /
+        (((((b[0] * r + b[1]) * r + b[2]) * r + b[3]) * r + b[4]) * r + 1);
+  }
+  const double e = 0.5 * std::erfc(-x / std::sqrt(2.0)) - p;
+  const double u = e * std::sqrt(2 * kPi) * std::exp(x * x / 2);
+  return x - u / (1 + x * u / 2);
+}
+
+struct GaussTable {
+  std::vector<float> values;
+  GaussTable() : values(65536) {
+    double sumSq = 0;
+    for (int i = 0; i < 65536; ++i) {
+      const double v = InverseNormal((i + 0.5) / 65536.0);
+      values[static_cast<size_t>(i)] = static_cast<float>(v);
+      sumSq += v * v;
+    }
+    const double norm = 1.0 / std::sqrt(sumSq / 65536.0);  // exactly unit variance
+    for (auto& v : values) v = static_cast<float>(v * norm);
+  }
+};
+}  // namespace
+
+const float* GaussianTable() {
+  static const GaussTable table;
+  return table.values.data();
+}
+
+}  // namespace zfn::sim

@@ -1,0 +1,209 @@
+// The whole chain from packets to device bytes. See transmitter.h.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "simulator/channel_model.h"
+#include "simulator/transmitter.h"
+#include "simulator/tx_ofdm.h"
+
+namespace zfn::sim {
+
+int PacketsPerFrame(const BroadcastConfig& b) {
+  // T = 12 * q * R * 2^(mode-1) packets per frame for one segment (ARIB STD-B31 3.6.1).
+  return 12 * BitsPerCarrier(b.modulation) * RateNumerator(b.codeRate) * (1 << (b.mode - 1)) / RateDenominator(b.codeRate);
+}
+
+int EngineSamplesPerSymbol(const BroadcastConfig& b) {
+  const int n1 = NumbersOfMode(b.mode).n1;
+  return n1 + GuardSamples(n1, b.guard);
+}
+
+double SymbolSeconds(const BroadcastConfig& b) { return EngineSamplesPerSymbol(b) / kEngineRateHz; }
+double FrameSeconds(const BroadcastConfig& b) { return kFrameSymbols * SymbolSeconds(b); }
+double LayerBitRate(const BroadcastConfig& b) { return PacketsPerFrame(b) * kPacketBytes * 8.0 / FrameSeconds(b); }
+
+std::string CheckConfig(const BroadcastConfig& b, const ChannelConfig& c) {
+  if (b.mode < 1 || b.mode > 3) return "mode must be 1, 2 or 3";
+  if (b.guard < 0 || b.guard > 3) return "guard must be one of 1/32, 1/16, 1/8, 1/4";
+  if (b.modulation < 1 || b.modulation > 3) return "modulation must be QPSK, 16QAM or 64QAM";
+  if (b.neighbourModulation < 1 || b.neighbourModulation > 3) return "neighbour modulation must be QPSK, 16QAM or 64QAM";
+  if (b.codeRate < 0 || b.codeRate > 4) return "code rate must be one of 1/2, 2/3, 3/4, 5/6, 7/8";
+  if (b.interleave < 0 || b.interleave > 3) return "interleave must be an index 0 to 3";
+  if (b.systemId < 0 || b.systemId > 3) return "system identification must be 0 to 3";
+  if (!(b.deviceFilterHz >= 250e3)) return "device filter must pass at least 250 kHz";
+  if (!(c.cnDb >= -20 && c.cnDb <= 100)) return "C/N must be between -20 and 100 dB";
+  if (!(std::fabs(c.carrierOffsetHz) <= 110e3)) return "carrier offset must be within +-110000 Hz";
+  if (!(std::fabs(c.clockPpm) <= 1000)) return "clock offset must be within +-1000 ppm";
+  if (!(c.dopplerHz >= 0 && c.dopplerHz <= 2000)) return "Doppler frequency must be 0 to 2000 Hz";
+  for (const auto& e : c.echoes) {
+    if (!(e.delayUs >= 0 && e.delayUs <= 300)) return "echo delay must be 0 to 300 microseconds";
+    if (!(e.gainDb >= -60 && e.gainDb <= 10)) return "echo gain must be -60 to +10 dB";
+    if (!std::isfinite(e.phaseDeg)) return "echo phase must be a number of degrees";
+  }
+  if (!(c.rmsLevel >= 1 && c.rmsLevel <= 120)) return "RMS level must be 1 to 120 steps";
+  if (c.dropEveryBytes < 0 || c.dropBytes < 0) return "drop counts must not be negative";
+  if (c.dropBytes > 0 && c.dropEveryBytes < 4) return "dropping needs an interval of at least 4 bytes";
+  return {};
+}
+
+std::vector<uint8_t> SignalGenerator::GenerateSeconds(double seconds) {
+  const auto samples = static_cast<size_t>(std::llround(seconds * kEngineRateHz));
+  std::vector<uint8_t> bytes(samples * kBytesPerEngineSample);
+  GenerateBytes(bytes.data(), bytes.size());
+  return bytes;
+}
+
+namespace {
+
+class Generator final : public SignalGenerator {
+ public:
+  Generator(const BroadcastConfig& b, const ChannelConfig& c, std::unique_ptr<PacketSource> source)
+      : b_(b),
+        c_(c),
+        source_(std::move(source)),
+        chain_(b, source_.get()),
+        synth_(b, -c.carrierOffsetHz),
+        ns_(synth_.SymbolSamples()),
+        multipath_(c, ns_),
+        resampler_(c.clockPpm, ns_),
+        front_(c, NoiseVariance(c), ComputeScale(c)) {
+    symbol_.resize(static_cast<size_t>(ns_));
+    filtered_.resize(static_cast<size_t>(ns_));
+    slots_.resize(static_cast<size_t>(NumbersOfMode(b.mode).nd));
+    ready_.resize(static_cast<size_t>(2 * ns_ + 64));
+    scratch_.resize(4096);
+    scratchBytes_.resize(2 * scratch_.size());
+    // The chain's first carrier symbol belongs to symbol 202: run two symbols before frame 0.
+    chain_.NextSymbol(slots_.data());
+    chain_.NextSymbol(slots_.data());
+  }
+
+  void GenerateSamples(std::complex<float>* out, size_t count) override {
+    size_t done = 0;
+    while (done < count) {
+      if (readyPos_ == readyFill_) Refill();
+      const size_t take = std::min(count - done, readyFill_ - readyPos_);
+      std::memcpy(static_cast<void*>(out + done), ready_.data() + readyPos_, sizeof(std::complex<float>) * take);
+      readyPos_ += take;
+      done += take;
+    }
+  }
+
+  void GenerateBytes(uint8_t* out, size_t count) override {
+    size_t done = 0;
+    const int64_t every = c_.dropEveryBytes / 4 * 4;
+    const int64_t drop = c_.dropBytes / 4 * 4;
+    while (done < count) {
+      size_t want = count - done;
+      if (drop > 0 && every > 0) {
+        if (sinceDrop_ == every) {
+          Discard(drop);
+          sinceDrop_ = 0;
+        }
+        want = std::min<size_t>(want, static_cast<size_t>(every - sinceDrop_));
+      }
+      want = std::min(want, scratchBytes_.size());
+      const size_t samples = want / 2;
+      if (samples == 0) break;
+      GenerateSamples(scratch_.data(), samples);
+      QuantiseToBytes(scratch_.data(), static_cast<int>(samples), out + done);
+      done += samples * 2;
+      sinceDrop_ += static_cast<int64_t>(samples * 2);
+    }
+  }
+
+  void RecordPackets(bool on) override { chain_.SetRecord(on ? &record_ : nullptr); }
+  const std::vector<uint8_t>& TransmittedPackets() const override { return record_; }
+  int PacketsPerFrame() const override { return chain_.PacketsPerFrame(); }
+  double LayerBitRate() const override { return zfn::sim::LayerBitRate(b_); }
+  int64_t ReceiverFrameOfPacket(int64_t j) const override {
+    // Packet frame k passes T - 11 filler units and the byte interleaver (one frame of packets in
+    // all with the de-interleaver), the bit delays (two symbols, which the start at symbol 202
+    // absorbs) and the time interleaver (a whole number of frames with its receiver).
+    return j / chain_.PacketsPerFrame() + 1 + chain_.InterleaveFrames();
+  }
+  int DeviceSamplesPerSymbol() const override { return ns_; }
+  double Segment0Power() const override { return synth_.Segment0Power() * multipath_.PowerGain(); }
+  double TotalPower() const override { return synth_.TotalPower() * multipath_.PowerGain(); }
+  double ByteScale() const override { return ComputeScale(c_); }
+
+ private:
+  double NoiseVariance(const ChannelConfig& c) const {
+    if (!c.noise) return 0.0;
+    // C over segment 0's 6/14 MHz, N of white noise over the same band.
+    const double c0 = synth_.Segment0Power() * multipath_.PowerGain();
+    return c0 * (kBroadcastRateHz / (6e6 / 14.0)) / std::pow(10.0, c.cnDb / 10.0);
+  }
+  double ComputeScale(const ChannelConfig& c) const {
+    const double power = synth_.TotalPower() * multipath_.PowerGain() + NoiseVariance(c);
+    return c.rmsLevel / std::sqrt(power / 2.0);
+  }
+
+  void Refill() {
+    readyPos_ = 0;
+    readyFill_ = 0;
+    while (readyFill_ == 0) {
+      chain_.NextSymbol(slots_.data());
+      synth_.Synthesise(frame_, n_, slots_.data(), symbol_.data());
+      if (++n_ == kFrameSymbols) {
+        n_ = 0;
+        ++frame_;
+      }
+      std::complex<float>* x = symbol_.data();
+      if (multipath_.Active()) {
+        multipath_.Process(symbol_.data(), filtered_.data(), ns_);
+        x = filtered_.data();
+      }
+      int made = ns_;
+      if (resampler_.Active()) {
+        resampler_.Push(x, ns_);
+        made = resampler_.Produce(ready_.data(), static_cast<int>(ready_.size()));
+      } else {
+        std::memcpy(static_cast<void*>(ready_.data()), x, sizeof(std::complex<float>) * static_cast<size_t>(ns_));
+      }
+      front_.Process(ready_.data(), made);
+      readyFill_ = static_cast<size_t>(made);
+    }
+  }
+
+  void Discard(int64_t bytes) {
+    while (bytes > 0) {
+      const size_t samples = std::min<size_t>(scratch_.size(), static_cast<size_t>(bytes / 2));
+      GenerateSamples(scratch_.data(), samples);
+      bytes -= static_cast<int64_t>(samples * 2);
+    }
+  }
+
+  BroadcastConfig b_;
+  ChannelConfig c_;
+  std::unique_ptr<PacketSource> source_;
+  LayerChain chain_;
+  OfdmSynthesiser synth_;
+  int ns_;
+  MultipathFilter multipath_;
+  ClockResampler resampler_;
+  FrontEndStage front_;
+  std::vector<std::complex<float>> symbol_, filtered_, slots_, ready_, scratch_;
+  std::vector<uint8_t> scratchBytes_;
+  std::vector<uint8_t> record_;
+  size_t readyPos_ = 0, readyFill_ = 0;
+  int64_t frame_ = 0;
+  int n_ = 0;
+  int64_t sinceDrop_ = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<SignalGenerator> SignalGenerator::Create(const BroadcastConfig& b, const ChannelConfig& c,
+                                                         std::unique_ptr<PacketSource> source, std::string* error) {
+  const std::string problem = CheckConfig(b, c);
+  if (!problem.empty()) {
+    if (error != nullptr) *error = problem;
+    return nullptr;
+  }
+  if (!source) source = MakeNullSource();
+  return std::make_unique<Generator>(b, c, std::move(source));
+}
+
+}  // namespace zfn::sim

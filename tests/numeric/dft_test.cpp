@@ -1,0 +1,94 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <random>
+#include <vector>
+
+#include "numeric/dft.h"
+#include "shell/receiver_state.h"
+
+namespace zfn {
+namespace {
+
+std::vector<std::complex<double>> DirectDft(const std::vector<float>& x, int n, int sign) {
+  std::vector<std::complex<double>> out(n);
+  for (int k = 0; k < n; ++k) {
+    std::complex<double> acc = 0;
+    for (int i = 0; i < n; ++i) {
+      const double angle = sign * 2.0 * M_PI * static_cast<double>((static_cast<long>(k) * i) % n) / n;
+      acc += std::complex<double>(x[2 * i], x[2 * i + 1]) * std::polar(1.0, angle);
+    }
+    out[k] = acc;
+  }
+  return out;
+}
+
+class DftLengths : public ::testing::TestWithParam<int> {};
+
+// Forward has a negative exponent and no scaling, on aligned and misaligned data alike; backward
+// after forward multiplies by n.
+TEST_P(DftLengths, MatchesDirectTransformAtAnyAlignment) {
+  const int n = GetParam();
+  DftPlan plan = nullptr;
+  ASSERT_EQ(DftiCreateDescriptor(&plan, DFTI_SINGLE, DFTI_COMPLEX, 1, n), DFTI_NO_ERROR);
+  ASSERT_EQ(DftiCommitDescriptor(plan), DFTI_NO_ERROR);
+  std::mt19937 rng(n);
+  std::normal_distribution<float> gauss;
+  std::vector<float> x(2 * n);
+  for (float& v : x) v = gauss(rng);
+  const auto expected = DirectDft(x, n, -1);
+  for (int offset : {0, 2}) {  // 2 floats: 8-byte aligned only, as arena buffers may be
+    std::vector<float> buffer(2 * n + 4);
+    std::copy(x.begin(), x.end(), buffer.begin() + offset);
+    float* data = buffer.data() + offset;
+    ASSERT_EQ(DftiComputeForward(plan, data), DFTI_NO_ERROR);
+    for (int k = 0; k < n; ++k) {
+      EXPECT_NEAR(data[2 * k], expected[k].real(), 1e-3 * std::sqrt(n)) << "bin " << k << " offset " << offset;
+      EXPECT_NEAR(data[2 * k + 1], expected[k].imag(), 1e-3 * std::sqrt(n)) << "bin " << k;
+    }
+    ASSERT_EQ(DftiComputeBackward(plan, data), DFTI_NO_ERROR);
+    for (int i = 0; i < 2 * n; ++i) EXPECT_NEAR(data[i], n * x[i], 1e-3 * n);
+  }
+  EXPECT_EQ(DftiFreeDescriptor(&plan), DFTI_NO_ERROR);
+  EXPECT_EQ(plan, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(EngineLengths, DftLengths, ::testing::Values(64, 256, 1024));
+
+TEST(Dft, BadUseGivesStatusesNotCrashes) {
+  DftPlan plan = nullptr;
+  EXPECT_NE(DftiCreateDescriptor(&plan, 36, DFTI_COMPLEX, 1, 256), DFTI_NO_ERROR);  // double precision
+  EXPECT_EQ(plan, nullptr);
+  EXPECT_NE(DftiCreateDescriptor(&plan, DFTI_SINGLE, DFTI_COMPLEX, 1, 0), DFTI_NO_ERROR);
+  EXPECT_NE(DftiFreeDescriptor(&plan), DFTI_NO_ERROR);
+  float data[8] = {};
+  EXPECT_NE(DftiComputeForward(nullptr, data), DFTI_NO_ERROR);
+  ASSERT_EQ(DftiCreateDescriptor(&plan, DFTI_SINGLE, DFTI_COMPLEX, 1, 4), DFTI_NO_ERROR);
+  EXPECT_NE(DftiComputeForward(plan, data), DFTI_NO_ERROR);  // not committed
+  EXPECT_EQ(DftiErrorClass(DftiComputeForward(plan, data), DFTI_NO_ERROR), 0);
+  EXPECT_EQ(DftiFreeDescriptor(&plan), DFTI_NO_ERROR);
+}
+
+// The engine's two transforms: -1 forward, anything else backward, result 1 or 0.
+TEST(Dft, EngineTransformsFollowDirectionAndReportMissingPlans) {
+  float data[2 * 64] = {};
+  EXPECT_EQ(TransformFull(data, -1), 0);
+  EXPECT_EQ(TransformQuarter(data, 1), 0);
+  ASSERT_EQ(DftiCreateDescriptor(&engine.quarterPlan, DFTI_SINGLE, DFTI_COMPLEX, 1, 64), DFTI_NO_ERROR);
+  ASSERT_EQ(DftiCommitDescriptor(engine.quarterPlan), DFTI_NO_ERROR);
+  data[2] = 1.0f;  // impulse at sample 1: forward gives exp(-j*2*pi*k/64), backward exp(+j...)
+  ASSERT_EQ(TransformQuarter(data, -1), 1);
+  EXPECT_NEAR(data[2 * 16 + 1], -1.0f, 1e-6);
+  for (float& v : data) v = 0;
+  data[2] = 1.0f;
+  ASSERT_EQ(TransformQuarter(data, 7), 1);
+  EXPECT_NEAR(data[2 * 16 + 1], 1.0f, 1e-6);
+  FreeDftPlans();
+  EXPECT_EQ(engine.quarterPlan, nullptr);
+  EXPECT_EQ(engine.fftPlan, nullptr);
+  FreeDftPlans();  // nothing left: harmless
+}
+
+}  // namespace
+}  // namespace zfn

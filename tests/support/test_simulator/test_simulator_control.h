@@ -1,0 +1,42 @@
+#pragma once
+// Control of the test build of the simulator library (build/lib/testsim/libBDA_simu.so).
+//
+// Behaviour of the four simulator functions in this build:
+// - SetEventHandle copies the eventfd; BDA_Start_simulate restarts the stream at byte 0 and starts
+//   a thread that writes the value 1 to the eventfd every few milliseconds; BDA_Stop_simulate stops
+//   and joins it. Results 0, or -1 on failure.
+// - GetData serves the deterministic pattern, byte k of the stream = TestSim_PatternByte(k), never
+//   more than 240648 bytes per call; 0 bytes while not started.
+//
+// Environment, read when the library is loaded and at TestSim_Reset:
+//   ZFN_TESTSIM_READ_LENGTH   bytes per GetData call, or "random" for 1..240648 (default 240648)
+//   ZFN_TESTSIM_SEED          seed of the random lengths (default 1)
+//   ZFN_TESTSIM_UNALIGNED     1: do not round lengths down to groups of four
+//   ZFN_TESTSIM_BYTE_RATE     pace the stream to this many bytes per second (default unpaced)
+//   ZFN_TESTSIM_PERIOD_MS     event period (default 5)
+//   ZFN_TESTSIM_FAIL          name of a function that returns -1 (e.g. BDA_Start_simulate)
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+void TestSim_Reset(void);  // settings back to the environment's, counts zeroed; a running thread runs on
+// Makes the named function ("SetEventHandle", "BDA_Start_simulate", "GetData", "BDA_Stop_simulate")
+// return -1 from now on; returns 0 for an unknown name.
+int32_t TestSim_FailFunction(const char* name);
+void TestSim_ClearFailures(void);
+// length > 0 fixed, 0 random 1..240648 from seed; keepGroupsOfFour rounds down to a multiple of 4.
+void TestSim_SetReadLength(int32_t length, uint32_t seed, int32_t keepGroupsOfFour);
+void TestSim_SetByteRate(int64_t bytesPerSecond);
+void TestSim_SetEventPeriod(int32_t milliseconds);  // takes effect at the next start
+uint8_t TestSim_PatternByte(int64_t k);
+int64_t TestSim_BytesServed(void);  // since the last start
+int32_t TestSim_CallCount(const char* name);  // calls of one of the four functions since load or reset
+int32_t TestSim_Started(void);  // 1 between a successful start and the stop
+int32_t TestSim_EventThreadRunning(void);
+int64_t TestSim_EventsSignalled(void);
+
+#ifdef __cplusplus
+}
+#endif
