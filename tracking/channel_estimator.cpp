@@ -219,18 +219,23 @@ void FilterAcrossCarriers() {
 
   const float* oldest = t.carrierRing + t.carrierRingNext * t.carrierRingStride;
   const int32_t pilotPhase = (s + 1) & 3;
-  float* taps = t.freqTaps;
+  // The taps live in locals for the pass: they change from entry to entry, and the rows they
+  // multiply may not alias them.
+  Cx taps[7];
+  for (int32_t k = 0; k < 7; ++k) taps[k] = Load(t.freqTaps, k);
   for (int32_t m = 3; m <= n - 5; ++m) {
-    const float* in = t.filteredRow + 2 * (m - 3);
+    Cx in[7];
+    for (int32_t k = 0; k < 7; ++k) in[k] = Load(t.filteredRow, m - 3 + k);
     Cx w{0.0f, 0.0f};
-    for (int32_t k = 0; k < 7; ++k) w = w + Load(in, k) * Load(taps, k);
+    for (int32_t k = 0; k < 7; ++k) w = w + in[k] * taps[k];
     Store(fresh, m, w);
     if ((m & 3) == pilotPhase) continue;  // carrier 3*m of the oldest symbol is a pilot
     // Sliced against the unfiltered estimate, the error taken against the filtered one.
     const Cx r = Load(oldest, 3 * m);
-    const Cx err = t.ceStepB * (DecisionTarget(r, Load(t.filteredRow, m), bits) - w);
-    for (int32_t k = 0; k < 7; ++k) Store(taps, k, Load(taps, k) + Conj(Load(in, k)) * err);
+    const Cx err = t.ceStepB * (DecisionTarget(r, in[3], bits) - w);
+    for (int32_t k = 0; k < 7; ++k) taps[k] = taps[k] + Conj(in[k]) * err;
   }
+  for (int32_t k = 0; k < 7; ++k) Store(t.freqTaps, k, taps[k]);
 }
 
 }  // namespace zfn

@@ -8,22 +8,28 @@
 
 namespace zfn {
 
-inline float SliceQpsk(float v) { return v <= 0.0f ? -0.707107f : 0.707107f; }
+// Each level is picked by counting the boundaries the value lies beyond: the comparisons give 0
+// or 1 and no branch depends on the (random) data. Every comparison fails for a NaN, which thus
+// takes the positive outer level.
+inline float SliceQpsk(float v) {
+  constexpr float LEVELS[2] = {-0.707107f, 0.707107f};
+  return LEVELS[1 - (v <= 0.0f)];
+}
 
 // The positive outer level of the real component carries a last digit of its own.
 inline float SliceQam16(float v, bool realPart) {
-  if (v <= 0.0f) return -0.6324555f <= v ? -0.3162278f : -0.9486832f;
-  if (v <= 0.6324555f) return 0.3162278f;
-  return realPart ? 0.9486833f : 0.9486832f;
+  constexpr float LEVELS[2][4] = {{-0.9486832f, -0.3162278f, 0.3162278f, 0.9486832f},
+                                  {-0.9486832f, -0.3162278f, 0.3162278f, 0.9486833f}};
+  const int index = 3 - (v <= 0.6324555f) - (v <= 0.0f) - (v < -0.6324555f);
+  return LEVELS[realPart ? 1 : 0][index];
 }
 
 inline float SliceQam64(float v) {
-  if (v <= 0.0f) {
-    if (-0.6172134f <= v) return -0.3086067f <= v ? -0.15430335f : -0.46291f;
-    return -0.9258201f <= v ? -0.77151675f : -1.08012345f;
-  }
-  if (v <= 0.6172134f) return v <= 0.3086067f ? 0.15430335f : 0.46291f;
-  return v <= 0.9258201f ? 0.77151675f : 1.08012345f;
+  constexpr float LEVELS[8] = {-1.08012345f, -0.77151675f, -0.46291f,    -0.15430335f,
+                               0.15430335f,  0.46291f,     0.77151675f, 1.08012345f};
+  const int index = 7 - (v <= 0.9258201f) - (v <= 0.6172134f) - (v <= 0.3086067f) - (v <= 0.0f) -
+                    (v < -0.3086067f) - (v < -0.6172134f) - (v < -0.9258201f);
+  return LEVELS[index];
 }
 
 // Hard decision on both components, by the bits per carrier of the layer (2, 4, 6; anything else

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-
-#include <gtest/gtest.h>
 
 #include "acquisition/numerology.h"
 #include "shell/engine_memory.h"
@@ -74,14 +74,18 @@ std::complex<float> RandomPoint(std::mt19937& rng, int bits) {
 
 void PrepareNumerology(int mode, int guard) {
   // One engine for the whole test program; each case rewinds the arena and sets up the numerology.
-  if (engine.arenaBase == nullptr) {
-    ASSERT_EQ(EngineInit(), 1);
+  if (engine.arenaBase == nullptr && EngineInit() != 1) {
+    std::fprintf(stderr, "engine memory could not be built\n");
+    std::abort();
   }
   ArenaRewindToInit();
   engine.modeGuard->mode = static_cast<uint8_t>(mode);
   engine.modeGuard->guard = static_cast<uint8_t>(guard);
   const int32_t firstTime = engine.modeIndexLast == -1 ? 1 : 0;
-  ASSERT_EQ(SetUpNumerology(firstTime), 1);
+  if (SetUpNumerology(firstTime) != 1) {
+    std::fprintf(stderr, "numerology set-up failed\n");
+    std::abort();
+  }
   engine.modeIndexLast = mode * 4 + guard;
 }
 
