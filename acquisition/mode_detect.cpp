@@ -85,7 +85,9 @@ void DetectModeAndGuard() {
   ReceiverState& e = engine;
   const float* x = e.sampleBlock;
   int32_t index = 0;
-  if (e.forceModeGuard == 0) {
+  // The override applies only to a pair that exists; anything else is detected as usual.
+  const bool forced = e.forceModeGuard != 0 && e.forcedMode < MODE_COUNT && e.forcedGuard < GUARD_COUNT;
+  if (!forced) {
     for (int32_t mode = 0; mode < MODE_COUNT; ++mode) {
       for (int32_t guard = 0; guard < GUARD_COUNT; ++guard) MeasureGuardCorrelation(x, mode, guard);
     }

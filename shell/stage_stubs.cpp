@@ -1,6 +1,5 @@
-// Stand-ins for the stages and the device binding built elsewhere, so that the shell builds, runs
-// and can be tested on its own. This whole file goes when the real stages arrive.
-#include "frontend/device_binding.h"
+// Stand-ins for the stages built elsewhere, so that the shell builds, runs and can be tested on
+// its own. This whole file goes when the real stages arrive.
 #include "shell/engine_memory.h"
 #include "shell/stages.h"
 #include "shell/work_arena.h"

@@ -137,3 +137,29 @@ TEST(GuardCorrelation, AllZeroBlockTakesModeOneGuardOneThirtySecond) {
 
 }  // namespace
 }  // namespace zfn
+
+namespace zfn {
+namespace {
+
+// The developer override measures its own pair only; a pair that does not exist is ignored.
+TEST(GuardCorrelation, ForcedPairIsMeasuredAloneAndInvalidPairsAreIgnored) {
+  test::EngineMemory memory;
+  FillCyclicPrefixBlock(memory.block, 6, 77, 0.0, 3u);
+  engine.forceModeGuard = 1;
+  engine.forcedMode = 1;
+  engine.forcedGuard = 1;  // not the pair on air
+  for (float& m : engine.guardMetric) m = -1.0f;
+  DetectModeAndGuard();
+  EXPECT_EQ(engine.modeIndexLast, 5);
+  EXPECT_EQ(engine.nsymbol, 544);
+  for (int i = 0; i < 12; ++i) EXPECT_EQ(engine.guardMetric[i] == -1.0f, i != 5) << i;
+  EXPECT_GE(engine.readPos, 0);
+  EXPECT_LT(engine.readPos, 2 * 544);
+  engine.forcedMode = 3;
+  DetectModeAndGuard();
+  EXPECT_EQ(engine.modeIndexLast, 6);
+  engine.forceModeGuard = 0;
+}
+
+}  // namespace
+}  // namespace zfn
