@@ -221,6 +221,8 @@ void WriteStatusWords() {
 
 void ProcessSymbol() {
   TrackerState& t = tracker;
+  // Without a tracking set-up there are no buffers to work on.
+  if (t.carrierRing == nullptr || engine.symbolBuffer == nullptr) return;
   const int32_t count = engine.symbolCount;
 
   // 1. Diagnostics tick of the probe: not built.
