@@ -47,42 +47,6 @@ test::SegmentSignal Broadcast(int index, const test::TmccFields& fields) {
   return s;
 }
 
-// A receivable broadcast reaches tracking after detection, coarse sync and the capture blocks.
-TEST_F(DriverAcquisition, BroadcastReachesTrackingWithItsLayerParameters) {
-  for (int index : {0, 7, 11}) {
-    SCOPED_TRACE("pair " + std::to_string(index));
-    SyncDriverRetune();
-    test::SegmentGenerator gen(Broadcast(index, {0, 1, 2, 3, 1}));
-    int blocks = 0;
-    int32_t state = BLOCK_MODE_DETECT;
-    while (state != BLOCK_TRACKING && blocks < 10) {
-      state = FeedModel(gen);
-      ++blocks;
-    }
-    ASSERT_EQ(state, BLOCK_TRACKING);
-    const ReceiverState& e = SyncDriverEngine();
-    EXPECT_EQ(e.modeGuard->mode * 4 + e.modeGuard->guard, index);
-    EXPECT_EQ(e.layerParams->modulation, 2);
-    EXPECT_EQ(e.layerParams->codeRate, 3);
-    EXPECT_EQ(e.layerParams->interleave, 1);
-    // Detection, coarse sync, and 219 symbols from the grid point of the third block on.
-    const int nsymbol = e.nsymbol;
-    EXPECT_LE(blocks, 2 + (219 * nsymbol + 2 * nsymbol) / BLOCK_SAMPLES + 1);
-  }
-}
-
-// Television without the partial reception service: a clean word says so, and the engine stops.
-TEST_F(DriverAcquisition, BroadcastWithoutPartialReceptionGoesToNoSignalAndStays) {
-  test::SegmentGenerator gen(Broadcast(4, {0, 0, 1, 1, 2}));
-  int32_t state = BLOCK_MODE_DETECT;
-  for (int b = 0; b < 8 && state != BLOCK_NO_SIGNAL; ++b) state = FeedModel(gen);
-  ASSERT_EQ(state, BLOCK_NO_SIGNAL);
-  EXPECT_EQ(SyncDriverEngine().tmccAccepted, 0);
-  for (int b = 0; b < 3; ++b) EXPECT_EQ(FeedModel(gen), BLOCK_NO_SIGNAL);
-  SyncDriverRetune();  // only a retune leaves it
-  EXPECT_EQ(FeedModel(gen), BLOCK_COARSE_SYNC);
-}
-
 // Damage to TMCC in the bits the receiver reads: up to eight errors are repaired on the way.
 TEST_F(DriverAcquisition, DamagedTmccWordIsRepaired) {
   test::SegmentSignal s = Broadcast(8, {0, 1, 3, 4, 2});
@@ -145,12 +109,15 @@ TEST_F(DriverAcquisition, ZerosAndNoiseCycleThroughAcquisition) {
   // but a repaired random word may pass as receivable; tracking then ends only through the
   // decoder's statistics, so here the engine is retuned whenever it got there.
   std::mt19937 rng(9);
-  std::normal_distribution<double> gauss(127.0, 20.0);
   std::vector<uint8_t> bytes(RAW_BLOCK_BYTES);
   int restarts = 0;
   int32_t previous = SyncDriverBlockState();
-  for (int b = 0; b < 40; ++b) {
-    for (auto& v : bytes) v = static_cast<uint8_t>(std::clamp(gauss(rng), 0.0, 255.0));
+  for (int b = 0; b < 30; ++b) {
+    // Sum of two uniform bytes: a triangular noise around 127 with a spread of about 40 steps.
+    for (auto& v : bytes) {
+      const uint32_t r = rng();
+      v = static_cast<uint8_t>(((r & 0xFF) + ((r >> 8) & 0xFF)) / 2);
+    }
     const int32_t state = Feed(bytes);
     ASSERT_NE(state, BLOCK_NO_SIGNAL);
     if (state == BLOCK_COARSE_SYNC && previous != BLOCK_MODE_DETECT) ++restarts;

@@ -158,6 +158,9 @@ TEST(GuardCorrelation, ForcedPairIsMeasuredAloneAndInvalidPairsAreIgnored) {
   engine.forcedMode = 3;
   DetectModeAndGuard();
   EXPECT_EQ(engine.modeIndexLast, 6);
+  // A new pair: the arena went back to the init mark and the numerology was built anew there.
+  EXPECT_EQ(reinterpret_cast<uint8_t*>(engine.pilotSign), engine.arenaAfterInit);
+  EXPECT_EQ(engine.nsymbol, 576);
   engine.forceModeGuard = 0;
 }
 

@@ -24,7 +24,8 @@ struct Broadcast {
 
 struct Result {
   int32_t state = BLOCK_MODE_DETECT;
-  int blocks = 0;  // from the retune to the block that left the final state
+  int blocks = 0;      // from the retune to the block that left the final state
+  long firstSample = 0;  // engine sample of the broadcast at the start of the first block fed
 };
 
 // Feeds the broadcast block by block from a retune until tracking, no signal, or `limit` blocks.
@@ -51,7 +52,10 @@ Result Acquire(const Broadcast& c, int limit, unsigned seed) {
   SyncDriverRetune();
   std::vector<uint8_t> bytes(RAW_BLOCK_BYTES);
   // Start somewhere inside a frame, as a retune would.
-  for (int skip = 0; skip < static_cast<int>(seed % 3); ++skip) gen->GenerateBytes(bytes.data(), bytes.size() / 2);
+  for (int skip = 0; skip < static_cast<int>(seed % 3); ++skip) {
+    gen->GenerateBytes(bytes.data(), bytes.size() / 2);
+    r.firstSample += BLOCK_SAMPLES / 2;
+  }
   while (r.blocks < limit && r.state != BLOCK_TRACKING && r.state != BLOCK_NO_SIGNAL) {
     gen->GenerateBytes(bytes.data(), bytes.size());
     SyncDriverFeed(bytes.data(), bytes.size());
@@ -73,6 +77,12 @@ void ExpectAcquired(const Broadcast& c, const Result& r) {
   EXPECT_EQ(e.layerParams->codeRate, c.codeRate);
   EXPECT_EQ(e.layerParams->interleave, c.interleave);
   EXPECT_EQ(e.spPhase, e.symbolIndex % 4);
+  // The broadcast starts with symbol 0 of a frame: the span of the first tracked symbol must lie
+  // in the guard interval of the symbol that symbolIndex names.
+  const long spanStart = r.firstSample + static_cast<long>(r.blocks) * BLOCK_SAMPLES + e.readPos / 2 + e.nmargin;
+  const long k = spanStart / e.nsymbol;
+  EXPECT_LT(spanStart - k * e.nsymbol, e.nguard);
+  EXPECT_EQ(e.symbolIndex, k % 204);
 }
 
 // Detection, coarse sync and capture need 2 + ceil(about 219 symbols / block) blocks.
@@ -152,6 +162,15 @@ TEST(TransmitterNoService, TelevisionWithoutPartialReceptionGoesToNoSignal) {
   const Result r = Acquire(c, 12, 21);
   EXPECT_EQ(r.state, BLOCK_NO_SIGNAL);
   EXPECT_EQ(SyncDriverEngine().tmccAccepted, 0);
+  // A sink: blocks are not even converted, until a retune starts acquisition again.
+  std::vector<uint8_t> bytes(RAW_BLOCK_BYTES, 127);
+  for (int b = 0; b < 2; ++b) {
+    SyncDriverFeed(bytes.data(), bytes.size());
+    EXPECT_EQ(SyncDriverBlockState(), BLOCK_NO_SIGNAL);
+  }
+  SyncDriverRetune();
+  SyncDriverFeed(bytes.data(), bytes.size());
+  EXPECT_EQ(SyncDriverBlockState(), BLOCK_COARSE_SYNC);
   SyncDriverClose();
 }
 

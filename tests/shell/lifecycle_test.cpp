@@ -137,7 +137,10 @@ TEST_F(Lifecycle, DeviceOpenRetuneCloseAndOpenAgain) {
   // The status words keep their last values after close, and are closed to the host.
   int32_t words[12];
   EXPECT_EQ(DebugGetParaValue(words), 0);
-  EXPECT_EQ(debugParaBlock.Int(5), BLOCK_FRAME_SYNC);
+  // With the real acquisition stages the engine may have moved on from frame sync before the
+  // close (a repaired word from the test data may even pass as receivable): a block state, not
+  // the -1 of a retune reset.
+  EXPECT_GE(debugParaBlock.Int(5), BLOCK_COARSE_SYNC);
 
   ASSERT_EQ(OpenDevice(), 1);
   EXPECT_EQ(engine.blockState, BLOCK_IDLE) << "a new open starts idle";
