@@ -282,7 +282,7 @@ void ProcessSymbol() {
   float* swap = t.spectrumNow;
   t.spectrumNow = t.spectrumPrev;
   t.spectrumPrev = swap;
-  ++engine.symbolCount;
+  engine.symbolCount = engine.symbolCount + 1;
 
   // 21. Probe fill: not built.
 

@@ -23,7 +23,7 @@ struct TrackingFields {
   int8_t snrFailed;        // 1 once the low-SNR watch gave up; turned into a resync by the block loop
   int8_t timingEnabled;    // 0 while timing steps are suppressed (first eight symbols)
   int32_t timingStep;      // samples by which the next symbol start moves; positive = later
-  int32_t symbolCount;     // symbols since tracking began
+  RelaxedWord<int32_t> symbolCount;  // symbols since tracking began; read by the packet thread
   int32_t channelState;    // CHANNEL_SLOW or CHANNEL_FAST
   // ndata interleaved complex floats: equalised data carriers of the symbol three symbols back.
   float* equalisedCarriers;
