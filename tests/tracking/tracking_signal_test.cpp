@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <string>
 
 #include "shell/receiver_state.h"
 #include "tracking/tracker_state.h"
@@ -42,10 +43,16 @@ TEST_P(CleanConstellation, CarriersSitOnTheirPoints) {
   EXPECT_EQ(walker.timingSum(), 0);
 }
 
+std::string CaseName(const ::testing::TestParamInfo<Case>& info) {
+  const Case& c = info.param;
+  return "Mode" + std::to_string(c.mode + 1) + "_guard" + std::to_string(c.guard) + "_bits" + std::to_string(c.bits);
+}
+
 INSTANTIATE_TEST_SUITE_P(AllModes, CleanConstellation,
                          ::testing::Values(Case{0, 2, 2}, Case{0, 0, 4}, Case{0, 3, 6}, Case{1, 1, 2},
                                            Case{1, 2, 4}, Case{1, 3, 6}, Case{2, 2, 2}, Case{2, 0, 4},
-                                           Case{2, 3, 6}));
+                                           Case{2, 3, 6}),
+                         CaseName);
 
 }  // namespace
 }  // namespace zfn

@@ -6,6 +6,8 @@
 #include <complex>
 #include <cstring>
 #include <random>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include "shell/device_state.h"
@@ -171,7 +173,8 @@ TEST_P(InterpolationTest, TransformDomainEqualsDirectConvolution) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, InterpolationTest, ::testing::Values(0, 1, 2));
+INSTANTIATE_TEST_SUITE_P(Modes, InterpolationTest, ::testing::Values(0, 1, 2),
+                         [](const ::testing::TestParamInfo<int>& p) { return "Mode" + std::to_string(p.param + 1); });
 
 class EqualiserWalkTest : public ::testing::TestWithParam<std::tuple<int, int>> {};
 
@@ -204,7 +207,11 @@ TEST_P(EqualiserWalkTest, TakesExactlyTheDataCarriers) {
 }
 
 INSTANTIATE_TEST_SUITE_P(ModesAndPhases, EqualiserWalkTest,
-                         ::testing::Combine(::testing::Values(0, 1, 2), ::testing::Values(0, 1, 2, 3)));
+                         ::testing::Combine(::testing::Values(0, 1, 2), ::testing::Values(0, 1, 2, 3)),
+                         [](const ::testing::TestParamInfo<std::tuple<int, int>>& p) {
+                           return "Mode" + std::to_string(std::get<0>(p.param) + 1) + "_pilotPhase" +
+                                  std::to_string(std::get<1>(p.param));
+                         });
 
 TEST(Equaliser, QpskSoftWeightAndFixedGain) {
   test::PrepareEngine(0, 0, 2);
