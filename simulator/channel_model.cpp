@@ -12,6 +12,12 @@ constexpr double kPi = 3.141592653589793;
 constexpr int kFadingSinusoids = 12;
 constexpr int kFadingUpdate = 16;  // samples between updates of the fading gains
 
+// Complex products written out: the library multiply checks for infinities on every call.
+template <typename T>
+std::complex<T> Mul(std::complex<T> a, std::complex<T> b) {
+  return {a.real() * b.real() - a.imag() * b.imag(), a.real() * b.imag() + a.imag() * b.real()};
+}
+
 // Blackman-windowed sinc over |x| < 8.
 double Kernel(double x) {
   if (std::fabs(x) >= 8.0) return 0.0;
@@ -82,6 +88,10 @@ MultipathFilter::MultipathFilter(const ChannelConfig& c, int maxBlock) {
   }
   base_ = fractional ? 7 : 0;
   taps_ = base_ + static_cast<int>(std::ceil(maxDelay)) + (fractional ? 9 : 1);
+  for (auto& p : paths_) {
+    p.kernel.resize(static_cast<size_t>(taps_));
+    for (int t = 0; t < taps_; ++t) p.kernel[static_cast<size_t>(t)] = Kernel(t - base_ - p.delay);
+  }
   h_.assign(static_cast<size_t>(taps_), {0.0f, 0.0f});
   work_.assign(static_cast<size_t>(taps_ - 1 + maxBlock), {0.0f, 0.0f});
   UpdateGains();
@@ -95,8 +105,8 @@ void MultipathFilter::UpdateGains() {
     for (size_t m = 0; m < p.phasorsI.size(); ++m) {
       re += p.phasorsI[m].real();
       im += p.phasorsQ[m].real();
-      p.phasorsI[m] *= p.stepsI[m];
-      p.phasorsQ[m] *= p.stepsQ[m];
+      p.phasorsI[m] = Mul(p.phasorsI[m], p.stepsI[m]);
+      p.phasorsQ[m] = Mul(p.phasorsQ[m], p.stepsQ[m]);
     }
     p.gain = std::complex<double>(re, im) * std::sqrt(p.power / static_cast<double>(p.phasorsI.size()));
   }
@@ -113,10 +123,7 @@ void MultipathFilter::UpdateGains() {
 void MultipathFilter::BuildTaps() {
   for (int t = 0; t < taps_; ++t) {
     std::complex<double> sum = 0;
-    for (const auto& p : paths_) {
-      const double k = Kernel(t - base_ - p.delay);
-      if (k != 0.0) sum += p.gain * k;
-    }
+    for (const auto& p : paths_) sum += p.gain * p.kernel[static_cast<size_t>(t)];
     h_[static_cast<size_t>(t)] = std::complex<float>(sum);
   }
 }
@@ -130,17 +137,18 @@ void MultipathFilter::Process(const std::complex<float>* in, std::complex<float>
       UpdateGains();
       BuildTaps();
     }
-    const int end = std::min(count, start + kFadingUpdate);
-    for (int n = start; n < end; ++n) {
-      float re = 0, im = 0;
-      for (int t = 0; t < taps_; ++t) {
-        const std::complex<float> a = h_[static_cast<size_t>(t)];
-        const std::complex<float> v = x[n - t];
-        re += a.real() * v.real() - a.imag() * v.imag();
-        im += a.real() * v.imag() + a.imag() * v.real();
+    const int len = std::min(count - start, kFadingUpdate);
+    // Tap by tap over the block, so that the inner loop runs over samples and vectorises.
+    float re[kFadingUpdate] = {}, im[kFadingUpdate] = {};
+    for (int t = 0; t < taps_; ++t) {
+      const float hr = h_[static_cast<size_t>(t)].real(), hi = h_[static_cast<size_t>(t)].imag();
+      const float* v = reinterpret_cast<const float*>(x + start - t);
+      for (int n = 0; n < len; ++n) {
+        re[n] += hr * v[2 * n] - hi * v[2 * n + 1];
+        im[n] += hr * v[2 * n + 1] + hi * v[2 * n];
       }
-      out[n] = {re, im};
     }
+    for (int n = 0; n < len; ++n) out[start + n] = {re[n], im[n]};
   }
   std::memmove(static_cast<void*>(work_.data()), work_.data() + count, sizeof(std::complex<float>) * static_cast<size_t>(hist));
 }
@@ -212,8 +220,8 @@ void FrontEndStage::Process(std::complex<float>* x, int count) {
       std::complex<float> rot = std::polar(scale_, static_cast<float>(phase_));
       const std::complex<float> step = std::polar(1.0f, static_cast<float>(phaseStep_));
       for (int n = start; n < end; ++n) {
-        x[n] *= rot;
-        rot *= step;
+        x[n] = Mul(x[n], rot);
+        rot = Mul(rot, step);
       }
       phase_ = std::fmod(phase_ + phaseStep_ * (end - start), 2.0 * kPi);
     }

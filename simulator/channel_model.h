@@ -27,6 +27,7 @@ class MultipathFilter {
     std::complex<double> gain;  // static gain (or current fading gain)
     bool fading;
     std::vector<std::complex<double>> phasorsI, phasorsQ, stepsI, stepsQ;
+    std::vector<double> kernel;  // interpolation taps of the path's delay, taps_ long
   };
   void UpdateGains();
   void BuildTaps();

@@ -18,8 +18,10 @@ struct Broadcast {
   int index;  // mode*4 + guard of the receiver
   int modulation, codeRate, interleave;
   double offsetHz;
-  double cnDb;  // 0: clean
+  double cnDb;  // 0: clean, no noise
   bool partialReception = true;
+  double clockPpm = 0;
+  double echoUs = 0;  // one static echo of -3 dB at this delay, 0: none
 };
 
 struct Result {
@@ -43,6 +45,8 @@ Result Acquire(const Broadcast& c, int limit, unsigned seed) {
   ch.noise = c.cnDb > 0;
   ch.cnDb = c.cnDb;
   ch.seed = seed + 1;
+  ch.clockPpm = c.clockPpm;
+  if (c.echoUs > 0) ch.echoes.push_back({c.echoUs, -3.0, 30.0});
   std::string error;
   auto gen = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(seed), &error);
   EXPECT_TRUE(gen) << error;
@@ -108,10 +112,11 @@ TEST_P(TransmitterAcquisition, ReachesTrackingWithTransmittedParameters) {
 
 std::string Name(const ::testing::TestParamInfo<Broadcast>& info) {
   const Broadcast& c = info.param;
-  std::string name = "mode" + std::to_string(c.index / 4 + 1) + "_guard" + std::to_string(c.index % 4) + "_mod" +
-                     std::to_string(c.modulation) + "_rate" + std::to_string(c.codeRate) + "_il" +
-                     std::to_string(c.interleave) + "_" + std::to_string(static_cast<int>(std::lround(c.offsetHz))) + "Hz" +
-                     (c.cnDb > 0 ? "_10dB" : "_clean");
+  char text[160];
+  std::snprintf(text, sizeof(text), "mode%d_guard%d_mod%d_rate%d_il%d_%ldHz_cn%d_clock%dppm_echo%dus", c.index / 4 + 1,
+                c.index % 4, c.modulation, c.codeRate, c.interleave, std::lround(c.offsetHz), static_cast<int>(c.cnDb),
+                static_cast<int>(c.clockPpm), static_cast<int>(c.echoUs));
+  std::string name = text;
   for (char& ch : name) if (ch == '-') ch = 'm';
   return name;
 }
@@ -155,6 +160,17 @@ std::vector<Broadcast> LayerCases() {
   return v;
 }
 INSTANTIATE_TEST_SUITE_P(LayerParameters, TransmitterAcquisition, ::testing::ValuesIn(LayerCases()), Name);
+
+// Impairments that acquisition has to live with: C/N far below the decoder's needs, a strong echo
+// inside the guard interval, and a sample clock 20 ppm off.
+std::vector<Broadcast> ImpairedCases() {
+  return {
+      {10, 1, 1, 3, 31000.0, 4.0},
+      {2, 1, 1, 3, -52000.0, 20.0, true, 20.0, 0.0},
+      {5, 3, 3, 1, -3000.0, 20.0, true, -20.0, 5.0},
+  };
+}
+INSTANTIATE_TEST_SUITE_P(Impairments, TransmitterAcquisition, ::testing::ValuesIn(ImpairedCases()), Name);
 
 // A television broadcast without the partial reception service stops the engine in no signal.
 TEST(TransmitterNoService, TelevisionWithoutPartialReceptionGoesToNoSignal) {

@@ -65,7 +65,8 @@ TEST(HostLibrary, LifecycleWithExactLogLines) {
   ASSERT_EQ(ZFISDBT_DebugGetParaValue(words), 1);
   EXPECT_EQ(words[3], -1);
   EXPECT_TRUE(WaitFor([] { return BlockStateWord() == 2; })) << "frame sync";
-  EXPECT_EQ(para[5], 2) << "the pointer shows the live block";
+  // The words change under the host's eyes: read them as the atomic words they are.
+  EXPECT_EQ(__atomic_load_n(&para[5], __ATOMIC_RELAXED), 2) << "the pointer shows the live block";
 
   int32_t present = 7, locked = 7, quality = 7;
   EXPECT_EQ(ZFISDBT_GetSignalPresent(&present), 0);

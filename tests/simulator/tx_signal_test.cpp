@@ -2,6 +2,7 @@
 // DFTs and correlations on what the generator gives out.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <vector>
@@ -251,6 +252,52 @@ TEST(ChannelModel, MeasuredFrequencyAndClockOffsetsAreTheRequestedOnes) {
     const double slope = (symbols * skt - sk * st) / (symbols * skk - sk * sk);
     EXPECT_NEAR((slope / ns - 1) * 1e6, 80.0, 0.5);
   }
+}
+
+TEST(ChannelModel, EchoesAndFadingHaveTheRequestedResponseAndPower) {
+  // A static echo of whole samples: y = x + g x[n - d], against the same broadcast without it.
+  BroadcastConfig b;
+  b.wideDeviceFilter = true;
+  ChannelConfig c0, c1;
+  const double delayUs = 3.0 / kBroadcastRateHz * 1e6;  // three device samples
+  c1.echoes.push_back({delayUs, -6.0, 60.0});
+  auto g0 = Make(b, c0);
+  auto g1 = Make(b, c1);
+  std::vector<std::complex<float>> x(20000), y(x.size());
+  g0->GenerateSamples(x.data(), x.size());
+  g1->GenerateSamples(y.data(), y.size());
+  const cd gain = std::polar(std::pow(10.0, -6.0 / 20.0), 60.0 * M_PI / 180.0);
+  const double ratio = g1->ByteScale() / g0->ByteScale();
+  double err = 0, ref = 0;
+  for (size_t n = 3; n < x.size(); ++n) {
+    const cd want = (cd(x[n]) + gain * cd(x[n - 3])) * ratio;
+    err += std::norm(cd(y[n]) - want);
+    ref += std::norm(want);
+  }
+  EXPECT_LT(err / ref, 1e-8);
+  EXPECT_NEAR(g1->TotalPower() / g0->TotalPower(), 1.0 + std::pow(10.0, -0.6), 1e-9);
+
+  // Rayleigh fading on the typical-urban profile: mean received power over many fades is the
+  // transmitted one, and it does fade.
+  ChannelConfig cf;
+  cf.dopplerHz = 200;
+  auto gf = Make(b, cf);
+  std::vector<std::complex<float>> f(static_cast<size_t>(kBroadcastRateHz * 2));
+  gf->GenerateSamples(f.data(), f.size());
+  double mean = 0, minBlock = 1e30, maxBlock = 0;
+  const size_t block = 2000;
+  for (size_t start = 0; start + block <= f.size(); start += block) {
+    double p = 0;
+    for (size_t n = start; n < start + block; ++n) p += std::norm(cd(f[n]));
+    p /= block;
+    mean += p;
+    minBlock = std::min(minBlock, p);
+    maxBlock = std::max(maxBlock, p);
+  }
+  mean /= static_cast<double>(f.size() / block);
+  const double expected = 2.0 * cf.rmsLevel * cf.rmsLevel;  // both components at the RMS level
+  EXPECT_NEAR(mean / expected, 1.0, 0.25);
+  EXPECT_GT(maxBlock / minBlock, 4.0);
 }
 
 TEST(ChannelModel, DroppedBytesAreCutFromTheStream) {
