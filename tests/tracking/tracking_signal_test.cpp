@@ -222,5 +222,40 @@ TEST(Schedule, LongRunWithClockOffset) {
   EXPECT_GT(engine.snrDb, 20.0f);
 }
 
+// A step of the read position: the estimator derotates the pilots of the four symbols read at the
+// new position back to the old timing, re-bases its rows at the fourth, and the equalised carriers
+// stay clean all the way through; the frequency loop rests in the first symbol.
+TEST(TimingJump, EstimatorIsRebasedWithoutAGlitch) {
+  for (int step : {2, -2}) {
+    test::PrepareEngine(1, 2, 4);
+    test::ChannelModel channel;
+    channel.cnDb = 200.0;
+    channel.echoDelay = 9;
+    channel.echoGain = {0.3, -0.2};
+    test::SegmentSignal signal(1, 2, 4, channel);
+    test::SymbolWalker walker(signal, 4);
+    // Run into the steady state and up to a symbol after which a step can take effect.
+    walker.Run(60);
+    while ((engine.symbolIndex + 1) % 8 != 0) walker.Step();
+    walker.StepWithForcedTiming(step);
+    const int expectedStage[5] = {2, 3, 4, 6, 0};
+    const int expectedAge[5] = {1, 1, 1, 1, 2};
+    for (int i = 0; i < 5; ++i) {
+      const float ncoStep = engine.ncoStep;
+      walker.StepWithForcedTiming(0);
+      SCOPED_TRACE(::testing::Message() << "step " << step << ", symbol n0 + " << i);
+      EXPECT_EQ(tracker.jumpStage, expectedStage[i]);
+      EXPECT_EQ(tracker.jumpAge, expectedAge[i]);
+      EXPECT_EQ(tracker.jumpAmount, step);
+      EXPECT_EQ(tracker.jumpInForce, i < 4 ? step : 0);
+      EXPECT_EQ(tracker.jumpPending, i == 0 ? 1 : 0);
+      if (i == 0) {
+        EXPECT_EQ(engine.ncoStep, ncoStep);
+      }
+      EXPECT_LT(ErrorDb(signal, walker), -30.0);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace zfn

@@ -3,6 +3,7 @@
 #include <fftw3.h>
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -223,11 +224,14 @@ void SegmentSignal::AppendSymbol() {
 SymbolWalker::SymbolWalker(SegmentSignal& signal, int64_t firstSymbol)
     : signal_(signal), first_(firstSymbol), readPos_(firstSymbol * engine.nsymbol - 1) {}
 
-void SymbolWalker::Step() {
+void SymbolWalker::Step() { StepWithForcedTiming(INT32_MIN); }
+
+void SymbolWalker::StepWithForcedTiming(int forcedStep) {
   const int nwork = engine.nwork;
   signal_.EnsureSamples(readPos_ + nwork + 1);
   std::memcpy(engine.symbolBuffer, signal_.Samples(readPos_), sizeof(float) * 2 * static_cast<size_t>(nwork));
   ProcessSymbol();
+  if (forcedStep != INT32_MIN) engine.timingStep = forcedStep;
   readPos_ += engine.nsymbol + engine.timingStep;
   timingSum_ += engine.timingStep;
   signal_.DropBefore(readPos_ - 4 * engine.nsymbol);

@@ -65,6 +65,8 @@ class SymbolWalker {
   // Starts on symbol `firstSymbol` (a multiple of 4), one sample ahead of its start.
   SymbolWalker(SegmentSignal& signal, int64_t firstSymbol);
   void Step();
+  // As Step, but the read position then moves by `forcedStep` instead of the loop's decision.
+  void StepWithForcedTiming(int forcedStep);
   void Run(int symbols) {
     for (int i = 0; i < symbols; ++i) Step();
   }

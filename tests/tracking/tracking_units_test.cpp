@@ -414,5 +414,86 @@ TEST(Schedule, StagesTapsAndScan) {
   EXPECT_EQ(tracker.timeTaps[12], engine.interpTapsA[0]);
 }
 
+// Fills every row of the pilot history with the same pilots: a channel that does not change.
+void SteadyPilotHistory() {
+  const int groups = engine.nspanGrid;
+  for (int r = 0; r < PILOT_HISTORY_ROWS; ++r) {
+    float* row = tracker.pilotHistory + r * tracker.pilotHistoryStride;
+    for (int p = 0; p < groups; ++p) {
+      row[p] = (p % 3 == 0) ? 1.0f : -0.5f;
+      row[groups + p] = (p % 2 == 0) ? 0.5f : 0.8f;
+    }
+  }
+}
+
+TEST(ChannelWatch, ASteadyChannelTurnsSlowAtExactly128GoodSymbols) {
+  test::PrepareEngine(2, 2, 2);
+  SteadyPilotHistory();
+  engine.channelState = CHANNEL_FAST;
+  tracker.jumpAge = 0;
+  int good = 0, calls = 0;
+  while (engine.channelState == CHANNEL_FAST && calls < 5000) {
+    tracker.pilotHistorySlot = (tracker.pilotHistorySlot + 1) % PILOT_HISTORY_ROWS;
+    tracker.pilotHistoryNow = tracker.pilotHistory + tracker.pilotHistorySlot * tracker.pilotHistoryStride;
+    const int goodBefore = tracker.watchGood;
+    WatchChannelChange();
+    ++calls;
+    if (engine.channelState == CHANNEL_FAST) {
+      good = tracker.watchGood;
+      EXPECT_GE(good, goodBefore);
+    }
+  }
+  EXPECT_EQ(engine.channelState, CHANNEL_SLOW);
+  EXPECT_EQ(tracker.channelStatePrev, CHANNEL_FAST);
+  EXPECT_EQ(good, 127);  // the 128th good symbol made the change
+  EXPECT_EQ(tracker.watchGood, 0);
+  EXPECT_EQ(tracker.watchBad, 0);
+  EXPECT_EQ(tracker.smoothNew, engine.mixWeightSlow);
+  EXPECT_EQ(tracker.smoothOld, 1.0f - engine.mixWeightSlow);
+  for (int l = 0; l < 3; ++l) {
+    EXPECT_GT(tracker.lagTapAvg[l], 0.5f);
+    EXPECT_LE(tracker.lagTap[l], 1.0f);
+  }
+}
+
+TEST(ChannelWatch, LagsShortenAfterAJumpAndNothingMovesInItsFirstSymbols) {
+  test::PrepareEngine(2, 2, 2);
+  SteadyPilotHistory();
+  engine.channelState = CHANNEL_FAST;
+  tracker.jumpAge = 1;
+  WatchChannelChange();
+  EXPECT_EQ(tracker.watchBad + tracker.watchGood, 0);
+  EXPECT_EQ(tracker.lagTapAvg[0], 0.0f);
+  tracker.jumpAge = 2;  // one lag only
+  WatchChannelChange();
+  EXPECT_GT(tracker.lagTap[0], 0.0f);
+  EXPECT_EQ(tracker.lagTap[1], 0.0f);
+  EXPECT_EQ(tracker.lagTap[2], 0.0f);
+  EXPECT_EQ(tracker.watchBad, 1);  // lag averages below their floors
+  tracker.jumpAge = 3;  // two lags
+  WatchChannelChange();
+  EXPECT_GT(tracker.lagTap[1], 0.0f);
+  EXPECT_EQ(tracker.lagTap[2], 0.0f);
+}
+
+TEST(ChannelWatch, TenBadSymbolsTurnASlowChannelFast) {
+  test::PrepareEngine(2, 2, 2);
+  engine.channelState = CHANNEL_SLOW;
+  tracker.jumpAge = 0;
+  // Pilots that change completely from symbol to symbol: every lag regresses to 0.
+  std::mt19937 rng(3);
+  std::normal_distribution<float> g(0.0f, 1.0f);
+  for (int i = 0; i < 10; ++i) {
+    tracker.pilotHistorySlot = (tracker.pilotHistorySlot + 1) % PILOT_HISTORY_ROWS;
+    tracker.pilotHistoryNow = tracker.pilotHistory + tracker.pilotHistorySlot * tracker.pilotHistoryStride;
+    for (int p = 0; p < 2 * engine.nspanGrid; ++p) tracker.pilotHistoryNow[p] = g(rng);
+    EXPECT_EQ(engine.channelState, CHANNEL_SLOW);
+    WatchChannelChange();
+  }
+  EXPECT_EQ(engine.channelState, CHANNEL_FAST);
+  EXPECT_EQ(tracker.smoothNew, engine.mixWeightFast);
+  EXPECT_EQ(tracker.watchBad, 0);
+}
+
 }  // namespace
 }  // namespace zfn
