@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "shell/device_state.h"
+#include "shell/diagnostics.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
 #include "numeric/dft.h"
@@ -412,6 +413,19 @@ TEST(Schedule, StagesTapsAndScan) {
   EXPECT_EQ(engine.timingEnabled, 1);
   EXPECT_EQ(tracker.timeTaps[0], engine.interpTapsC[0]);
   EXPECT_EQ(tracker.timeTaps[12], engine.interpTapsA[0]);
+
+  // Status words of every symbol.
+  DebugParaBlock* keep = device.debugPara;
+  device.debugPara = &debugParaBlock;
+  engine.channelState = CHANNEL_FAST;
+  engine.failsThisSecond = 7;
+  walker.Step();
+  EXPECT_EQ(debugParaBlock.Float(0), engine.snrDb.load());
+  EXPECT_NEAR(debugParaBlock.Float(1), engine.nfft * engine.ncoStep / 6.283185307179, 1e-9);
+  EXPECT_EQ(debugParaBlock.Int(10), CHANNEL_FAST);
+  EXPECT_EQ(debugParaBlock.Float(11), 7.0f);
+  device.debugPara = keep;
+  engine.failsThisSecond = -1;
 }
 
 // Fills every row of the pilot history with the same pilots: a channel that does not change.
