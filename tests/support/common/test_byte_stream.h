@@ -4,10 +4,13 @@
 // which has a lock of its own.
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -84,6 +87,24 @@ struct ByteStream {
     return served;
   }
 };
+
+// Stream settings from the environment, each variable named prefix + suffix:
+//   READ_LENGTH  bytes per call, or "random" for 1..240648 (default 240648)
+//   SEED         seed of the random lengths (default 1)
+//   UNALIGNED    1: do not round lengths down to groups of four
+//   BYTE_RATE    pace the stream to this many bytes per second (default unpaced)
+//   PERIOD_MS    event period in milliseconds (default 5)
+inline void ApplyStreamEnvironment(const char* prefix, ByteStream& stream, int32_t& periodMs) {
+  auto get = [prefix](const char* suffix) { return std::getenv((std::string(prefix) + suffix).c_str()); };
+  if (const char* length = get("READ_LENGTH")) {
+    stream.fixedLength = std::strcmp(length, "random") == 0 ? 0 : std::atoi(length);
+    if (stream.fixedLength < 0) stream.fixedLength = kMaxRead;
+  }
+  if (const char* seed = get("SEED")) stream.seed = static_cast<uint32_t>(std::strtoul(seed, nullptr, 10));
+  if (const char* unaligned = get("UNALIGNED")) stream.keepGroupsOfFour = std::atoi(unaligned) == 0;
+  if (const char* rate = get("BYTE_RATE")) stream.bytesPerSecond = std::max<int64_t>(0, std::atoll(rate));
+  if (const char* period = get("PERIOD_MS")) periodMs = std::atoi(period) > 0 ? std::atoi(period) : 5;
+}
 
 // A thread that writes the 8-byte value 1 to the registered eventfd every few milliseconds until
 // stopped. Stop joins it, so no write happens after Stop returns.

@@ -2,6 +2,7 @@
 // known byte stream, and fails on request. See test_device_control.h.
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -78,9 +79,18 @@ struct DeviceModel {
     tunerType = 1;
     std::memset(registers, 0, sizeof registers);
     stream = zfn_test::ByteStream{};
-    stream.Restart();
     eventPeriodMs = 5;
+    zfn_test::ApplyStreamEnvironment("ZFN_TESTDEVICE_", stream, eventPeriodMs);
+    if (const char* type = std::getenv("ZFN_TESTDEVICE_TUNER_TYPE")) tunerType = std::atoi(type);
+    if (const char* name = std::getenv("ZFN_TESTDEVICE_FAIL")) {
+      for (int32_t f = 0; f < kFunctionCount; ++f) {
+        if (std::strcmp(name, kFunctionNames[f]) == 0) failures[f] = FailRule{true, 0, -1, 0};
+      }
+    }
+    stream.Restart();
   }
+
+  DeviceModel() { ResetLocked(); }
 
   // Counts the call and tells whether it is one of those told to fail.
   bool FailsNow(Function function) {

@@ -22,6 +22,15 @@
 //   "ZFN_Demod_Byte_Write 1 3e 2 00 00" (address and bytes in hex), "ZFN_GetData 240648 0"
 //   (buffer size and the aux word as found on entry), "ZFN_SetDABEventHandle",
 //   "ZFN_ReleaseDABEventHandle", "ZFN_Get_TunerType".
+//
+// Environment, read when the library is loaded and at TestDevice_Reset:
+//   ZFN_TESTDEVICE_READ_LENGTH  bytes per ZFN_GetData call, or "random" for 1..240648 (default 240648)
+//   ZFN_TESTDEVICE_SEED         seed of the random lengths (default 1)
+//   ZFN_TESTDEVICE_UNALIGNED    1: do not round lengths down to groups of four
+//   ZFN_TESTDEVICE_BYTE_RATE    pace the stream to this many bytes per second (default unpaced)
+//   ZFN_TESTDEVICE_PERIOD_MS    event period (default 5)
+//   ZFN_TESTDEVICE_TUNER_TYPE   the tuner type reported (default 1)
+//   ZFN_TESTDEVICE_FAIL         name of a device function that fails on every call
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -29,8 +38,8 @@ extern "C" {
 #endif
 
 // Back to the state at load: logs empty, no failures, all registers 0, pattern stream with reads
-// of 240648 bytes aligned to 4, unpaced, event period 5 ms, tuner type 1. Does not stop a running
-// event thread.
+// of 240648 bytes aligned to 4, unpaced, event period 5 ms, tuner type 1, then the environment's
+// settings on top. Does not stop a running event thread.
 void TestDevice_Reset(void);
 
 // The call log.

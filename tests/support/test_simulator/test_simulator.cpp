@@ -1,6 +1,5 @@
 // Test build of the simulator library: a deterministic byte stream behind the four simulator
 // functions, with settings from the environment or from TestSim_ calls. See test_simulator_control.h.
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -39,16 +38,7 @@ struct SimulatorModel {
     for (bool& fail : fails) fail = false;
     for (int32_t& count : callCounts) count = 0;
     eventPeriodMs = 5;
-    if (const char* length = std::getenv("ZFN_TESTSIM_READ_LENGTH")) {
-      stream.fixedLength = std::strcmp(length, "random") == 0 ? 0 : std::atoi(length);
-      if (stream.fixedLength < 0) stream.fixedLength = zfn_test::kMaxRead;
-    }
-    if (const char* seed = std::getenv("ZFN_TESTSIM_SEED")) stream.seed = static_cast<uint32_t>(std::strtoul(seed, nullptr, 10));
-    if (const char* unaligned = std::getenv("ZFN_TESTSIM_UNALIGNED")) stream.keepGroupsOfFour = std::atoi(unaligned) == 0;
-    if (const char* rate = std::getenv("ZFN_TESTSIM_BYTE_RATE")) stream.bytesPerSecond = std::atoll(rate);
-    if (const char* period = std::getenv("ZFN_TESTSIM_PERIOD_MS")) {
-      eventPeriodMs = std::atoi(period) > 0 ? std::atoi(period) : 5;
-    }
+    zfn_test::ApplyStreamEnvironment("ZFN_TESTSIM_", stream, eventPeriodMs);
     const int32_t failing = FunctionIndex(std::getenv("ZFN_TESTSIM_FAIL"));
     if (failing >= 0) fails[failing] = true;
     stream.Restart();
