@@ -10,7 +10,7 @@
 namespace zfn::sim {
 
 int PacketsPerFrame(const BroadcastConfig& b) {
-  // T = 12 * q * R * 2^(mode-1) packets per frame for one segment (ARIB STD-B31 3.6.1).
+  // T = 12 * q * R * 2^(mode-1) packets per frame for one segment (ARIB STD-B31).
   return 12 * BitsPerCarrier(b.modulation) * RateNumerator(b.codeRate) * (1 << (b.mode - 1)) / RateDenominator(b.codeRate);
 }
 

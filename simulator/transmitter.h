@@ -74,6 +74,11 @@ double SymbolSeconds(const BroadcastConfig& b);
 double FrameSeconds(const BroadcastConfig& b);
 double LayerBitRate(const BroadcastConfig& b);       // of the 188-byte packets, bit/s
 int EngineSamplesPerSymbol(const BroadcastConfig& b);  // nfft + nguard at 64/63 MHz
+// Device bytes of one OFDM frame: frame f starts at byte f * BytesPerFrame(b) of the output
+// (before any clock offset, multipath delay or dropped bytes).
+inline int64_t BytesPerFrame(const BroadcastConfig& b) {
+  return int64_t{204} * EngineSamplesPerSymbol(b) * kBytesPerEngineSample;
+}
 
 // Empty if both are valid, otherwise one line that says what is wrong.
 std::string CheckConfig(const BroadcastConfig& b, const ChannelConfig& c);

@@ -1,7 +1,7 @@
 #pragma once
-// Seeded pseudo-random numbers for the simulator: xoshiro256** for bits, and a table of Gaussian
-// values for noise, picked by 16 random bits at a time, which is all an 8-bit receiver can tell
-// apart from true Gaussian noise and keeps noise generation far faster than real time.
+// Seeded pseudo-random numbers for the simulator: xoshiro256** for bits, and a small table of
+// Gaussian values for noise; the noise stage adds two draws per component, which an 8-bit
+// receiver cannot tell from true Gaussian noise and keeps noise far faster than real time.
 #include <array>
 #include <cmath>
 #include <cstdint>
@@ -45,8 +45,9 @@ class Rng {
   std::array<uint64_t, 4> s_{};
 };
 
-// 65536 quantiles of the standard normal distribution, at the midpoints of equal-probability
-// cells; indexing it with uniform 16-bit numbers draws from a close approximation of N(0, 1).
+// Quantiles of the standard normal distribution at the midpoints of kGaussianTableSize
+// equal-probability cells, scaled to unit variance; uniform 12-bit indices draw from it.
+constexpr int kGaussianTableSize = 4096;
 const float* GaussianTable();
 
 }  // namespace zfn::sim

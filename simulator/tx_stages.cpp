@@ -119,7 +119,7 @@ void ByteInterleaver::Fill(uint8_t value) { store_.fill(value); }
 
 // ---------------------------------------------------------------------------------------------
 ConvolutionalEncoder::ConvolutionalEncoder(int codeRate) {
-  // Puncturing patterns of ARIB STD-B31 3.7.2, as kept X and Y per input bit of one period.
+  // Puncturing patterns of ARIB STD-B31, as kept X and Y per input bit of one period.
   static constexpr const char* kX[5] = {"1", "10", "101", "10101", "1000101"};
   static constexpr const char* kY[5] = {"1", "11", "110", "11010", "1111010"};
   const char* x = kX[codeRate];
@@ -233,7 +233,7 @@ void TimeInterleaver::Process(const std::complex<float>* in, std::complex<float>
 }
 
 // ---------------------------------------------------------------------------------------------
-// Mode-1 AC1 and TMCC carriers of the coherent segments, by segment number (ARIB STD-B31 3.14,
+// Mode-1 AC1 and TMCC carriers of the coherent segments, by segment number (ARIB STD-B31,
 // tables for synchronous modulation). The Mode 2 and Mode 3 tables are these thirteen patterns
 // in frequency order, repeated and cut into blocks of two or four.
 namespace {
@@ -285,7 +285,7 @@ std::vector<uint8_t> PilotSequence(int mode) {
 // ---------------------------------------------------------------------------------------------
 void TmccParity(const uint8_t* bits, uint8_t* parity) {
   // g(x) = x^82 + x^77 + x^76 + x^71 + x^67 + x^66 + x^56 + x^52 + x^48 + x^40 + x^36 + x^34
-  //        + x^24 + x^22 + x^18 + x^10 + x^4 + 1 (ARIB STD-B31 3.15.6).
+  //        + x^24 + x^22 + x^18 + x^10 + x^4 + 1 (ARIB STD-B31).
   static constexpr int kTerms[] = {77, 76, 71, 67, 66, 56, 52, 48, 40, 36, 34, 24, 22, 18, 10, 4, 0};
   std::array<uint8_t, 82> g{};
   for (int t : kTerms) g[t] = 1;

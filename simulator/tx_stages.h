@@ -34,14 +34,14 @@ int BitsPerCarrier(int modulationCode);
 // Numerator and denominator of code rate index 0..4 (1/2, 2/3, 3/4, 5/6, 7/8).
 int RateNumerator(int codeRate);
 int RateDenominator(int codeRate);
-// Time interleaving length I by index 0..3 and mode 1..3 (ARIB STD-B31 3.12).
+// Time interleaving length I by index 0..3 and mode 1..3 (ARIB STD-B31).
 int InterleaveLength(int interleave, int mode);
 // Delay adjustment A of the time interleaver: makes I*95 + A a whole number of frames.
 int InterleaveAdjustment(int length);
 
 // ---------------------------------------------------------------------------------------------
 // Outer code RS(204,188), shortened from RS(255,239) over GF(256) with x^8+x^4+x^3+x^2+1 and the
-// generator (x - 2^0)...(x - 2^15) (ARIB STD-B31 3.3). Systematic: parity follows the 188 bytes.
+// generator (x - 2^0)...(x - 2^15) (ARIB STD-B31). Systematic: parity follows the 188 bytes.
 class RsEncoder {
  public:
   RsEncoder();
@@ -55,7 +55,7 @@ class RsEncoder {
   std::array<uint8_t, 17> gen_{};  // generator coefficients, gen_[16] = 1 is the x^16 term
 };
 
-// Energy dispersal PRBS 1 + x^14 + x^15, start state 100101010000000 (ARIB STD-B31 3.4).
+// Energy dispersal PRBS 1 + x^14 + x^15, start state 100101010000000 (ARIB STD-B31).
 class DispersalPrbs {
  public:
   DispersalPrbs() { Reset(); }
@@ -68,7 +68,7 @@ class DispersalPrbs {
 };
 
 // Byte interleaver: 12 branches, branch b a FIFO of 17*b bytes, the commutator moving one branch
-// per byte (ARIB STD-B31 3.6). The caller feeds bytes so that the byte after each sync byte
+// per byte (ARIB STD-B31). The caller feeds bytes so that the byte after each sync byte
 // meets branch 0.
 class ByteInterleaver {
  public:
@@ -84,7 +84,7 @@ class ByteInterleaver {
 };
 
 // Convolutional code K = 7, generators 171 and 133 octal, with the puncturing of the code rate
-// (ARIB STD-B31 3.7). Bits come out in transmission order: X before Y within one input bit.
+// (ARIB STD-B31). Bits come out in transmission order: X before Y within one input bit.
 class ConvolutionalEncoder {
  public:
   explicit ConvolutionalEncoder(int codeRate);
@@ -100,7 +100,7 @@ class ConvolutionalEncoder {
   std::array<uint8_t, 8> keepY_{};
 };
 
-// Bit interleaving with the bit delay adjustment in front of it (ARIB STD-B31 3.8.1): bit b of
+// Bit interleaving with the bit delay adjustment in front of it (ARIB STD-B31): bit b of
 // every carrier symbol is delayed by (2*D - 120) + d_b carrier symbols, d_b = 120*b/(q-1).
 class BitInterleaver {
  public:
@@ -119,7 +119,7 @@ class BitInterleaver {
   std::vector<uint8_t> store_;
 };
 
-// Gray mapping to QPSK, 16QAM or 64QAM with unit mean power (ARIB STD-B31 3.8.2).
+// Gray mapping to QPSK, 16QAM or 64QAM with unit mean power (ARIB STD-B31).
 class Mapper {
  public:
   explicit Mapper(int bitsPerCarrier);
@@ -132,7 +132,7 @@ class Mapper {
 };
 
 // Time interleaving of one segment: carrier i delayed by I*((5*i) mod 96) + A symbols
-// (ARIB STD-B31 3.12).
+// (ARIB STD-B31).
 class TimeInterleaver {
  public:
   TimeInterleaver(int carriers, int length, int adjustment);
@@ -152,11 +152,11 @@ class TimeInterleaver {
 };
 
 // Intra-segment carrier randomisation tables, transmitter direction: input symbol i goes to data
-// slot table[i] (ARIB STD-B31 3.13.2).
+// slot table[i] (ARIB STD-B31).
 std::span<const uint16_t> RandomisationTable(int mode);
 
 // ---------------------------------------------------------------------------------------------
-// Carrier layout of the coherent segments 0..4 (ARIB STD-B31 3.14 tables).
+// Carrier layout of the coherent segments 0..4 (ARIB STD-B31).
 struct SegmentCarriers {
   std::vector<int> ac;    // local carrier indices of AC1
   std::vector<int> tmcc;  // local carrier indices of TMCC
@@ -167,11 +167,11 @@ SegmentCarriers CarriersOfSegment(int mode, int segment);
 int PositionOfSegment(int segment);
 
 // Scattered-pilot PRBS x^11 + x^9 + 1 over the band carriers k = 0 .. 13*Nc in frequency order,
-// all ones at k = 0 (ARIB STD-B31 3.13.3). Bit per band carrier.
+// all ones at k = 0 (ARIB STD-B31). Bit per band carrier.
 std::vector<uint8_t> PilotSequence(int mode);
 
 // ---------------------------------------------------------------------------------------------
-// TMCC (ARIB STD-B31 3.15).
+// TMCC (ARIB STD-B31).
 struct LayerTmcc {
   int modulation = 7;  // 3-bit codes; 7 (111) for an unused layer
   int codeRate = 7;

@@ -1,5 +1,5 @@
-// Intra-segment carrier randomisation, transmitter direction (ARIB STD-B31 3.13.2, Tables 3-25
-// to 3-27): input data symbol i of a segment goes to data slot table[i].
+// Intra-segment carrier randomisation, transmitter direction (ARIB STD-B31): input data symbol i
+// of a segment goes to data slot table[i].
 #include "simulator/tx_stages.h"
 
 namespace zfn::sim {

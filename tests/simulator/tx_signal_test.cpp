@@ -164,6 +164,16 @@ TEST(ChannelModel, MeasuredCarrierToNoiseIsTheRequestedOne) {
     }
   }
   EXPECT_NEAR(10 * std::log10(c / n), 12.0, 0.2);
+  // Gaussian: kurtosis 3 on each component.
+  double m2 = 0, m4 = 0;
+  for (size_t i = 0; i < s.size(); ++i) {
+    const double v = y[i].real() / k1 - s[i].real() / k0;
+    m2 += v * v;
+    m4 += v * v * v * v;
+  }
+  m2 /= static_cast<double>(s.size());
+  m4 /= static_cast<double>(s.size());
+  EXPECT_NEAR(m4 / (m2 * m2), 3.0, 0.1);
 }
 
 TEST(ChannelModel, MeasuredFrequencyAndClockOffsetsAreTheRequestedOnes) {
