@@ -37,16 +37,24 @@ void ScaleAdaptionSteps() {
   tracker.ceStepB = engine.pilotGainScaleB * scale;
 }
 
+// floor(fraction * nguard), the product in single precision. Fractions come from a text file that
+// is trusted, but a value out of all range must not reach the integer conversion.
+int32_t FloorOfGuardFraction(float fraction) {
+  const float v = std::floor(fraction * static_cast<float>(engine.nguard));
+  if (!(v > -1.0e6f)) return -1000000;
+  if (!(v < 1.0e6f)) return 1000000;
+  return static_cast<int32_t>(v);
+}
+
 // Makes the values of timing stage s current.
 void EnterTimingStage(int32_t s) {
   TrackerState& t = tracker;
-  const float nguard = static_cast<float>(engine.nguard);
-  int32_t span = static_cast<int32_t>(std::floor(engine.stageSpanFraction[s] * nguard));
+  int32_t span = FloorOfGuardFraction(engine.stageSpanFraction[s]);
   // The gate reads K samples beyond each end of the transform span; the buffer holds nmargin.
   if (span < 0) span = 0;
   if (span > engine.nmargin) span = engine.nmargin;
   t.timingSpan = span;
-  int32_t maxStep = static_cast<int32_t>(std::floor(engine.stageStepFraction[s] * nguard));
+  int32_t maxStep = FloorOfGuardFraction(engine.stageStepFraction[s]);
   if (maxStep < 2) maxStep = 1;
   t.timingMaxStep = maxStep;
   t.timingGain = engine.stageLoopGain[s];

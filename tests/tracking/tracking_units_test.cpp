@@ -5,6 +5,7 @@
 #include <cmath>
 #include <complex>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <string>
 #include <tuple>
@@ -507,6 +508,32 @@ TEST(ChannelWatch, TenBadSymbolsTurnASlowChannelFast) {
   EXPECT_EQ(engine.channelState, CHANNEL_FAST);
   EXPECT_EQ(tracker.smoothNew, engine.mixWeightFast);
   EXPECT_EQ(tracker.watchBad, 0);
+}
+
+// Samples that are not numbers, and stage values from a parameter file out of all range: tracking
+// goes on without a crash, a hang or a step outside the buffer.
+TEST(BadInput, NonFiniteSamplesAndAbsurdStageValues) {
+  test::PrepareEngine(0, 2, 2);
+  engine.stageSpanFraction[0] = std::numeric_limits<float>::infinity();
+  engine.stageStepFraction[0] = std::nanf("");
+  engine.stageUpdatePeriod[0] = 0;
+  test::ChannelModel clean;
+  test::SegmentSignal signal(0, 2, 2, clean);
+  test::SymbolWalker walker(signal, 4);
+  walker.Step();
+  EXPECT_EQ(tracker.timingSpan, engine.nmargin);
+  EXPECT_EQ(tracker.timingMaxStep, 1);
+  walker.Run(20);
+  const float bad[2] = {std::nanf(""), std::numeric_limits<float>::infinity()};
+  for (int i = 0; i < 40; ++i) {
+    for (int k = 0; k < 2 * engine.nwork; ++k) engine.symbolBuffer[k] = bad[(i + k) & 1];
+    ProcessSymbol();
+    EXPECT_EQ(engine.timingStep, 0);  // no period: no step
+    engine.symbolIndex = (engine.symbolIndex + 1) % 204;
+    engine.spPhase = (engine.spPhase + 1) % 4;
+  }
+  EXPECT_GE(engine.ncoPhase, 0.0f);
+  EXPECT_LT(engine.ncoPhase, 6.2831855f);
 }
 
 }  // namespace
