@@ -1,4 +1,4 @@
-// ProcessSymbol per mode on a generated segment signal, in steady state (channel watch, adaption
+// ProcessSymbol per mode on our transmitter's broadcast, in steady state (channel watch, adaption
 // and frequency loop running). Besides the time per symbol, `load` is the fraction of one symbol's
 // duration at 1015873 samples per second that the call takes: the goal is below 0.02.
 #include <benchmark/benchmark.h>
@@ -22,21 +22,21 @@ void ProcessSymbolBench(benchmark::State& state) {
   const int guard = static_cast<int>(state.range(1));
   const int bits = 4;
   test::PrepareEngine(mode, guard, bits);
-  test::ChannelModel channel;
+  sim::ChannelConfig channel;
+  channel.noise = true;
   channel.cnDb = 25.0;
-  channel.echoDelay = engine.nguard / 4;
-  channel.echoGain = {0.3, 0.2};
-  test::SegmentSignal signal(mode, guard, bits, channel);
-  test::SymbolWalker walker(signal, 4);
+  channel.echoes = {sim::EchoPath{10.0, -8.0, 30.0}};
+  test::BroadcastStream stream(mode, guard, bits, channel);
+  test::SymbolWalker walker(stream, 4);
   walker.Run(40);
 
   // Record the symbols that the read position would take, then hold the timing still.
   const int nwork = engine.nwork;
   std::vector<float> recorded(static_cast<size_t>(2 * nwork * RECORDED));
   int64_t pos = walker.readPos();
-  signal.EnsureSamples(pos + static_cast<int64_t>(engine.nsymbol) * (RECORDED + 1));
+  stream.EnsureSamples(pos + static_cast<int64_t>(engine.nsymbol) * (RECORDED + 1));
   for (int i = 0; i < RECORDED; ++i, pos += engine.nsymbol)
-    std::memcpy(recorded.data() + 2 * nwork * i, signal.Samples(pos), sizeof(float) * 2 * nwork);
+    std::memcpy(recorded.data() + 2 * nwork * i, stream.Samples(pos), sizeof(float) * 2 * nwork);
   engine.symbolCount = engine.settleSymbols;  // from here on everything runs
   engine.spPhase = 0;
 

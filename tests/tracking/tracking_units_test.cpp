@@ -389,9 +389,8 @@ TEST(SetUp, ArenaOrderAndSizes) {
 
 TEST(Schedule, SmallestStepIsOneSample) {
   test::PrepareEngine(0, 0, 2);  // nguard 8: floor(8/32) = 0 is raised to 1
-  test::ChannelModel clean;
-  test::SegmentSignal signal(0, 0, 2, clean);
-  test::SymbolWalker walker(signal, 4);
+  test::BroadcastStream stream(0, 0, 2, sim::ChannelConfig{});
+  test::SymbolWalker walker(stream, 4);
   walker.Step();
   EXPECT_EQ(tracker.timingSpan, 1);
   EXPECT_EQ(tracker.timingMaxStep, 1);
@@ -401,9 +400,8 @@ TEST(Schedule, SmallestStepIsOneSample) {
 
 TEST(Schedule, StagesTapsAndScan) {
   test::PrepareEngine(2, 0, 2);  // Mode 3, guard 1/32: step fraction 1/16 in stage 0
-  test::ChannelModel clean;
-  test::SegmentSignal signal(2, 0, 2, clean);
-  test::SymbolWalker walker(signal, 4);
+  test::BroadcastStream stream(2, 0, 2, sim::ChannelConfig{});
+  test::SymbolWalker walker(stream, 4);
   walker.Step();
   EXPECT_EQ(tracker.timingSpan, 4);      // floor(32/8)
   EXPECT_EQ(tracker.timingMaxStep, 2);   // floor(32/16)
@@ -517,9 +515,8 @@ TEST(BadInput, NonFiniteSamplesAndAbsurdStageValues) {
   engine.stageSpanFraction[0] = std::numeric_limits<float>::infinity();
   engine.stageStepFraction[0] = std::nanf("");
   engine.stageUpdatePeriod[0] = 0;
-  test::ChannelModel clean;
-  test::SegmentSignal signal(0, 2, 2, clean);
-  test::SymbolWalker walker(signal, 4);
+  test::BroadcastStream stream(0, 2, 2, sim::ChannelConfig{});
+  test::SymbolWalker walker(stream, 4);
   walker.Step();
   EXPECT_EQ(tracker.timingSpan, engine.nmargin);
   EXPECT_EQ(tracker.timingMaxStep, 1);
