@@ -56,6 +56,9 @@ void EnterTimingStage(int32_t s) {
   t.timingSpan = span;
   int32_t maxStep = FloorOfGuardFraction(engine.stageStepFraction[s]);
   if (maxStep < 2) maxStep = 1;
+  // A step beyond the guard interval has no meaning, and the block walk needs steps shorter than
+  // a symbol.
+  if (maxStep > engine.nguard) maxStep = engine.nguard;
   t.timingMaxStep = maxStep;
   t.timingGain = engine.stageLoopGain[s];
   t.timingSpare = engine.stageSpare[s];
