@@ -189,6 +189,10 @@ void ProcessBlock() {
 void SymbolStep() {
   ProcessSymbol();
   SymbolSink();
+  FinishSymbol();
+}
+
+void FinishSymbol() {
   int32_t resync = 0;
   switch (engine.decodeStage) {
     case 1:

@@ -19,8 +19,10 @@ void ProcessBlock();
 void ConvertBlock(const uint8_t* raw, float* samples);
 // Walks the symbols of sampleBlock in BLOCK_TRACKING, carrying a straddling symbol over the edge.
 void WalkSymbols();
-// One symbol: tracking, decoding, the resync rule, frame and pilot positions.
+// One symbol: tracking, decoding, then FinishSymbol.
 void SymbolStep();
+// The end of a symbol step: the resync rule, then the frame and pilot positions move on.
+void FinishSymbol();
 
 // The acquisition stages and set-ups that ProcessBlock calls by state. They are the stage entry
 // points; tests of the state machine put scripted stand-ins here.

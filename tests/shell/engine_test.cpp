@@ -160,8 +160,6 @@ TEST_F(SyncEngine, IdleUntilTheFirstRetuneThenOneStatePerBlock) {
   Feed(3);
   EXPECT_EQ(SyncDriverBlockState(), BLOCK_COARSE_SYNC);
   EXPECT_EQ(debugParaBlock.Int(5), BLOCK_COARSE_SYNC);
-  EXPECT_EQ(engine.tsResetPhase, 2) << "the packet stage was told to start over";
-  EXPECT_EQ(engine.tsResetRequest, 1);
   Feed(4);
   EXPECT_EQ(SyncDriverBlockState(), BLOCK_FRAME_SYNC);
   Feed(5);
@@ -197,6 +195,8 @@ TEST_F(SyncEngine, ARetuneJumpsToTheNewestBlockAndTheNextFollowsInOrder) {
   EXPECT_EQ(engine.rawBlock[0], 3);
   EXPECT_EQ(blockRing.readCount, blockRing.writeCount);
   EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC) << "exactly one block handled";
+  EXPECT_EQ(engine.tsResetPhase, 2) << "the packet stage was told to start over";
+  EXPECT_EQ(engine.tsResetRequest, 1);
   BlockRingPublish(Block(4).data());
   ProcessPendingBlocks();
   EXPECT_EQ(engine.rawBlock[0], 4);
@@ -310,7 +310,9 @@ TEST_F(SyncEngine, AResyncFromTrackingUndoesTheClockCorrectionAndRestartsOnTheSa
   engine.clockWritePending = 1;
   engine.tsResetPhase = 3;
   script.calls.clear();
-  Feed(4);
+  // One pass of the demodulation thread, without the packet thread's answer to the restart.
+  BlockRingPublish(Block(4).data());
+  ProcessPendingBlocks();
   EXPECT_EQ(engine.clockWritePending, 0) << "the sample clock correction was handed back";
   // The same pass jumps to the newest block, which is this one, and starts acquisition on it.
   EXPECT_EQ(script.calls, std::vector<std::string>{"detect"});
@@ -377,7 +379,7 @@ TEST(SymbolStepRule, ResyncFollowsTheDecodeStageUnlessSwitchedOff) {
     engine.snrFailed = c.snrFailed;
     engine.streamFailMark = c.streamFail;
     engine.autoResync = c.autoResync;
-    SymbolStep();
+    FinishSymbol();
     EXPECT_EQ(engine.resyncRequest, c.expected) << "stage " << c.stage;
   }
   EXPECT_EQ(engine.symbolIndex, (203 + 8) % 204);
