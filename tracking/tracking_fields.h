@@ -6,15 +6,27 @@
 
 namespace zfn {
 
+// Decoder hand-over stages of a tracking run.
+constexpr int32_t DECODE_SCAN = 0;     // filter pair scan in progress: the decoder is not watched
+constexpr int32_t DECODE_EARLY = 1;    // from set-up to the scan: the low-SNR watch judges the lock
+constexpr int32_t DECODE_STREAM = 2;   // after the scan: the packet statistics judge the lock
+
+// Channel states of the channel watch.
+constexpr int32_t CHANNEL_SLOW = 0;
+constexpr int32_t CHANNEL_FAST = 1;
+
 struct TrackingFields {
-  // Needed early by shell and decoder; owned by tracking
-  RelaxedWord<float> snrDb;            // read by the quality status on the caller's thread
-  RelaxedWord<int32_t> decodeStage;    // 0, 1 or 2; read by the lock status and the packet thread
-  int8_t snrFailed;
-  int8_t timingEnabled;
-  int32_t timingStep;                  // samples, may be negative
-  RelaxedWord<int32_t> symbolCount;    // symbols since tracking began; read by the packet thread
-  float* equalisedCarriers;            // ndata complex values, hand-over to SymbolSink
+  // Signal quality in dB of the last equalised symbol; read with no lock by the status functions.
+  RelaxedWord<float> snrDb;
+  // DECODE_SCAN, DECODE_EARLY or DECODE_STREAM; read by the lock status.
+  RelaxedWord<int32_t> decodeStage;
+  int8_t snrFailed;        // 1 once the low-SNR watch gave up; turned into a resync by the block loop
+  int8_t timingEnabled;    // 0 while timing steps are suppressed (first eight symbols)
+  int32_t timingStep;      // samples by which the next symbol start moves; positive = later
+  RelaxedWord<int32_t> symbolCount;  // symbols since tracking began; read by the packet thread
+  int32_t channelState;    // CHANNEL_SLOW or CHANNEL_FAST
+  // ndata interleaved complex floats: equalised data carriers of the symbol three symbols back.
+  float* equalisedCarriers;
 };
 
 }  // namespace zfn

@@ -1,0 +1,237 @@
+// Tracking of our own transmitter's broadcast through the synchronous driver: device bytes of the
+// whole chain (segments 3, 1, 0, 2, 4, channel, quantiser) into the engine's block state machine,
+// from acquisition into tracking and on.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "shell/receiver_state.h"
+#include "shell/sync_driver.h"
+#include "simulator/transmitter.h"
+#include "tracking/slicers.h"
+#include "tracking/tracker_state.h"
+
+namespace zfn {
+namespace {
+
+struct Broadcast {
+  int mode = 2, guard = 2;  // receiver numbering: mode 0..2, guard 0..3
+  int modulation = 1;       // TMCC code: 1 QPSK, 2 16QAM, 3 64QAM
+  double cnDb = 0;      // 0: no noise
+  double offsetHz = 0;
+  double clockPpm = 0;
+  std::vector<sim::EchoPath> echoes;
+  double filterHz = 780e3;
+  double rms = 28;
+};
+
+// Drives one broadcast through the driver; Track() feeds blocks while tracking.
+class DriverRun {
+ public:
+  explicit DriverRun(const Broadcast& c, uint64_t seed = 5) {
+    sim::BroadcastConfig b;
+    b.mode = c.mode + 1;
+    b.guard = c.guard;
+    b.modulation = c.modulation;
+    b.codeRate = 1;
+    b.interleave = 2;
+    b.seed = seed;
+    b.deviceFilterHz = c.filterHz;
+    sim::ChannelConfig ch;
+    ch.rmsLevel = c.rms;
+    ch.noise = c.cnDb > 0;
+    ch.cnDb = c.cnDb;
+    ch.carrierOffsetHz = c.offsetHz;
+    ch.clockPpm = c.clockPpm;
+    ch.echoes = c.echoes;
+    ch.seed = seed + 1;
+    std::string error;
+    gen_ = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(seed), &error);
+    EXPECT_TRUE(gen_) << error;
+    EXPECT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
+    SyncDriverRetune();
+    bytes_.resize(RAW_BLOCK_BYTES);
+  }
+  ~DriverRun() { SyncDriverClose(); }
+
+  // Feeds blocks until tracking; false if it is not reached within `limit` blocks.
+  bool Acquire(int limit) {
+    for (int i = 0; i < limit && gen_; ++i) {
+      Feed();
+      if (SyncDriverBlockState() == BLOCK_TRACKING) {
+        // The decoder set-up gives the equaliser its bits per carrier.
+        const int code = engine.layerParams->modulation;
+        engine.bitsPerCarrier = code <= 1 ? 2 : code == 2 ? 4 : 6;
+        return true;
+      }
+    }
+    return false;
+  }
+  void Feed() {
+    gen_->GenerateBytes(bytes_.data(), bytes_.size());
+    SyncDriverFeed(bytes_.data(), bytes_.size());
+    fed_ += BLOCK_SAMPLES;
+  }
+  // Engine samples fed before the current block.
+  int64_t FedBefore() const { return fed_ - BLOCK_SAMPLES; }
+
+ private:
+  std::unique_ptr<sim::SignalGenerator> gen_;
+  std::vector<uint8_t> bytes_;
+  int64_t fed_ = 0;
+};
+
+// Mean squared distance of the last symbol's equalised carriers from their hard decisions.
+double DecisionErrorDb() {
+  double sum = 0.0;
+  const int bits = engine.bitsPerCarrier;
+  for (int k = 0; k < engine.ndata; ++k) {
+    float re = engine.equalisedCarriers[2 * k], im = engine.equalisedCarriers[2 * k + 1];
+    if (bits == 2) {
+      const float w = engine.qpskSoftTarget > 0.0f ? tracker.softWeight[k] : 8.0f;
+      re /= w;
+      im /= w;
+    }
+    const Cx d = SliceCarrier({re, im}, bits);
+    sum += (re - d.re) * (re - d.re) + (im - d.im) * (im - d.im);
+  }
+  return 10.0 * std::log10(sum / engine.ndata + 1e-30);
+}
+
+// Span start of the next symbol in broadcast samples (before the device clock), and the number of
+// engine samples fed so far.
+double SpanOffsetInSymbol(int64_t samplesFed, double ppm) {
+  const double rx = static_cast<double>(samplesFed) + engine.readPos / 2 + engine.nmargin;
+  const double tx = rx / (1.0 + ppm * 1e-6);
+  return std::fmod(tx, engine.nsymbol);
+}
+
+double CarrierSpacingHz() { return 64e6 / 63.0 / engine.nfft; }
+
+std::string Describe(const Broadcast& c) {
+  return "Mode " + std::to_string(c.mode + 1) + " guard " + std::to_string(c.guard) + " modulation " +
+         std::to_string(c.modulation);
+}
+
+// A clean broadcast: every modulation in every mode sits on its constellation, block after block.
+TEST(DriverTracking, CleanConstellationsInAllModes) {
+  for (int mode = 0; mode < 3; ++mode) {
+    for (int modulation : {1, 2, 3}) {
+      Broadcast c;
+      c.mode = mode;
+      c.modulation = modulation;
+      SCOPED_TRACE(Describe(c));
+      DriverRun run(c);
+      ASSERT_TRUE(run.Acquire(40));
+      double sum = 0.0;
+      for (int i = 0; i < 3; ++i) {
+        run.Feed();
+        ASSERT_EQ(SyncDriverBlockState(), BLOCK_TRACKING);
+        EXPECT_GT(engine.snrDb, 15.0f);
+        EXPECT_LT(DecisionErrorDb(), -15.0);
+        sum += engine.snrDb;
+      }
+      EXPECT_GT(sum / 3.0, 17.0);
+    }
+  }
+}
+
+// snrDb against the C/N of the broadcast over segment 0. It reads below C/N by the device noise
+// that folds onto the segment when every second device sample is dropped (3 dB) and by the noise
+// of the channel estimate (about 2 dB), and rises with C/N.
+TEST(DriverTracking, SnrFollowsCarrierToNoise) {
+  double last = -100.0;
+  for (double cn = 5.0; cn <= 25.0; cn += 5.0) {
+    Broadcast c;
+    c.mode = 2;
+    c.modulation = 1;
+    c.cnDb = cn;
+    DriverRun run(c);
+    ASSERT_TRUE(run.Acquire(40));
+    double sum = 0.0;
+    for (int i = 0; i < 6; ++i) {
+      run.Feed();
+      sum += engine.snrDb;
+    }
+    const double snr = sum / 6.0;
+    SCOPED_TRACE(::testing::Message() << "C/N " << cn << " snrDb " << snr);
+    EXPECT_GT(snr, cn - 6.5);
+    EXPECT_LT(snr, cn - 2.0);
+    EXPECT_GT(snr, last + 2.5);
+    last = snr;
+  }
+}
+
+// The device clock 30 ppm off: over 30 blocks the symbols drift by 54 samples, more than the
+// guard interval of 32; the timing loop keeps the transform span inside the guard interval.
+TEST(DriverTracking, TimingFollowsSampleClockOffset) {
+  for (double ppm : {30.0, -30.0}) {
+    Broadcast c;
+    c.mode = 1;
+    c.guard = 1;
+    c.modulation = 2;
+    c.clockPpm = ppm;
+    DriverRun run(c);
+    ASSERT_TRUE(run.Acquire(40));
+    for (int i = 0; i < 30; ++i) {
+      run.Feed();
+      if (i % 5 != 4) continue;
+      SCOPED_TRACE(::testing::Message() << "ppm " << ppm << " block " << i);
+      ASSERT_EQ(SyncDriverBlockState(), BLOCK_TRACKING);
+      const double offset = SpanOffsetInSymbol(run.FedBefore(), ppm);
+      EXPECT_GE(offset, 0.0);
+      EXPECT_LT(offset, engine.nguard);
+      EXPECT_GT(engine.snrDb, 15.0f);
+    }
+  }
+}
+
+// What acquisition leaves of the carrier offset, the frequency loop takes out.
+TEST(DriverTracking, FrequencyLoopRemovesResidualOffset) {
+  for (double hz : {1234.5, -3000.0}) {
+    Broadcast c;
+    c.mode = 2;
+    c.modulation = 1;
+    c.offsetHz = hz;
+    DriverRun run(c);
+    ASSERT_TRUE(run.Acquire(40));
+    const auto residual = [&] { return hz / CarrierSpacingHz() + engine.ncoStep * engine.nfft / 6.283185307179; };
+    const double atEntry = residual();
+    for (int i = 0; i < 12; ++i) run.Feed();
+    SCOPED_TRACE(::testing::Message() << hz << " Hz: " << atEntry << " carriers at entry, " << residual() << " after");
+    EXPECT_LT(std::fabs(residual()), 0.003);
+    EXPECT_LT(std::fabs(residual()), 0.25 * std::fabs(atEntry));
+    EXPECT_GT(engine.snrDb, 18.0f);
+  }
+}
+
+// Echoes inside the guard interval and short of the span's place at entry to tracking (the middle
+// of the guard): the channel estimate follows them, and the span stays clear of the previous
+// symbol's echo.
+TEST(DriverTracking, EchoesInsideTheGuardAreFollowed) {
+  for (double us : {20.0, 60.0}) {
+    Broadcast c;
+    c.mode = 2;
+    c.guard = 2;
+    c.modulation = 2;
+    c.echoes = {sim::EchoPath{us, -6.0, 60.0}};
+    DriverRun run(c);
+    ASSERT_TRUE(run.Acquire(40));
+    for (int i = 0; i < 2; ++i) run.Feed();
+    const double delay = us * 1e-6 * 64e6 / 63.0;
+    for (int i = 0; i < 3; ++i) {
+      run.Feed();
+      SCOPED_TRACE(::testing::Message() << "echo " << us << " us, block " << i);
+      EXPECT_GT(engine.snrDb, 15.0f);
+      EXPECT_GE(SpanOffsetInSymbol(run.FedBefore(), 0.0), delay);
+      EXPECT_LT(SpanOffsetInSymbol(run.FedBefore(), 0.0), engine.nguard);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zfn

@@ -1,0 +1,142 @@
+// Frequency interpolation of the channel to every carrier of the segment, equalisation of the data
+// carriers, and the signal quality drawn from their decision errors.
+#include <cmath>
+#include <cstring>
+
+#include "numeric/dft.h"
+#include "numeric/math_primitives.h"
+#include "shell/device_state.h"
+#include "shell/receiver_state.h"
+#include "tracking/complex32.h"
+#include "tracking/slicers.h"
+#include "tracking/tracker_state.h"
+
+namespace zfn {
+
+namespace {
+
+constexpr int32_t MAX_QUARTER = 256;
+
+// Carries 4*ngrid complex entries from src onto the plane at the carriers 3*i + phase.
+void PlaceOnPlane(const float* src, int32_t phase) {
+  TrackerState& t = tracker;
+  const int32_t nc = engine.ncarrier;
+  const int32_t entries = 4 * engine.ngrid;
+  for (int32_t i = 0; i < entries; ++i) {
+    t.channelPlanes[3 * i + phase] = src[2 * i];
+    t.channelPlanes[nc + 3 * i + phase] = src[2 * i + 1];
+  }
+}
+
+void Convolve(const float* x, const float* bank, float* y) {
+  const int32_t nq = engine.nquarter;
+  for (int32_t i = 0; i < nq; ++i) Store(y, i, Load(x, i) * Load(bank, i));
+  TransformQuarter(y, -1);
+}
+
+}  // namespace
+
+void InterpolateChannel() {
+  TrackerState& t = tracker;
+  if (engine.symbolCount < 8) return;
+  const int32_t nq = engine.nquarter;
+  const int32_t n = engine.nspan / 3;
+
+  // The row itself lies on every third carrier.
+  const float* row = t.interpRow;
+  PlaceOnPlane(row + 2 * t.gridOffset, 0);
+
+  // The whole row, neighbouring segments included, so the filter has data beyond the segment edges.
+  alignas(16) float x[2 * MAX_QUARTER];
+  alignas(16) float y[2 * MAX_QUARTER];
+  std::memcpy(x, row, sizeof(float) * 2 * static_cast<size_t>(n));
+  std::memset(x + 2 * n, 0, sizeof(float) * 2 * static_cast<size_t>(nq - n));
+  TransformQuarter(x, 1);
+
+  // 11 is the delay of the 22 taps in row entries.
+  Convolve(x, t.interpBankLow, y);
+  PlaceOnPlane(y + 2 * (t.gridOffset + 11), 1);
+  Convolve(x, t.interpBankHigh, y);
+  PlaceOnPlane(y + 2 * (t.gridOffset + 11), 2);
+}
+
+void EqualiseCarriers() {
+  TrackerState& t = tracker;
+  if (engine.symbolCount < 8) return;
+  const int32_t nc = engine.ncarrier;
+  const int32_t bits = engine.bitsPerCarrier;
+  const float* slot = t.carrierRing + t.carrierRingNext * t.carrierRingStride + 2 * t.segmentOffset;
+  const float* hre = t.channelPlanes;
+  const float* him = t.channelPlanes + nc;
+  float* out = engine.equalisedCarriers;
+
+  // The oldest symbol's pilot phase is one ahead of this symbol's.
+  int32_t pilot = 3 * ((engine.spPhase + 1) & 3);
+  const int32_t* fixed = t.fixedCarriers;
+  float powerSum = 0.0f;
+  float noiseSum = 0.0f;
+  int32_t k = 0;
+  for (int32_t c = 0; c < nc; ++c) {
+    if (c == pilot) {
+      pilot += 12;
+      continue;
+    }
+    if (c == *fixed) {
+      ++fixed;
+      continue;
+    }
+    const Cx r = Load(slot, c);
+    const Cx h{hre[c], him[c]};
+    const float p = Norm(h);
+    const Cx rh = MulConj(r, h);
+    const Cx e{rh.re / p, rh.im / p};
+    Store(out, k, e);
+    t.carrierPower[k] = p;
+    powerSum += p;
+    const Cx d = SliceCarrier(e, bits);
+    noiseSum += Norm(r - d * h);
+    ++k;
+  }
+
+  if (bits == 2) {
+    if (engine.qpskSoftTarget > 0.0f) {
+      // A weak carrier counts less: R * conj(H) scaled by the noise.
+      t.noiseAvg = 0.5f * t.noiseAvg + 0.5f * (noiseSum / static_cast<float>(engine.ndata));
+      const float ratio = engine.qpskSoftTarget / t.noiseAvg;
+      for (int32_t i = 0; i < k; ++i) {
+        t.softWeight[i] = t.carrierPower[i] * ratio;
+        out[2 * i] *= t.softWeight[i];
+        out[2 * i + 1] *= t.softWeight[i];
+      }
+    } else {
+      for (int32_t i = 0; i < 2 * k; ++i) out[i] *= 8.0f;
+    }
+  }
+
+  // Signal to noise ratio of the symbol from the decision errors; floored at -80 dB.
+  float ratio = powerSum / noiseSum;
+  if (ratio < 1e-08f) ratio = 1e-08f;
+  const float snr = static_cast<float>(10.0 * Log10D(static_cast<double>(ratio)));
+  engine.snrDb = snr;
+  controlBlock.lastSnrDb = snr;
+  if (t.snrLog) std::fprintf(t.snrLog, "%f\n", static_cast<double>(snr));
+}
+
+void WatchLowSnr() {
+  TrackerState& t = tracker;
+  if (engine.decodeStage != DECODE_EARLY || engine.symbolCount <= 50) return;
+  const double snr = engine.snrDb.load();
+  if (snr < 2.0) {
+    ++t.snrLowCount;
+  } else if (snr > 4.0) {
+    ++t.snrHighCount;
+  }
+  if (t.snrHighCount >= 20) {
+    t.snrLowCount = 0;
+    t.snrHighCount = 0;
+  } else if (t.snrLowCount > 100) {
+    engine.snrFailed = 1;
+  }
+}
+
+}  // namespace zfn

@@ -1,0 +1,305 @@
+// The per-symbol driver of tracking: the schedule by symbol count, the carrier rotator and its
+// frequency loop, the transform, channel estimation and equalisation, and the timing loop.
+#include <bit>
+#include <cmath>
+#include <cstring>
+
+#include "decoder/decoder_state.h"
+#include "acquisition/acquisition.h"
+#include "numeric/dft.h"
+#include "numeric/math_primitives.h"
+#include "shell/device_state.h"
+#include "shell/diagnostics.h"
+#include "shell/receiver_state.h"
+#include "shell/stages.h"
+#include "tracking/complex32.h"
+#include "tracking/tracker_state.h"
+
+namespace zfn {
+
+namespace {
+
+constexpr int32_t TIMING_STAGES = 3;
+
+void LoadTapSet(float* set, const float* taps) { std::memcpy(set, taps, sizeof(float) * 6); }
+
+// The three fixed recursive sets of the time filter; the order of the sets is reversed against the
+// order of the parameter names.
+void LoadFixedTimeTaps() {
+  LoadTapSet(tracker.timeTaps, engine.interpTapsC);
+  LoadTapSet(tracker.timeTaps + 6, engine.interpTapsB);
+  LoadTapSet(tracker.timeTaps + 12, engine.interpTapsA);
+}
+
+void ScaleAdaptionSteps() {
+  if (engine.paramFilesActive != 1) return;
+  const float scale = static_cast<float>(1 << (2 - engine.modeGuard->mode));
+  tracker.ceStepA = engine.pilotGainScaleA * scale;
+  tracker.ceStepB = engine.pilotGainScaleB * scale;
+}
+
+// floor(fraction * nguard), the product in single precision. Fractions come from a text file that
+// is trusted, but a value out of all range must not reach the integer conversion.
+int32_t FloorOfGuardFraction(float fraction) {
+  const float v = std::floor(fraction * static_cast<float>(engine.nguard));
+  if (!(v > -1.0e6f)) return -1000000;
+  if (!(v < 1.0e6f)) return 1000000;
+  return static_cast<int32_t>(v);
+}
+
+// Makes the values of timing stage s current.
+void EnterTimingStage(int32_t s) {
+  TrackerState& t = tracker;
+  int32_t span = FloorOfGuardFraction(engine.stageSpanFraction[s]);
+  // The gate reads K samples beyond each end of the transform span; the buffer holds nmargin.
+  if (span < 0) span = 0;
+  if (span > engine.nmargin) span = engine.nmargin;
+  t.timingSpan = span;
+  int32_t maxStep = FloorOfGuardFraction(engine.stageStepFraction[s]);
+  if (maxStep < 2) maxStep = 1;
+  // A step beyond the guard interval has no meaning, and the block walk needs steps shorter than
+  // a symbol.
+  if (maxStep > engine.nguard) maxStep = engine.nguard;
+  t.timingMaxStep = maxStep;
+  t.timingGain = engine.stageLoopGain[s];
+  t.timingSpare = engine.stageSpare[s];
+  t.timingDeadZone = engine.stageDeadZone[s];
+  t.timingPeriod = engine.stageUpdatePeriod[s];
+  t.rotateCount = engine.nfft + 2 * t.timingSpan;
+  t.rotateStart = engine.nmargin - t.timingSpan;
+}
+
+void RunSchedule(int32_t count) {
+  TrackerState& t = tracker;
+  for (int32_t s = 0; s < TIMING_STAGES; ++s) {
+    if (count == engine.stageStartSymbol[s]) {
+      EnterTimingStage(s);
+      break;
+    }
+  }
+  if (count == 0) {
+    engine.timingEnabled = 0;
+    t.adaptTimeTaps = 0;
+    t.channelWatchOn = 0;
+    t.smoothRowsOn = 0;
+    std::memset(t.timeTaps, 0, sizeof(float) * 18);
+    t.timeTaps[0] = t.timeTaps[6] = t.timeTaps[12] = 1.0f;
+    ScaleAdaptionSteps();
+  } else if (count == 8) {
+    engine.timingEnabled = 1;
+    LoadFixedTimeTaps();
+    ScaleAdaptionSteps();
+  } else if (count == engine.settleSymbols) {
+    t.channelWatchOn = 1;
+    engine.channelState = CHANNEL_FAST;
+    t.channelStatePrev = CHANNEL_FAST;
+    t.adaptTimeTaps = 1;
+    t.smoothRowsOn = 0;
+  }
+}
+
+// A step of the read position takes effect at a symbol of pilot phase 0 only.
+void NoteTimingJump() {
+  TrackerState& t = tracker;
+  if (engine.spPhase != 0) {
+    t.jumpPending = 0;
+    return;
+  }
+  if (engine.timingStep == 0) {
+    t.jumpPending = 0;
+    t.jumpInForce = 0;
+    if (t.jumpAge > 0 && ++t.jumpAge > 3) t.jumpAge = 0;
+    return;
+  }
+  t.jumpPending = 1;
+  t.jumpInForce = engine.timingStep;
+  t.jumpAmount = engine.timingStep;
+  t.jumpStage = 1;
+  t.jumpAge = 1;
+  // Keep the rotator's phase continuous over the samples skipped or read twice.
+  engine.ncoPhase = engine.ncoPhase + static_cast<float>(engine.timingStep) * engine.ncoStep;
+  if (t.snrLog) std::fprintf(t.snrLog, "%f\n", -40.0);
+}
+
+void StartScanAndHandOver(int32_t count) {
+  TrackerState& t = tracker;
+  if (count == engine.guardScanStart) {
+    t.scanStep = 1;
+    t.scanDwell = 0;
+    engine.decodeStage = DECODE_SCAN;
+    for (float& s : t.scanScore) s = 0.0f;
+  }
+  if (count == engine.guardScanStart + 204 + decoder.startupSymbols) engine.decodeStage = DECODE_STREAM;
+}
+
+float WrapPhase(float phase) {
+  double p = phase;
+  // A non-finite or runaway phase (only from absurd loop gains) must not stall the loops below.
+  if (!std::isfinite(p)) p = 0.0;
+  if (std::fabs(p) > 1.0e6) p = std::fmod(p, TWO_PI);
+  while (p >= TWO_PI) p -= TWO_PI;
+  while (p < 0.0) p += TWO_PI;
+  return static_cast<float>(p);
+}
+
+void TransformAndStore() {
+  TrackerState& t = tracker;
+  const int32_t nfft = engine.nfft;
+  const int32_t half = engine.nspan / 2;
+  std::memcpy(t.spectrumNow, engine.symbolBody, sizeof(float) * 2 * static_cast<size_t>(nfft));
+  DftiErrorClass(DftiComputeForward(engine.fftPlan, t.spectrumNow), DFTI_NO_ERROR);
+  t.carrierSlotNow = t.carrierRing + t.carrierRingNext * t.carrierRingStride;
+  // Negative frequencies first: slot entry e is carrier e + spanCentre relative to DC.
+  std::memcpy(t.carrierSlotNow, t.spectrumNow + 2 * (nfft - half), sizeof(float) * 2 * static_cast<size_t>(half));
+  std::memcpy(t.carrierSlotNow + 2 * half, t.spectrumNow, sizeof(float) * 2 * static_cast<size_t>(half));
+  t.carrierRingNext = (t.carrierRingNext + 1) & 3;
+}
+
+void EstimateChannel() {
+  TrackerState& t = tracker;
+  EstimatePilots();
+  if (!t.channelWatchOn) return;
+  WatchChannelChange();
+  if (engine.channelState == CHANNEL_SLOW && t.channelStatePrev == CHANNEL_FAST) {
+    LoadFixedTimeTaps();  // the adapted taps are dropped
+    t.smoothRowsOn = 1;
+    t.adaptTimeTaps = 0;
+  } else if (engine.channelState == CHANNEL_FAST && t.channelStatePrev == CHANNEL_SLOW) {
+    t.adaptTimeTaps = 1;
+    t.smoothRowsOn = 0;
+  }
+  // After a jump the rows are re-based at pilot phase 3, when pastRow1 is still on the old timing.
+  if (t.smoothRowsOn && !(t.jumpInForce != 0 && engine.spPhase == 3)) {
+    const int32_t n = 2 * (engine.nspan / 3);
+    for (int32_t i = 0; i < n; ++i)
+      t.filteredRow[i] = t.smoothNew * t.filteredRow[i] + t.smoothOld * t.pastRow1[i];
+  }
+}
+
+void ChooseFilterPair() {
+  TrackerState& t = tracker;
+  int32_t pair = -1;
+  if (t.scanStep >= 1 && t.scanStep <= INTERP_PAIRS) {
+    pair = t.scanStep - 1;
+  } else if (t.scanStep == INTERP_PAIRS + 1) {
+    t.scanStep = 0;
+    pair = 0;
+    for (int32_t q = 1; q < INTERP_PAIRS; ++q)
+      if (t.scanScore[q] > t.scanScore[pair]) pair = q;
+  }
+  if (pair < 0) return;
+  t.interpBankLow = t.interpLow + pair * INTERP_BLOCK * 2;
+  t.interpBankHigh = t.interpHigh + pair * INTERP_BLOCK * 2;
+}
+
+void ScoreFilterPair() {
+  TrackerState& t = tracker;
+  if (t.scanStep == 0) return;
+  t.scanScore[t.scanStep - 1] += engine.snrDb;
+  if (t.scanDwell == 3) {
+    ++t.scanStep;
+    t.scanDwell = 0;
+  } else {
+    ++t.scanDwell;
+  }
+}
+
+// Pure integrator on the frequency, driven by the phase turn of the fixed carriers from the last
+// symbol; a carrier that flipped sign is folded back.
+void RunFrequencyLoop() {
+  const TrackerState& t = tracker;
+  float sum = 0.0f;
+  for (int32_t c = 0; c < engine.ntrack; ++c) {
+    const int32_t bin = engine.trackBins[c];
+    const Cx a = Load(t.spectrumNow, bin);
+    const Cx b = Load(t.spectrumPrev, bin);
+    float e = a.im * b.re - a.re * b.im;
+    if (!(a.re * b.re + a.im * b.im > 0.0f)) e = -e;
+    sum += e;
+  }
+  engine.ncoStep = engine.ncoStep - sum * engine.freqLoopGain;
+}
+
+void WriteStatusWords() {
+  DebugParaBlock* para = device.debugPara;
+  if (!para) return;
+  para->SetFloat(0, engine.snrDb);
+  para->SetFloat(1, static_cast<float>(engine.nfft * static_cast<double>(engine.ncoStep) / TWO_PI));
+  para->SetInt(10, engine.channelState);
+  para->SetFloat(11, static_cast<float>(engine.failsThisSecond.load()));
+}
+
+}  // namespace
+
+void ProcessSymbol() {
+  TrackerState& t = tracker;
+  // Without a tracking set-up there are no buffers to work on.
+  if (t.carrierRing == nullptr || engine.symbolBuffer == nullptr) return;
+  const int32_t count = engine.symbolCount;
+
+  // 1. Diagnostics tick of the probe: not built.
+
+  // 2., 3. Stage change and the events of the schedule.
+  RunSchedule(count);
+
+  // 4. Timing jump decided in the previous symbol.
+  NoteTimingJump();
+
+  // 5. Sample clock statistic.
+  MeasureClockOffset();
+
+  // 6. Filter pair scan and decoder hand-over.
+  StartScanAndHandOver(count);
+
+  // 7. The frequency loop rests in the one symbol read at a new position.
+  t.freqLoopOn = (count >= 16 && t.jumpPending == 0) ? 1 : 0;
+
+  // 8. Rotate only the span that the transform and the timing gate read.
+  const float startPhase = engine.ncoPhase + static_cast<float>(t.rotateStart) * engine.ncoStep;
+  RotateByNco(engine.symbolBuffer + 2 * t.rotateStart, t.rotateCount, startPhase, engine.ncoStep);
+
+  // 9. Advance the rotator to the next symbol.
+  engine.ncoPhase = WrapPhase(engine.ncoPhase + static_cast<float>(engine.nsymbol) * engine.ncoStep);
+
+  // 10. Transform, and the span into the carrier ring.
+  TransformAndStore();
+
+  // 11., 12. Channel estimate in time, the channel watch, then across carriers.
+  EstimateChannel();
+  FilterAcrossCarriers();
+
+  // 13. Filter pair in force.
+  ChooseFilterPair();
+
+  // 14. Interpolation and equalisation of the symbol three symbols back.
+  InterpolateChannel();
+  EqualiseCarriers();
+
+  // 15. Low-SNR watch.
+  WatchLowSnr();
+
+  // 16. Score of the filter pair under test.
+  ScoreFilterPair();
+
+  // 17. Frequency loop.
+  if (t.freqLoopOn) RunFrequencyLoop();
+
+  // 18. Timing loop.
+  TrackTiming();
+  if (engine.timingEnabled == 0) engine.timingStep = 0;
+
+  // 19. Diagnostics: list of timing steps for the probe: not built.
+
+  // 20. Next symbol.
+  float* swap = t.spectrumNow;
+  t.spectrumNow = t.spectrumPrev;
+  t.spectrumPrev = swap;
+  engine.symbolCount = engine.symbolCount + 1;
+
+  // 21. Probe fill: not built.
+
+  // 22. Status words.
+  WriteStatusWords();
+}
+
+}  // namespace zfn
