@@ -1,0 +1,99 @@
+#include "shell/block_ring.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "shell/fault_injection.h"
+#include "shell/shell_fields.h"
+
+namespace zfn {
+
+BlockRing blockRing;
+
+namespace {
+
+uint8_t* AllocateBytes(int32_t bytes, ShellFault fault) {
+  if (FaultInjected(fault)) return nullptr;
+  return static_cast<uint8_t*>(std::malloc(static_cast<size_t>(bytes)));
+}
+
+}  // namespace
+
+int32_t BlockRingAlloc() {
+  for (auto& slot : blockRing.slots) slot = nullptr;
+  blockRing.readBuffer = AllocateBytes(SOURCE_READ_BYTES, ShellFault::RingReadBuffer);
+  if (blockRing.readBuffer == nullptr) return 0;
+  blockRing.assemblyBuffer = AllocateBytes(RAW_BLOCK_BYTES, ShellFault::RingAssemblyBuffer);
+  if (blockRing.assemblyBuffer == nullptr) return 0;
+  for (auto& slot : blockRing.slots) {
+    slot = AllocateBytes(RAW_BLOCK_BYTES, ShellFault::RingSlot);
+    if (slot == nullptr) return 0;
+  }
+  blockRing.writeIndex = 0;
+  blockRing.readIndex = 0;
+  blockRing.writeCount = 0;
+  blockRing.readCount = 0;
+  return 1;
+}
+
+int32_t BlockRingFree() {
+  for (auto& slot : blockRing.slots) {
+    std::free(slot);
+    slot = nullptr;
+  }
+  std::free(blockRing.readBuffer);
+  blockRing.readBuffer = nullptr;
+  std::free(blockRing.assemblyBuffer);
+  blockRing.assemblyBuffer = nullptr;
+  return 1;
+}
+
+void BlockRingPublish(const uint8_t* block) {
+  std::lock_guard<std::mutex> lock(blockRing.ringLock);
+  blockRing.writeIndex = (blockRing.writeIndex + 1) & 3;
+  std::memcpy(blockRing.slots[blockRing.writeIndex], block, RAW_BLOCK_BYTES);
+  blockRing.writeCount += 1;
+}
+
+bool BlockRingTakeNext(uint8_t* target) {
+  // The copy stays inside the lock: a lapped reader would otherwise copy a slot while reception
+  // rewrites it. The cost is one block copy of waiting for the reception thread at most.
+  std::lock_guard<std::mutex> lock(blockRing.ringLock);
+  if (blockRing.readIndex == blockRing.writeIndex) return false;
+  blockRing.readIndex = (blockRing.readIndex + 1) & 3;
+  std::memcpy(target, blockRing.slots[blockRing.readIndex], RAW_BLOCK_BYTES);
+  blockRing.readCount += 1;
+  return true;
+}
+
+void BlockRingTakeNewest(uint8_t* target) {
+  std::lock_guard<std::mutex> lock(blockRing.ringLock);
+  std::memcpy(target, blockRing.slots[blockRing.writeIndex], RAW_BLOCK_BYTES);
+  blockRing.readIndex = blockRing.writeIndex;
+  blockRing.readCount = blockRing.writeCount;
+}
+
+void BlockAssembler::Reset(uint8_t* assemblyBuffer) {
+  buffer = assemblyBuffer;
+  remaining = RAW_BLOCK_BYTES;
+}
+
+int32_t BlockAssembler::Append(const uint8_t* bytes, int64_t length,
+                               void (*onBlock)(const uint8_t*, void*), void* context) {
+  int32_t blocks = 0;
+  while (length > 0) {
+    const int32_t take = length < remaining ? static_cast<int32_t>(length) : remaining;
+    std::memcpy(buffer + (RAW_BLOCK_BYTES - remaining), bytes, static_cast<size_t>(take));
+    bytes += take;
+    length -= take;
+    remaining -= take;
+    if (remaining == 0) {
+      onBlock(buffer, context);
+      ++blocks;
+      remaining = RAW_BLOCK_BYTES;
+    }
+  }
+  return blocks;
+}
+
+}  // namespace zfn

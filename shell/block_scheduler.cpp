@@ -1,0 +1,252 @@
+#include "shell/block_scheduler.h"
+
+#include <unistd.h>
+
+#include <cstring>
+
+#include "frontend/device_binding.h"
+#include "platform/thread.h"
+#include "shell/block_ring.h"
+#include "shell/device_state.h"
+#include "shell/diagnostics.h"
+#include "shell/engine_memory.h"
+#include "shell/receiver_state.h"
+#include "shell/stages.h"
+
+namespace zfn {
+
+void (*symbolStepHandler)() = SymbolStep;
+
+namespace {
+
+constexpr int32_t RECEPTION_WAIT_MS = 300;
+constexpr int32_t DEMODULATION_WAIT_MS = 300;
+constexpr int32_t PACKET_WAIT_MS = 1000;
+constexpr int32_t BLOCKS_PER_PASS = 10;  // about 592 ms of signal before the thread looks up again
+
+void PublishReceivedBlock(const uint8_t* block, void*) {
+  BlockRingPublish(block);
+  device.blockEvent.Set();
+}
+
+}  // namespace
+
+void ReceptionThread() {
+  platform::SetCurrentThreadPriority(platform::ThreadPriority::Reception);
+  BlockAssembler assembler;
+  assembler.Reset(blockRing.assemblyBuffer);
+  while (device.running) {
+    if (!device.dataEvent.Wait(RECEPTION_WAIT_MS)) continue;
+    int32_t length = 0;
+    int32_t aux = 0;
+    if (device.simulationMode != 0) {
+      simulatorBinding.GetData(blockRing.readBuffer, &length);
+    } else {
+      deviceBinding.GetData(blockRing.readBuffer, SOURCE_READ_BYTES, &length, &aux);
+    }
+    // The byte count alone decides; a count outside the buffer cannot be trusted beyond it.
+    if (length < 0) length = 0;
+    if (length > SOURCE_READ_BYTES) length = SOURCE_READ_BYTES;
+    assembler.Append(blockRing.readBuffer, length, PublishReceivedBlock, nullptr);
+  }
+}
+
+void DemodulationThread() {
+  platform::SetCurrentThreadPriority(platform::ThreadPriority::Normal);
+  while (device.running) {
+    if (device.blockEvent.Wait(DEMODULATION_WAIT_MS)) ProcessPendingBlocks();
+  }
+}
+
+void PacketThread() {
+  platform::SetCurrentThreadPriority(platform::ThreadPriority::Normal);
+  while (device.running) {
+    if (device.packetEvent.Wait(PACKET_WAIT_MS)) DrainPacketRing();
+  }
+}
+
+void RequestPacketRestart() {
+  engine.tsResetPhase = 2;
+  engine.tsResetRequest = 1;
+  device.packetEvent.Set();
+}
+
+void ProcessPendingBlocks() {
+  int32_t taken = 0;
+  bool restart = false;
+  for (;;) {
+    device.controlLock.Wait(platform::WAIT_INFINITE);
+    if (controlBlock.tuningNow != 0) {
+      device.controlLock.Set();
+      return;
+    }
+    if (controlBlock.retuneRequest != 0) {
+      engine.clockWritePending = 0;
+      controlBlock.retuneRequest = 0;
+      restart = true;
+    }
+    device.controlLock.Set();
+
+    if (restart || engine.resyncRequest != 0 || engine.tmccFailed != 0) {
+      // A restart works on the newest samples: every block in between is skipped.
+      BlockRingTakeNewest(engine.rawBlock);
+      RequestPacketRestart();
+    } else {
+      if (taken == BLOCKS_PER_PASS) return;
+      if (!BlockRingTakeNext(engine.rawBlock)) return;
+    }
+    taken += 1;
+
+    if (restart) {
+      engine.blockState = BLOCK_MODE_DETECT;
+      ResetAcquisition();
+      restart = false;
+    } else if (engine.resyncRequest != 0 || engine.tmccFailed != 0) {
+      engine.blockState = BLOCK_MODE_DETECT;
+      ResetAcquisition();
+    }
+    // The engine changes these switches only between blocks.
+    if (probeEnable.load() != engine.probeActive) engine.probeActive = probeEnable.load();
+    const int32_t reload = engine.paramReloadRequest;
+    if (reload == 1) {
+      LoadParameterSet(PARAM_FROM_FILES);
+      engine.paramReloadRequest = 0;
+      engine.paramFilesActive = 1;
+    } else if (reload == 2) {
+      LoadParameterSet(PARAM_DEFAULTS);
+      engine.paramReloadRequest = 0;
+      engine.paramFilesActive = 0;
+    }
+    ProcessBlock();
+  }
+}
+
+void ConvertBlock(const uint8_t* raw, float* samples) {
+  // Bytes 0 and 1 of every group of four are I and Q, zero level 127; bytes 2 and 3 are the
+  // device's second sample of the pair, dropped without a filter to halve the rate.
+  for (int32_t k = 0; k < BLOCK_SAMPLES; ++k) {
+    samples[2 * k] = (static_cast<float>(raw[4 * k]) - 127.0f) * 0.0078125f;
+    samples[2 * k + 1] = (static_cast<float>(raw[4 * k + 1]) - 127.0f) * 0.0078125f;
+  }
+}
+
+void ProcessBlock() {
+  const int32_t state = engine.blockState;
+  if (state == BLOCK_IDLE || state == BLOCK_NO_SIGNAL) return;
+
+  ConvertBlock(engine.rawBlock, engine.sampleBlock);
+
+  switch (state) {
+    case BLOCK_MODE_DETECT:
+      DetectModeAndGuard();
+      engine.blockState = BLOCK_COARSE_SYNC;
+      break;
+    case BLOCK_COARSE_SYNC:
+      RunCoarseSync();
+      engine.blockState = BLOCK_FRAME_SYNC;
+      break;
+    case BLOCK_FRAME_SYNC:
+      if (RunFrameSync() == 1) {
+        if (engine.tmccAccepted == 0) {
+          engine.blockState = BLOCK_NO_SIGNAL;
+        } else {
+          if (engine.tmccRepeat == 0) {
+            SetUpTracking();
+            SetUpDecoder();
+          }
+          engine.blockState = BLOCK_TRACKING;
+        }
+      }
+      break;
+    case BLOCK_TRACKING:
+      WalkSymbols();
+      break;
+    default:
+      break;
+  }
+
+  if (engine.resyncRequest != 0 && engine.clockWritePending != 0) {
+    // Hand the demodulator its neutral sample clock back before the restart.
+    WriteSampleClockOffset(0, 0.0f);
+    PulseDemodReset();
+    engine.clockWritePending = 0;
+  }
+  if (engine.probeActive != 0 && engine.blockState < BLOCK_TRACKING && matlabProbe != nullptr) {
+    if (matlabProbe->stateCell != nullptr) *matlabProbe->stateCell = engine.blockState;
+    if (matlabProbe->updateEvent > 0) {
+      const uint64_t one = 1;
+      [[maybe_unused]] auto n = ::write(matlabProbe->updateEvent, &one, sizeof one);
+    }
+  }
+  debugParaBlock.SetInt(5, engine.blockState);
+}
+
+void SymbolStep() {
+  ProcessSymbol();
+  SymbolSink();
+  int32_t resync = 0;
+  switch (engine.decodeStage) {
+    case 1:
+      resync = (engine.earlyFailMark != 0 || engine.snrFailed != 0) ? 1 : 0;
+      break;
+    case 2:
+      resync = engine.streamFailMark;
+      break;
+    default:
+      break;
+  }
+  if (engine.autoResync == 0) resync = 0;
+  engine.resyncRequest = resync;
+  engine.symbolIndex = (engine.symbolIndex + 1) % 204;
+  engine.spPhase = (engine.spPhase + 1) % 4;
+}
+
+void WalkSymbols() {
+  const int32_t S = engine.nwork * 2;
+  const int32_t N = engine.nsymbol * 2;
+  const int32_t B = BLOCK_FLOATS;
+  float* const buffer = engine.symbolBuffer;
+  const float* const samples = engine.sampleBlock;
+  auto T = [] { return engine.timingStep * 2; };  // read anew after every symbol
+
+  bool fitsInBlock = true;
+  if (engine.straddleFlag == 1) {
+    // Complete the symbol whose head the last block left in symbolBuffer.
+    engine.straddleFlag = 0;
+    const int32_t held = engine.straddleFloats;
+    std::memcpy(buffer + held, samples, sizeof(float) * static_cast<size_t>(S - held));
+    symbolStepHandler();
+    int32_t next = engine.readPos + N + T() - B;
+    // The walk cannot step back beyond the tail it still holds.
+    if (next < -held) next = -held;
+    if (next < 0) {
+      // A negative step pulled the next start back over the edge: its head is the tail of the last
+      // block, still in symbolBuffer behind the floats it held from the start.
+      engine.readPos = next;
+      std::memmove(buffer, buffer + held + next, sizeof(float) * static_cast<size_t>(-next));
+      std::memcpy(buffer - next, samples, sizeof(float) * static_cast<size_t>(S + next));
+      symbolStepHandler();
+      next = engine.readPos + N + T();
+    }
+    engine.readPos = next;
+    fitsInBlock = engine.readPos + S < B;
+  }
+  if (fitsInBlock) {
+    do {
+      std::memcpy(buffer, samples + engine.readPos, sizeof(float) * static_cast<size_t>(S));
+      symbolStepHandler();
+      engine.readPos += N + T();
+      if (engine.readPos < 0) engine.readPos = 0;  // a step larger than a symbol: stay in the block
+    } while (engine.readPos + S < B);
+  }
+  if (engine.readPos < B) {
+    // The next symbol begins here and ends in the next block.
+    engine.straddleFloats = B - engine.readPos;
+    std::memcpy(buffer, samples + engine.readPos, sizeof(float) * static_cast<size_t>(engine.straddleFloats));
+    engine.straddleFlag = 1;
+  } else {
+    engine.readPos -= B;
+  }
+}
+
+}  // namespace zfn

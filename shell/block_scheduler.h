@@ -1,0 +1,32 @@
+#pragma once
+// Sample intake and block scheduling: the three engine threads, the block state machine and the
+// walk of OFDM symbols across block edges.
+#include <cstdint>
+
+namespace zfn {
+
+// Thread entries.
+void ReceptionThread();
+void DemodulationThread();
+void PacketThread();
+
+// Takes pending blocks from the ring and runs them through the state machine; returns when the
+// ring is empty, the tuner is changing, or ten blocks were taken.
+void ProcessPendingBlocks();
+// Converts rawBlock and acts by blockState.
+void ProcessBlock();
+// Converts the 60160 retained samples of rawBlock into sampleBlock.
+void ConvertBlock(const uint8_t* raw, float* samples);
+// Walks the symbols of sampleBlock in BLOCK_TRACKING, carrying a straddling symbol over the edge.
+void WalkSymbols();
+// One symbol: tracking, decoding, the resync rule, frame and pilot positions.
+void SymbolStep();
+
+// The walk calls the symbol step through this pointer. Tests replace it with a consumer that looks
+// at symbolBuffer and sets timingStep, to check the walk on its own.
+extern void (*symbolStepHandler)();
+
+// Tells the packet thread to start over: tsResetPhase 2, tsResetRequest 1, packetEvent.
+void RequestPacketRestart();
+
+}  // namespace zfn

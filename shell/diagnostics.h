@@ -1,0 +1,62 @@
+#pragma once
+// The developer side of the receiver: log lines, the twelve-word status block, the debug command
+// and the engine side of the plotting probe.
+#include <bit>
+#include <cstdint>
+
+#include "shell/relaxed_word.h"
+
+namespace zfn {
+
+// Twelve status words, written without a lock by the engine, read by the host at any time.
+// Words 0, 1, 7, 8, 9 and 11 hold 32-bit floats.
+struct DebugParaBlock {
+  static constexpr int32_t WORDS = 12;
+  RelaxedWord<int32_t> word[WORDS];
+
+  void SetInt(int32_t index, int32_t v) { word[index].store(v); }
+  void SetFloat(int32_t index, float v) { word[index].store(std::bit_cast<int32_t>(v)); }
+  int32_t Int(int32_t index) const { return word[index].load(); }
+  float Float(int32_t index) const { return std::bit_cast<float>(word[index].load()); }
+};
+static_assert(sizeof(DebugParaBlock) == 12 * sizeof(int32_t), "the host reads twelve plain words");
+
+extern DebugParaBlock debugParaBlock;
+
+// The record shared with the plotting bridge; the bridge owns it and hands over a pointer.
+struct MatlabProbe {
+  double* carrierRe;
+  double* carrierIm;
+  int32_t fillIndex;
+  double* snrCell;
+  double* frequencyCell;
+  int32_t reserved5;
+  int32_t reserved6;
+  double* ratesCell;  // packetErrorRate, byteErrorRate, packetFailRate
+  double* channelRe;
+  double* channelIm;
+  double* slotRe;
+  double* slotIm;
+  double* timingProfile;
+  double* jumpList;   // the count, then that many timing steps
+  double* stateCell;
+  double* channelStateCell;
+  int updateEvent;    // eventfd descriptor set when a set of data is ready; 0 when none
+};
+
+// Shell side of the probe: set by debug command 1, copied into the engine between blocks.
+extern RelaxedWord<int32_t> probeEnable;
+extern MatlabProbe* matlabProbe;
+
+// Capture of raw blocks to files: on while non-zero; cleared by close.
+extern RelaxedWord<int32_t> captureOn;
+
+// Formats a log text (printf rules, at most 16379 characters) and passes it to the debug output.
+void LogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// The three debug exports.
+int32_t DebugCommand(int32_t command, int32_t value);
+int32_t DebugGetParaPtr(int32_t** target);
+int32_t DebugGetParaValue(int32_t* target);
+
+}  // namespace zfn

@@ -1,0 +1,375 @@
+// Engine memory, the block state machine driven synchronously, the status functions and the
+// debug command, all without threads or a sample source.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "shell/block_ring.h"
+#include "shell/block_scheduler.h"
+#include "shell/device_state.h"
+#include "shell/diagnostics.h"
+#include "shell/engine_memory.h"
+#include "shell/lifecycle.h"
+#include "shell/sync_driver.h"
+
+namespace zfn {
+namespace {
+
+std::vector<uint8_t> Block(uint8_t tag) {
+  std::vector<uint8_t> b(RAW_BLOCK_BYTES);
+  for (int32_t i = 0; i < RAW_BLOCK_BYTES; ++i) b[i] = static_cast<uint8_t>(i * 7 + tag);
+  b[0] = tag;
+  return b;
+}
+
+TEST(EngineMemory, InitSetsTheMarksAndFreeReleasesEverything) {
+  engine.autoResync = 0;
+  engine.rsDecoderFull = 0;
+  engine.forcedCarrierOffset = 12;
+  engine.tmccFailed = 1;
+  engine.straddleFlag = 1;
+  engine.snrDb = 9.0f;
+  engine.jumpListCount = 3;
+  ASSERT_EQ(EngineInit(), 1);
+  EXPECT_EQ(engine.arenaFree, WORK_ARENA_BYTES - 40384) << "the packet stage's two buffers";
+  EXPECT_EQ(engine.arenaAfterInit, engine.arenaBase + 40384);
+  EXPECT_EQ(engine.arenaFreeAfterInit, engine.arenaFree);
+  EXPECT_EQ(engine.blockState, BLOCK_IDLE);
+  EXPECT_EQ(engine.modeGuard, &engine.modeGuardRecord);
+  EXPECT_EQ(engine.layerParams, &engine.layerParamsRecord);
+  EXPECT_EQ(engine.modeIndexLast, -1);
+  EXPECT_EQ(engine.autoResync, 1);
+  EXPECT_EQ(engine.rsDecoderFull, 1);
+  EXPECT_EQ(engine.forcedCarrierOffset, 12) << "kept over open";
+  EXPECT_EQ(engine.tmccFailed, 0);
+  EXPECT_EQ(engine.straddleFlag, 0);
+  EXPECT_EQ(engine.snrDb, 0.0f);
+  EXPECT_EQ(engine.jumpListCount, 0);
+  EXPECT_EQ(engine.timingEnabled, 1);
+  EXPECT_EQ(engine.stageUpdatePeriod[1], 32) << "defaults loaded";
+
+  engine.blockState = BLOCK_TRACKING;
+  engine.tmccAccepted = 1;
+  EngineFree();
+  EXPECT_EQ(engine.arenaBase, nullptr);
+  EXPECT_EQ(engine.arenaNext, nullptr);
+  EXPECT_EQ(engine.arenaFree, 0);
+  EXPECT_EQ(engine.rawBlock, nullptr);
+  EXPECT_EQ(engine.sampleBlock, nullptr);
+  EXPECT_EQ(engine.modeGuard, nullptr);
+  EXPECT_EQ(engine.blockState, BLOCK_IDLE);
+  EXPECT_EQ(engine.tmccAccepted, 0);
+  EngineFree();  // safe twice
+  engine.forcedCarrierOffset = -46;
+}
+
+TEST(EngineMemory, RewindsToEitherMark) {
+  ASSERT_EQ(EngineInit(), 1);
+  uint8_t* numerology = engine.arenaNext + 1000;
+  engine.arenaNext = numerology;
+  engine.arenaFree -= 1000;
+  engine.arenaAfterNumerology = numerology;
+  engine.arenaFreeAfterNumerology = engine.arenaFree;
+  engine.arenaNext += 5000;
+  engine.arenaFree -= 5000;
+  ArenaRewindToNumerology();
+  EXPECT_EQ(engine.arenaNext, numerology);
+  EXPECT_EQ(engine.arenaFree, WORK_ARENA_BYTES - 40384 - 1000);
+  ArenaRewindToInit();
+  EXPECT_EQ(engine.arenaNext, engine.arenaAfterInit);
+  EXPECT_EQ(engine.arenaFree, WORK_ARENA_BYTES - 40384);
+  EngineFree();
+}
+
+class SyncEngine : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(SyncDriverOpen(nullptr, nullptr), 1); }
+  void TearDown() override {
+    SyncDriverClose();
+    controlBlock.tuningNow = 0;
+  }
+  static void Feed(uint8_t tag) {
+    const auto b = Block(tag);
+    ASSERT_EQ(SyncDriverFeed(b.data(), b.size()), 1);
+  }
+};
+
+TEST_F(SyncEngine, IdleUntilTheFirstRetuneThenOneStatePerBlock) {
+  debugParaBlock.SetInt(5, 77);
+  Feed(1);
+  Feed(2);
+  EXPECT_EQ(SyncDriverBlockState(), BLOCK_IDLE);
+  EXPECT_EQ(debugParaBlock.Int(5), 77) << "idle blocks are not even converted";
+  EXPECT_EQ(SyncDriverEngine().rawBlock[0], 2) << "but they are taken from the ring";
+
+  SyncDriverRetune();
+  EXPECT_EQ(debugParaBlock.Int(5), -1);
+  EXPECT_EQ(debugParaBlock.Int(3), -1);
+  EXPECT_EQ(debugParaBlock.Float(11), -1.0f);
+  Feed(3);
+  EXPECT_EQ(SyncDriverBlockState(), BLOCK_COARSE_SYNC);
+  EXPECT_EQ(debugParaBlock.Int(5), BLOCK_COARSE_SYNC);
+  EXPECT_EQ(engine.tsResetPhase, 2) << "the packet stage was told to start over";
+  EXPECT_EQ(engine.tsResetRequest, 1);
+  Feed(4);
+  EXPECT_EQ(SyncDriverBlockState(), BLOCK_FRAME_SYNC);
+  Feed(5);
+  Feed(6);
+  EXPECT_EQ(SyncDriverBlockState(), BLOCK_FRAME_SYNC) << "frame sync has not ended";
+  EXPECT_EQ(SyncDriverBlocksHandled(), 6u);
+}
+
+TEST_F(SyncEngine, ConversionKeepsBytesZeroAndOneOfEachFour) {
+  SyncDriverRetune();
+  std::vector<uint8_t> b(RAW_BLOCK_BYTES);
+  for (int32_t k = 0; k < BLOCK_SAMPLES; ++k) {
+    b[4 * k] = static_cast<uint8_t>(k);
+    b[4 * k + 1] = static_cast<uint8_t>(255 - k);
+    b[4 * k + 2] = 0;
+    b[4 * k + 3] = 255;
+  }
+  ASSERT_EQ(SyncDriverFeed(b.data(), b.size()), 1);
+  const float* s = SyncDriverEngine().sampleBlock;
+  for (int32_t k = 0; k < BLOCK_SAMPLES; k += 37) {
+    ASSERT_EQ(s[2 * k], (static_cast<float>(k & 255) - 127.0f) * 0.0078125f);
+    ASSERT_EQ(s[2 * k + 1], (static_cast<float>(255 - (k & 255)) - 127.0f) * 0.0078125f);
+  }
+  EXPECT_EQ(s[2 * 127], 0.0f) << "zero level 127";
+  EXPECT_EQ(s[1], 1.0f);
+}
+
+TEST_F(SyncEngine, ARetuneJumpsToTheNewestBlockAndTheNextFollowsInOrder) {
+  // Blocks pile up in the ring while the thread is away, then a retune arrives.
+  for (uint8_t tag = 1; tag <= 3; ++tag) BlockRingPublish(Block(tag).data());
+  SyncDriverRetune();
+  ProcessPendingBlocks();
+  EXPECT_EQ(engine.rawBlock[0], 3);
+  EXPECT_EQ(blockRing.readCount, blockRing.writeCount);
+  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC) << "exactly one block handled";
+  BlockRingPublish(Block(4).data());
+  ProcessPendingBlocks();
+  EXPECT_EQ(engine.rawBlock[0], 4);
+  EXPECT_EQ(engine.blockState, BLOCK_FRAME_SYNC);
+}
+
+TEST_F(SyncEngine, NoBlockIsConsumedWhileTheTunerChanges) {
+  SyncDriverRetune();
+  controlBlock.tuningNow = 1;
+  BlockRingPublish(Block(9).data());
+  ProcessPendingBlocks();
+  EXPECT_EQ(engine.blockState, BLOCK_IDLE);
+  EXPECT_NE(blockRing.readIndex, blockRing.writeIndex);
+  EXPECT_EQ(controlBlock.retuneRequest, 1) << "the request waits for the tuner";
+  SyncDriverRetune();  // clears tuningNow with the new request
+  ProcessPendingBlocks();
+  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
+}
+
+TEST_F(SyncEngine, AFailedTmccRestartsOnTheSameNewestBlock) {
+  SyncDriverRetune();
+  Feed(1);
+  Feed(2);
+  ASSERT_EQ(engine.blockState, BLOCK_FRAME_SYNC);
+  engine.tmccFailed = 1;
+  engine.tsResetPhase = 3;
+  ProcessPendingBlocks();  // no new block: the jump path takes the newest again
+  EXPECT_EQ(engine.rawBlock[0], 2);
+  EXPECT_EQ(engine.tmccFailed, 0);
+  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
+  EXPECT_EQ(engine.tsResetPhase, 2);
+}
+
+TEST_F(SyncEngine, ParameterRequestsAreHonouredBetweenBlocks) {
+  char oldDir[4096];
+  ASSERT_NE(getcwd(oldDir, sizeof oldDir), nullptr);
+  std::string dir = testing::TempDir() + "zfn_sync_XXXXXX";
+  ASSERT_NE(mkdtemp(dir.data()), nullptr);
+  ASSERT_EQ(chdir(dir.c_str()), 0);  // no parameter files here
+  engine.stageLoopGain[0] = 99.0f;
+  EXPECT_EQ(DebugCommand(3, 1), 1);
+  EXPECT_EQ(engine.paramReloadRequest, 1);
+  Feed(1);
+  EXPECT_EQ(engine.paramReloadRequest, 0);
+  EXPECT_EQ(engine.paramFilesActive, 1);
+  EXPECT_EQ(engine.stageLoopGain[0], 99.0f) << "no files: nothing changes";
+  EXPECT_EQ(DebugCommand(3, 0), 1);
+  Feed(2);
+  EXPECT_EQ(engine.paramFilesActive, 0);
+  EXPECT_EQ(engine.stageLoopGain[0], 10.0f);
+  ASSERT_EQ(chdir(oldDir), 0);
+  rmdir(dir.c_str());
+}
+
+TEST_F(SyncEngine, ProbeSwitchIsCopiedBetweenBlocksAndFeedsTheStateCell) {
+  double stateCell = 0.0;
+  MatlabProbe probe{};
+  probe.stateCell = &stateCell;
+  matlabProbe = &probe;
+  probeEnable = 1;
+  SyncDriverRetune();
+  Feed(1);
+  EXPECT_EQ(engine.probeActive, 1);
+  EXPECT_EQ(stateCell, static_cast<double>(BLOCK_COARSE_SYNC));
+  probeEnable = 0;
+  Feed(2);
+  EXPECT_EQ(engine.probeActive, 0);
+  matlabProbe = nullptr;
+}
+
+TEST(SyncDriver, RefusesASecondOpenAndCloseIsHarmless) {
+  SyncDriverClose();
+  ASSERT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
+  EXPECT_EQ(SyncDriverOpen(nullptr, nullptr), 0);
+  SyncDriverClose();
+  SyncDriverClose();
+  EXPECT_FALSE(SyncDriverIsOpen());
+  EXPECT_EQ(SyncDriverFeed(Block(1).data(), RAW_BLOCK_BYTES), 0);
+  EXPECT_EQ(engine.arenaBase, nullptr);
+  EXPECT_EQ(blockRing.slots[0], nullptr);
+}
+
+// --- The resync rule of each symbol -----------------------------------------------------------
+
+TEST(SymbolStepRule, ResyncFollowsTheDecodeStageUnlessSwitchedOff) {
+  struct Case {
+    int32_t stage;
+    int8_t earlyFail, snrFailed, streamFail;
+    int32_t autoResync, expected;
+  };
+  const Case cases[] = {
+      {0, 1, 1, 1, 1, 0}, {1, 0, 0, 1, 1, 0}, {1, 1, 0, 0, 1, 1}, {1, 0, 1, 0, 1, 1},
+      {2, 1, 1, 0, 1, 0}, {2, 0, 0, 1, 1, 1}, {2, 0, 0, 1, 0, 0}, {1, 1, 1, 0, 0, 0},
+  };
+  engine.symbolIndex = 203;
+  engine.spPhase = 3;
+  for (const Case& c : cases) {
+    engine.decodeStage = c.stage;
+    engine.earlyFailMark = c.earlyFail;
+    engine.snrFailed = c.snrFailed;
+    engine.streamFailMark = c.streamFail;
+    engine.autoResync = c.autoResync;
+    SymbolStep();
+    EXPECT_EQ(engine.resyncRequest, c.expected) << "stage " << c.stage;
+  }
+  EXPECT_EQ(engine.symbolIndex, (203 + 8) % 204);
+  EXPECT_EQ(engine.spPhase, (3 + 8) % 4);
+  engine.decodeStage = 0;
+  engine.earlyFailMark = 0;
+  engine.snrFailed = 0;
+  engine.streamFailMark = 0;
+  engine.resyncRequest = 0;
+  engine.autoResync = 1;
+}
+
+// --- Status functions and the debug command ----------------------------------------------------
+
+class StatusTest : public testing::Test {
+ protected:
+  void TearDown() override {
+    engine.blockState = BLOCK_IDLE;
+    engine.snrDb = 0.0f;
+    engine.decodeStage = 0;
+    engine.goodFrameRun = 0;
+    engine.badFrameRun = 0;
+    engine.anyGoodMark = 0;
+  }
+};
+
+TEST_F(StatusTest, PresentAndLockDifferInWhatNotSureDoesToTheCallersWord) {
+  engine.blockState = BLOCK_FRAME_SYNC;
+  int32_t present = 55, locked = 55;
+  EXPECT_EQ(GetSignalPresent(&present), 0);
+  EXPECT_EQ(present, 55) << "left untouched";
+  EXPECT_EQ(GetSignalLock(&locked), 0);
+  EXPECT_EQ(locked, 0) << "written with 0";
+
+  engine.blockState = BLOCK_NO_SIGNAL;
+  EXPECT_EQ(GetSignalPresent(&present), 1);
+  EXPECT_EQ(present, 0);
+
+  engine.blockState = BLOCK_TRACKING;
+  EXPECT_EQ(GetSignalPresent(&present), 1);
+  EXPECT_EQ(present, 1);
+  EXPECT_EQ(GetSignalPresent(nullptr), 0);
+  EXPECT_EQ(GetSignalLock(nullptr), 0);
+  EXPECT_EQ(GetSignalQuality(nullptr), 0);
+}
+
+TEST_F(StatusTest, LockByDecodeStage) {
+  engine.blockState = BLOCK_TRACKING;
+  engine.decodeStage = 1;
+  EXPECT_EQ(SignalLockStatus(), 0);
+  engine.anyGoodMark = 1;
+  EXPECT_EQ(SignalLockStatus(), 1);
+  engine.decodeStage = 2;
+  engine.goodFrameRun = 2;
+  engine.badFrameRun = 2;
+  EXPECT_EQ(SignalLockStatus(), 1);
+  engine.goodFrameRun = 1;
+  EXPECT_EQ(SignalLockStatus(), 0);
+  engine.badFrameRun = 20;
+  EXPECT_EQ(SignalLockStatus(), -1);
+  engine.badFrameRun = 19;
+  EXPECT_EQ(SignalLockStatus(), 0);
+  engine.blockState = BLOCK_FRAME_SYNC;
+  engine.goodFrameRun = 5;
+  engine.badFrameRun = 0;
+  EXPECT_EQ(SignalLockStatus(), 0) << "only while tracking";
+}
+
+TEST_F(StatusTest, QualityThresholdsAreStrict) {
+  engine.blockState = BLOCK_TRACKING;
+  const std::pair<float, int32_t> table[] = {
+      {-3.0f, 0}, {0.0f, 0}, {5.0f, 0}, {6.0f, 0}, {6.000001f, 20}, {8.0f, 20}, {8.5f, 40},
+      {10.0f, 40}, {12.0f, 60}, {15.0f, 60}, {15.5f, 80}, {20.0f, 80}, {20.01f, 100}, {45.0f, 100}};
+  for (const auto& [snr, quality] : table) {
+    engine.snrDb = snr;
+    int32_t q = -1;
+    EXPECT_EQ(GetSignalQuality(&q), 1);
+    EXPECT_EQ(q, quality) << snr;
+  }
+  engine.blockState = BLOCK_FRAME_SYNC;
+  engine.snrDb = 30.0f;
+  EXPECT_EQ(SignalQualityStatus(), 0);
+}
+
+TEST(DebugCommand, CommandsAndTheirValues) {
+  EXPECT_EQ(DebugCommand(2, 0), 0);
+  EXPECT_EQ(DebugCommand(4, 1), 0);
+  EXPECT_EQ(DebugCommand(10, 1), 0);
+  EXPECT_EQ(DebugCommand(1, 1), 0) << "no plotting bridge in this build";
+  EXPECT_EQ(DebugCommand(6, 1), 0) << "no capture in this build";
+  engine.paramReloadRequest = 0;
+  EXPECT_EQ(DebugCommand(3, 5), 1);
+  EXPECT_EQ(engine.paramReloadRequest, 0);
+  EXPECT_EQ(DebugCommand(7, 0), 1);
+  EXPECT_EQ(engine.autoResync, 0);
+  EXPECT_EQ(DebugCommand(7, 3), 1);
+  EXPECT_EQ(engine.autoResync, 0);
+  EXPECT_EQ(DebugCommand(7, 1), 1);
+  EXPECT_EQ(engine.autoResync, 1);
+  EXPECT_EQ(DebugCommand(9, 0), 1);
+  EXPECT_EQ(engine.rsDecoderFull, 0);
+  EXPECT_EQ(DebugCommand(9, 1), 1);
+  EXPECT_EQ(DebugCommand(8, -12), 1);
+  EXPECT_EQ(engine.forcedCarrierOffset, -12);
+  EXPECT_EQ(DebugCommand(8, -46), 1);
+  EXPECT_EQ(DebugCommand(5, 2), 1);
+  EXPECT_EQ(device.simulationMode, 2);
+  EXPECT_EQ(DebugCommand(5, 0), 1);
+
+  int32_t* p = reinterpret_cast<int32_t*>(&p);
+  int32_t words[12] = {};
+  EXPECT_EQ(DebugGetParaPtr(&p), 0) << "closed";
+  EXPECT_EQ(p, reinterpret_cast<int32_t*>(&p));
+  EXPECT_EQ(DebugGetParaValue(words), 0);
+  EXPECT_EQ(DebugGetParaPtr(nullptr), 0);
+  EXPECT_EQ(DebugGetParaValue(nullptr), 0);
+}
+
+}  // namespace
+}  // namespace zfn

@@ -1,0 +1,196 @@
+// The parameter set: defaults, the values forced per mode, and the three text files with their
+// scan rules.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <string>
+
+#include "shell/receiver_state.h"
+#include "shell/stages.h"
+
+namespace zfn {
+namespace {
+
+
+// Runs each case in a fresh directory of its own, since the files are read from the current one.
+class ParameterFiles : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(getcwd(oldDir_, sizeof oldDir_), nullptr);
+    std::string tmpl = testing::TempDir() + "zfn_params_XXXXXX";
+    dir_ = tmpl;
+    ASSERT_NE(mkdtemp(dir_.data()), nullptr);
+    ASSERT_EQ(chdir(dir_.c_str()), 0);
+    engine.modeGuard = &engine.modeGuardRecord;
+    LoadParameterSet(PARAM_DEFAULTS);
+  }
+  void TearDown() override {
+    for (const char* f : {"ParaSet.txt", "ParaSetCE.txt", "ParaSetOther.txt"}) std::remove(f);
+    ASSERT_EQ(chdir(oldDir_), 0);
+    rmdir(dir_.c_str());
+  }
+  static void Write(const char* name, const std::string& text) {
+    std::ofstream(name, std::ios::binary) << text;
+  }
+  // A well-formed file of label and value lines.
+  static std::string Pairs(const std::vector<std::string>& values) {
+    std::string out;
+    for (size_t i = 0; i < values.size(); ++i) out += "label " + std::to_string(i) + "\n" + values[i] + "\n";
+    return out;
+  }
+  char oldDir_[4096];
+  std::string dir_;
+};
+
+TEST_F(ParameterFiles, DefaultsCarryTheirExactBitPatterns) {
+  EXPECT_EQ(engine.stageStartSymbol[1], 5000);
+  EXPECT_EQ(engine.stageStepFraction[0], 0.125f);
+  EXPECT_EQ(engine.stageStepFraction[1], 0.03125f);
+  EXPECT_EQ(engine.stageDeadZone[1], 1);
+  EXPECT_EQ(std::bit_cast<uint32_t>(engine.spareTapSets[6]), 0x3EA8F5C3u);
+  EXPECT_EQ(std::bit_cast<uint32_t>(engine.interpTapsB[2]), 0x3FAA9FBEu);
+  EXPECT_EQ(std::bit_cast<uint32_t>(engine.interpTapsC[4]), 0xBEAA7EFAu);
+  EXPECT_EQ(std::bit_cast<uint32_t>(engine.lmsStep), 0x3951B717u);
+  EXPECT_EQ(std::bit_cast<uint32_t>(engine.freqLoopGain), 0x31ABCC77u);
+  EXPECT_EQ(engine.qpskSoftTarget, 4.0f);
+  EXPECT_EQ(engine.mixWeightSlow, 0.25f);
+}
+
+TEST_F(ParameterFiles, MissingFilesChangeNothing) {
+  engine.pilotGainScaleA = 1.5f;
+  LoadParameterSet(PARAM_FROM_FILES);
+  EXPECT_EQ(engine.pilotGainScaleA, 1.5f);
+  EXPECT_EQ(engine.stageUpdatePeriod[1], 32);
+  EXPECT_EQ(std::bit_cast<uint32_t>(engine.freqLoopGain), 0x31ABCC77u);
+}
+
+TEST_F(ParameterFiles, WellFormedFilesSetEveryField) {
+  std::vector<std::string> timing;
+  for (int s = 0; s < 3; ++s) {
+    for (const char* v : {"100", "0.25", "3.5", "16", "0.5", "7", "2"}) timing.push_back(v);
+    timing[s * 7] = std::to_string(100 * (s + 1));
+  }
+  Write("ParaSet.txt", Pairs(timing));
+  std::vector<std::string> ce;
+  for (int i = 0; i < 18; ++i) ce.push_back(std::to_string(i) + ".5");
+  for (const char* v : {"0.75", "1.25", "1234", "3.0", "0.001", "0.9", "0.3", "0.1", "0.15", "0.4", "0.45",
+                        "0.55"})
+    ce.push_back(v);
+  Write("ParaSetCE.txt", Pairs(ce));
+  Write("ParaSetOther.txt", "a\n1.0\n\n\nb\n4.0\n");
+
+  LoadParameterSet(PARAM_FROM_FILES);
+  EXPECT_EQ(engine.stageStartSymbol[0], 100);
+  EXPECT_EQ(engine.stageStartSymbol[2], 300);
+  EXPECT_EQ(engine.stageSpanFraction[2], 0.25f);
+  EXPECT_EQ(engine.stageUpdatePeriod[1], 16);
+  EXPECT_EQ(engine.stageDeadZone[2], 2);
+  EXPECT_EQ(engine.spareTapSets[17], 17.5f);
+  EXPECT_EQ(engine.pilotGainScaleA, 0.75f);
+  EXPECT_EQ(engine.pilotGainScaleB, 1.25f);
+  EXPECT_EQ(engine.guardScanStart, 1234);
+  EXPECT_EQ(engine.qpskSoftTarget, 3.0f);
+  EXPECT_EQ(engine.tapFloorC, 0.55f);
+  EXPECT_EQ(engine.freqLoopGain, 0.25f);
+
+  // Back to defaults: stage 2, the pilot gain scales and guardScanStart have none and stay.
+  LoadParameterSet(PARAM_DEFAULTS);
+  EXPECT_EQ(engine.stageStartSymbol[0], 0);
+  EXPECT_EQ(engine.stageStartSymbol[2], 0);
+  EXPECT_EQ(engine.stageSpanFraction[2], 0.25f);
+  EXPECT_EQ(engine.pilotGainScaleA, 0.75f);
+  EXPECT_EQ(engine.guardScanStart, 1234);
+  EXPECT_EQ(engine.qpskSoftTarget, 4.0f);
+}
+
+TEST_F(ParameterFiles, TextInAValueMisalignsTheRestOfTheFileAndTheEndRepeatsTheLastValues) {
+  // Value 3 (a float) reads "2,5": the 2 is taken and ",5" becomes the next label. From there
+  // label lines are scanned as values (and fail, repeating the last value of their type) and
+  // value lines are skipped as labels, until the pairs line up again; past the end of the file
+  // every value repeats the last one read of its type.
+  Write("ParaSet.txt", Pairs({"11", "0.5", "2,5", "12", "0.75", "13", "14"}));
+  LoadParameterSet(PARAM_FROM_FILES);
+  EXPECT_EQ(engine.stageStartSymbol[0], 11);
+  EXPECT_EQ(engine.stageSpanFraction[0], 0.5f);
+  EXPECT_EQ(engine.stageLoopGain[0], 2.0f);
+  EXPECT_EQ(engine.stageUpdatePeriod[0], 11);   // "label 3" does not scan
+  EXPECT_EQ(engine.stageStepFraction[0], 12.0f);
+  EXPECT_EQ(engine.stageSpare[0], 0);           // the 0 of "0.75"
+  EXPECT_EQ(engine.stageDeadZone[0], 0);        // ".75" was the label, "label 5" does not scan
+  EXPECT_EQ(engine.stageStartSymbol[1], 13);
+  EXPECT_EQ(engine.stageSpanFraction[1], 14.0f);
+  // End of file: repeats.
+  EXPECT_EQ(engine.stageLoopGain[1], 14.0f);
+  EXPECT_EQ(engine.stageUpdatePeriod[1], 13);
+  EXPECT_EQ(engine.stageDeadZone[2], 13);
+  EXPECT_EQ(engine.stageStepFraction[2], 14.0f);
+}
+
+TEST_F(ParameterFiles, MissingValuesAndAnEmptyFileRepeatOrZero) {
+  Write("ParaSetOther.txt", "a\n3.0\nb\n");
+  LoadParameterSet(PARAM_FROM_FILES);
+  EXPECT_EQ(engine.freqLoopGain, 1.0f) << "b repeats a";
+  Write("ParaSetOther.txt", "");
+  LoadParameterSet(PARAM_FROM_FILES);
+  EXPECT_TRUE(std::isnan(engine.freqLoopGain)) << "nothing read: 0 / 0";
+  Write("ParaSetOther.txt", "a\n1.0\nb\n0\n");
+  LoadParameterSet(PARAM_FROM_FILES);
+  EXPECT_TRUE(std::isinf(engine.freqLoopGain)) << "b = 0 is not refused";
+}
+
+TEST_F(ParameterFiles, ALabelLongerThan99CharactersSpillsIntoTheValueRead) {
+  const std::string longLabel(150, 'x');
+  Write("ParaSetOther.txt", longLabel + "\n8.0\nb\n2.0\n");
+  LoadParameterSet(PARAM_FROM_FILES);
+  // 99 characters are the label; the rest is scanned as a, fails (a stays 0), and is then read
+  // as the label of b, which takes the 8.0: 0 / 8.
+  EXPECT_EQ(engine.freqLoopGain, 0.0f);
+  const std::string label99(99, 'y');
+  Write("ParaSetOther.txt", label99 + "\n8.0\nb\n2.0\n");
+  LoadParameterSet(PARAM_FROM_FILES);
+  EXPECT_EQ(engine.freqLoopGain, 4.0f) << "99 characters still fit";
+}
+
+TEST_F(ParameterFiles, BinaryGarbageIsReadSafely) {
+  std::mt19937 rng(3);
+  for (const char* name : {"ParaSet.txt", "ParaSetCE.txt", "ParaSetOther.txt"}) {
+    std::string junk(200000, '\0');
+    for (auto& c : junk) c = static_cast<char>(rng());
+    Write(name, junk);
+  }
+  LoadParameterSet(PARAM_FROM_FILES);
+  // A line of 200000 characters without a newline, and numbers of any length.
+  Write("ParaSet.txt", std::string(300000, '7'));
+  Write("ParaSetCE.txt", "\n" + std::string(300000, '9') + "\n");
+  LoadParameterSet(PARAM_FROM_FILES);
+  SUCCEED();
+}
+
+TEST_F(ParameterFiles, ByModeOverridesStagesZeroAndOne) {
+  Write("ParaSet.txt", Pairs({"1", "0.3", "2.0", "4", "0.9", "5", "6", "7", "0.3", "2.0", "4", "0.9", "5", "6",
+                              "9", "0.2", "3.0", "64", "0.05", "1", "2"}));
+  LoadParameterSet(PARAM_FROM_FILES);
+  engine.modeGuardRecord = {2, 1};  // index 9
+  LoadParameterSet(PARAM_BY_MODE);
+  EXPECT_EQ(engine.stageStartSymbol[0], 0);
+  EXPECT_EQ(engine.stageStartSymbol[1], 5000);
+  EXPECT_EQ(engine.stageStartSymbol[2], 0);
+  EXPECT_EQ(engine.stageStepFraction[0], 0.0625f);
+  EXPECT_EQ(engine.stageDeadZone[1], 0);
+  EXPECT_EQ(engine.stageSpanFraction[1], 0.125f);
+  EXPECT_EQ(engine.stageUpdatePeriod[2], 64) << "stage 2 from the file persists";
+  engine.modeGuardRecord = {1, 3};  // index 7
+  LoadParameterSet(PARAM_BY_MODE);
+  EXPECT_EQ(engine.stageStepFraction[0], 0.03125f);
+  EXPECT_EQ(engine.stageDeadZone[1], 1);
+  LoadParameterSet(7);  // unknown source: nothing
+  EXPECT_EQ(engine.stageDeadZone[1], 1);
+}
+
+}  // namespace
+}  // namespace zfn
