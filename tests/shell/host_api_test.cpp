@@ -1,0 +1,129 @@
+// The library as a host uses it: only the public header and libZFNISDBT.so, with the test builds
+// of the sample sources found through LD_LIBRARY_PATH.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "lifecycle_support.h"
+#include "tests/support/test_device/test_device_control.h"
+#include "tests/support/test_simulator/test_simulator_control.h"
+#include "zfnisdbt.h"
+
+namespace {
+
+using zfn_test::LogCapture;
+using zfn_test::WaitFor;
+
+TEST(HostLibrary, ExportsExactlyTheThirteenFunctions) {
+  const std::string command = std::string("nm -D --defined-only ") + ZFN_LIBRARY_PATH;
+  FILE* nm = popen(command.c_str(), "r");
+  ASSERT_NE(nm, nullptr);
+  std::set<std::string> defined;
+  char line[512];
+  while (std::fgets(line, sizeof line, nm) != nullptr) {
+    char address[64], type[8], name[400];
+    if (std::sscanf(line, "%63s %7s %399s", address, type, name) == 3) defined.insert(name);
+  }
+  ASSERT_EQ(pclose(nm), 0);
+  const std::set<std::string> expected = {
+      "ZFISDBT_OpenDevice",      "ZFISDBT_CloseDevice",       "ZFISDBT_SetFrequency",   "ZFISDBT_GetSignalLock",
+      "ZFISDBT_GetSignalPresent", "ZFISDBT_GetSignalQuality", "ZFISDBT_SetTSCallBack",  "ZFISDBT_SetACCallBack",
+      "ZFISDBT_StartAC",         "ZFISDBT_StopAC",            "ZFISDBT_DebugCMD",       "ZFISDBT_DebugGetParaPtr",
+      "ZFISDBT_DebugGetParaValue"};
+  EXPECT_EQ(defined, expected);
+}
+
+void OnPackets(const uint8_t*, int32_t) {}
+void OnAc(void) {}
+
+int32_t BlockStateWord() {
+  int32_t words[ZFISDBT_PARA_WORDS] = {};
+  return ZFISDBT_DebugGetParaValue(words) == 1 ? words[5] : -99;
+}
+
+TEST(HostLibrary, LifecycleWithExactLogLines) {
+  TestDevice_Reset();
+  TestDevice_SetByteRate(8126984);
+  LogCapture log;
+  int32_t* para = nullptr;
+  int32_t words[ZFISDBT_PARA_WORDS];
+  EXPECT_EQ(ZFISDBT_DebugGetParaPtr(&para), 0);
+  EXPECT_EQ(ZFISDBT_DebugGetParaValue(words), 0);
+  EXPECT_EQ(ZFISDBT_SetTSCallBack(OnPackets), 1);
+  EXPECT_EQ(ZFISDBT_SetACCallBack(OnAc), 1);
+  EXPECT_EQ(ZFISDBT_StartAC(), 1);
+  EXPECT_EQ(ZFISDBT_StopAC(), 1);
+
+  ASSERT_EQ(ZFISDBT_OpenDevice(), 1);
+  ASSERT_EQ(ZFISDBT_DebugGetParaPtr(&para), 1);
+  ASSERT_NE(para, nullptr);
+  EXPECT_EQ(ZFISDBT_SetFrequency(557143), 1);
+  // Right after the retune the status words are those of a new acquisition.
+  ASSERT_EQ(ZFISDBT_DebugGetParaValue(words), 1);
+  EXPECT_EQ(words[3], -1);
+  EXPECT_TRUE(WaitFor([] { return BlockStateWord() == 2; })) << "frame sync";
+  EXPECT_EQ(para[5], 2) << "the pointer shows the live block";
+
+  int32_t present = 7, locked = 7, quality = 7;
+  EXPECT_EQ(ZFISDBT_GetSignalPresent(&present), 0);
+  EXPECT_EQ(ZFISDBT_GetSignalLock(&locked), 0);
+  EXPECT_EQ(ZFISDBT_GetSignalQuality(&quality), 1);
+  EXPECT_EQ(ZFISDBT_GetSignalPresent(nullptr), 0);
+  EXPECT_EQ(ZFISDBT_DebugGetParaValue(nullptr), 0);
+  EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
+  EXPECT_EQ(ZFISDBT_DebugGetParaPtr(&para), 0);
+  EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
+
+  ASSERT_EQ(ZFISDBT_OpenDevice(), 1);
+  EXPECT_EQ(ZFISDBT_SetFrequency(473143), 1);
+  EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
+
+  const std::string expected =
+      "ISDBT API: <--> Set TS CallBack OK\n"
+      "ISDBT API: <--> Set AC CallBack OK\n"
+      "ISDBT API: --> Device On\n"
+      "ISDBT API: <-- OPEN DAB DEVICE SUCCEED\n"
+      "ISDBT API: --> Set frequency 557143 and bandwidth\n"
+      "ISDBT API: <-- Set frequency 557143 OK\n"
+      "ISDBT API: --> GetSignalPresent\n"
+      "ISDBT API: <-- GetSignalPresent: Not Sure\n"
+      "ISDBT API: --> GetSignalLock\n"
+      "ISDBT API: <-- GetSignalLock: Not Sure\n"
+      "ISDBT API: --> GetSignalQuality\n"
+      "ISDBT API: <-- Signal Quality 0\n"
+      "ISDBT API: --> ISDBT_DeviceOff()\n"
+      "ISDBT API: <-- ISDBT_DeviceOff() OK\n"
+      "ISDBT API: --> ISDBT_DeviceOff()\n"
+      "ISDBT API: <-- ZFISDBT_OpenDevice() has not been invoked,  ISDBT_DeviceOff() OK\n"
+      "ISDBT API: --> Device On\n"
+      "ISDBT API: <-- OPEN DAB DEVICE SUCCEED\n"
+      "ISDBT API: --> Set frequency 473143 and bandwidth\n"
+      "ISDBT API: <-- Set frequency 473143 OK\n"
+      "ISDBT API: --> ISDBT_DeviceOff()\n"
+      "ISDBT API: <-- ISDBT_DeviceOff() OK\n";
+  EXPECT_EQ(log.Text(), expected);
+}
+
+TEST(HostLibrary, SimulationIsChosenAnewBeforeEveryOpen) {
+  TestSim_Reset();
+  TestSim_SetByteRate(8126984);
+  LogCapture log;
+  EXPECT_EQ(ZFISDBT_DebugCMD(5, 1), 1);
+  ASSERT_EQ(ZFISDBT_OpenDevice(), 1);
+  EXPECT_EQ(TestSim_Started(), 1);
+  EXPECT_EQ(ZFISDBT_SetFrequency(0), 1);
+  EXPECT_TRUE(WaitFor([] { return BlockStateWord() == 2; }));
+  EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
+  EXPECT_EQ(TestSim_Started(), 0);
+  // Close cleared the choice: this open takes the device.
+  TestDevice_Reset();
+  ASSERT_EQ(ZFISDBT_OpenDevice(), 1);
+  EXPECT_EQ(TestDevice_CallCount() > 0, true);
+  EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
+  EXPECT_EQ(log.Lines()[3], "ISDBT API: <-- Set frequency and bandwidth OK");
+}
+
+}  // namespace
