@@ -156,8 +156,10 @@ int32_t ToPixel(double v, double lo, double hi, int32_t p0, int32_t p1) {
   return static_cast<int32_t>(std::lround(p0 + t * (p1 - p0)));
 }
 
-// A line through the finite values of y over an area; non-finite values break the line.
-void PlotSeries(Canvas& canvas, const Area& a, const std::vector<double>& y, double lo, double hi, Rgb c) {
+// A line through the finite values of y over an area; non-finite values break the line, and so does
+// a step larger than breakAbove (a phase wrapping round).
+void PlotSeries(Canvas& canvas, const Area& a, const std::vector<double>& y, double lo, double hi, Rgb c,
+                double breakAbove = HUGE_VAL) {
   const size_t n = y.size();
   bool havePrevious = false;
   int32_t px = 0, py = 0;
@@ -169,7 +171,7 @@ void PlotSeries(Canvas& canvas, const Area& a, const std::vector<double>& y, dou
     const int32_t x = n > 1 ? ToPixel(static_cast<double>(i), 0.0, static_cast<double>(n - 1), a.x0, a.x1)
                             : (a.x0 + a.x1) / 2;
     const int32_t yy = ToPixel(y[i], lo, hi, a.y1, a.y0);
-    if (havePrevious) canvas.Line(px, py, x, yy, c);
+    if (havePrevious && std::abs(y[i] - y[i - 1]) <= breakAbove) canvas.Line(px, py, x, yy, c);
     else canvas.Set(x, yy, c);
     px = x;
     py = yy;
@@ -243,7 +245,7 @@ void DrawChannel(Canvas& canvas, const ProbeSnapshot& s) {
   if (hi <= 0.0) hi = 1.0;
   const int32_t mid = (a.y0 + a.y1) / 2;
   canvas.Line(a.x0, mid, a.x1, mid, GREY);
-  PlotSeries(canvas, a, phase, -M_PI, M_PI, RED);
+  PlotSeries(canvas, a, phase, -M_PI, M_PI, RED, M_PI);
   PlotSeries(canvas, a, magnitude, lo, hi * 1.1, BLUE);
   char label[48];
   std::snprintf(label, sizeof label, "%zu CARRIERS  MAX %.3g", n, hi);
