@@ -1,5 +1,6 @@
 #include "shell/capture.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +17,35 @@ CaptureState capture;
 RelaxedWord<int32_t> captureFault;
 
 namespace {
+
+// The ring is shared by reception and the capture thread with no lock between them: reception never
+// waits for the writer, and a slot may be rewritten while it is being written to the file (the
+// designed loss of a lapped block). Both sides therefore move the slots as relaxed atomic words, so
+// a lap tears a block but is no data race; the capture thread copies a slot into a staging block of
+// its own and writes that.
+constexpr int32_t RING_WORDS = RAW_BLOCK_BYTES / 8;
+static_assert(RAW_BLOCK_BYTES % 8 == 0, "slots are whole 64-bit words");
+
+uint64_t staging[RING_WORDS];  // the capture thread's copy of the slot it writes
+
+uint64_t* SlotWords(uint32_t index) {
+  // The ring comes from malloc (aligned for any word) and is touched only through these words.
+  return reinterpret_cast<uint64_t*>(device.captureRing + static_cast<size_t>(index % CAPTURE_SLOTS) * RAW_BLOCK_BYTES);
+}
+
+void StoreSlot(uint32_t index, const uint8_t* block) {
+  uint64_t* words = SlotWords(index);
+  for (int32_t i = 0; i < RING_WORDS; ++i) {
+    uint64_t w;
+    std::memcpy(&w, block + 8 * static_cast<size_t>(i), sizeof w);
+    std::atomic_ref<uint64_t>(words[i]).store(w, std::memory_order_relaxed);
+  }
+}
+
+void LoadSlot(uint32_t index) {
+  uint64_t* words = SlotWords(index);
+  for (int32_t i = 0; i < RING_WORDS; ++i) staging[i] = std::atomic_ref<uint64_t>(words[i]).load(std::memory_order_relaxed);
+}
 
 bool CaptureFaultInjected(CaptureFault fault) { return captureFault.load() == static_cast<int32_t>(fault); }
 
@@ -42,15 +72,16 @@ int32_t CaptureRingAlloc() {
   if (FaultInjected(ShellFault::CaptureRing)) return 0;
   uint8_t* ring = static_cast<uint8_t*>(std::malloc(CAPTURE_RING_BYTES));
   if (ring == nullptr) return 0;
-  std::lock_guard<std::mutex> lock(capture.writeLock);
+  std::scoped_lock lock(capture.feedLock, capture.writeLock);
   device.captureRing = ring;
   return 1;
 }
 
 void CaptureRingFree() {
   // Close does not stop the capture thread: it sees running = 0 at its next wake. Until then it may
-  // be writing from the ring, so the release waits for the block in hand.
-  std::lock_guard<std::mutex> lock(capture.writeLock);
+  // be writing from the ring, so the release waits for the block in hand. (Reception, the other
+  // user of the ring, has ended before close gets here; its lock is taken all the same.)
+  std::scoped_lock lock(capture.feedLock, capture.writeLock);
   std::free(device.captureRing);
   device.captureRing = nullptr;
 }
@@ -154,8 +185,8 @@ void CaptureThread() {
     // new start) from looking like four billion blocks to write.
     while (static_cast<int32_t>(written - index) > 0) {
       if (device.captureRing != nullptr && capture.captureFileOpen) {
-        const uint8_t* slot = device.captureRing + static_cast<size_t>(index % CAPTURE_SLOTS) * RAW_BLOCK_BYTES;
-        std::fwrite(slot, 1, RAW_BLOCK_BYTES, capture.captureFile);
+        LoadSlot(index);
+        std::fwrite(staging, 1, RAW_BLOCK_BYTES, capture.captureFile);
       }
       index += 1;
       capture.captureRead = index;
@@ -171,8 +202,7 @@ void CaptureFeed(const uint8_t* block) {
   std::lock_guard<std::mutex> lock(capture.feedLock);
   if (device.captureRing == nullptr) return;
   const uint32_t written = capture.captureWritten.load();
-  std::memcpy(device.captureRing + static_cast<size_t>(written % CAPTURE_SLOTS) * RAW_BLOCK_BYTES, block,
-              RAW_BLOCK_BYTES);
+  StoreSlot(written, block);
   capture.captureWritten = written + 1;
   capture.captureEvent.Set();
 }

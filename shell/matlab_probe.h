@@ -6,6 +6,10 @@
 // This header is the whole contract with a bridge: it has no dependency on the rest of the engine,
 // so a bridge library includes it alone. Field order is the order the bridge relies on; pointers
 // are native (64-bit) pointers, so "index" below means the position of the field, not a word offset.
+//
+// The receiver stores every value (fillIndex included) with a relaxed atomic store; a bridge that
+// reads the record on a thread of its own reads with relaxed atomic loads (std::atomic_ref), and so
+// is free of data races even when a read overlaps the next fill.
 #include <stddef.h>
 #include <stdint.h>
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 
@@ -17,6 +18,17 @@ namespace {
 constexpr double TWO_PI = 6.283185307179;
 constexpr int32_t LAST_FILL_SYMBOL = 100;  // carriers of symbols 0..100; the frame values at 100
 
+// The bridge reads the record on its own thread with no lock. Every value goes in as a relaxed
+// atomic store (a plain store on the usual processors), so a bridge that reads while the engine
+// writes sees old or new values, never a data race.
+void Put(double* cell, double value) { std::atomic_ref<double>(*cell).store(value, std::memory_order_relaxed); }
+int32_t FillIndex(MatlabProbe& probe) {
+  return std::atomic_ref<int32_t>(probe.fillIndex).load(std::memory_order_relaxed);
+}
+void SetFillIndex(MatlabProbe& probe, int32_t value) {
+  std::atomic_ref<int32_t>(probe.fillIndex).store(value, std::memory_order_relaxed);
+}
+
 void SetUpdateEvent(const MatlabProbe& probe) {
   // Descriptor 0 (a zero-filled record) and negative values mean "no event".
   if (probe.updateEvent <= 0) return;
@@ -28,14 +40,14 @@ void SetUpdateEvent(const MatlabProbe& probe) {
 }
 
 void StoreCell(double* cell, double value) {
-  if (cell != nullptr) *cell = value;
+  if (cell != nullptr) Put(cell, value);
 }
 
 // Copies count floats to a double array of the record, at most capacity of them.
 void StorePlane(double* target, std::span<const float> source, int32_t capacity) {
   if (target == nullptr) return;
   const size_t n = std::min(source.size(), static_cast<size_t>(capacity));
-  for (size_t i = 0; i < n; ++i) target[i] = source[i];
+  for (size_t i = 0; i < n; ++i) Put(target + i, source[i]);
 }
 
 }  // namespace
@@ -45,7 +57,7 @@ void ProbeBeginSymbol(int32_t symbolIndex) {
   engine.probeTick += 1;
   if (engine.probeRewind != 1 || !ProbeFillDue() || symbolIndex != 0) return;
   std::lock_guard<std::mutex> lock(probeLock);
-  if (matlabProbe != nullptr) matlabProbe->fillIndex = 0;
+  if (matlabProbe != nullptr) SetFillIndex(*matlabProbe, 0);
 }
 
 void ProbeNoteTimingStep(int32_t symbolIndex, int32_t timingPeriod, int32_t timingStep) {
@@ -68,7 +80,7 @@ void ProbeStoreCarriers(int32_t symbolIndex, std::span<const float> carriers, in
   MatlabProbe* probe = matlabProbe;
   if (probe == nullptr || probe->carrierRe == nullptr || probe->carrierIm == nullptr) return;
   const int32_t ndata = static_cast<int32_t>(carriers.size() / 2);
-  const int32_t at = probe->fillIndex;
+  const int32_t at = FillIndex(*probe);
   // The index is counted on only from a rewind at symbol 0; a probe switched on in mid-frame, or a
   // tracking run restarted in mid-frame, would carry it past one frame's worth. Such a symbol is
   // dropped rather than written beyond the arrays.
@@ -88,10 +100,10 @@ void ProbeStoreCarriers(int32_t symbolIndex, std::span<const float> carriers, in
       re = static_cast<float>(carriers[2 * k] * 0.125f);
       im = static_cast<float>(carriers[2 * k + 1] * 0.125f);
     }
-    probe->carrierRe[at + k] = re;
-    probe->carrierIm[at + k] = im;
+    Put(probe->carrierRe + at + k, re);
+    Put(probe->carrierIm + at + k, im);
   }
-  probe->fillIndex = at + ndata;
+  SetFillIndex(*probe, at + ndata);
 }
 
 void ProbeFinishFrame(int32_t symbolIndex, const ProbeFrameInput& frame) {
@@ -106,8 +118,8 @@ void ProbeFinishFrame(int32_t symbolIndex, const ProbeFrameInput& frame) {
     if (probe->slotRe != nullptr && probe->slotIm != nullptr) {
       const size_t n = std::min(frame.carrierSlot.size() / 2, static_cast<size_t>(PROBE_SLOT_CAPACITY));
       for (size_t i = 0; i < n; ++i) {
-        probe->slotRe[i] = frame.carrierSlot[2 * i];
-        probe->slotIm[i] = frame.carrierSlot[2 * i + 1];
+        Put(probe->slotRe + i, frame.carrierSlot[2 * i]);
+        Put(probe->slotIm + i, frame.carrierSlot[2 * i + 1]);
       }
     }
     // 2 * timingSpan + 1 entries from rotateStart, as far as the accumulator reaches.
@@ -120,8 +132,8 @@ void ProbeFinishFrame(int32_t symbolIndex, const ProbeFrameInput& frame) {
     }
     if (probe->jumpList != nullptr) {
       const int32_t count = std::clamp(engine.jumpListCount, 0, static_cast<int32_t>(PROBE_JUMP_STEPS));
-      probe->jumpList[0] = count;
-      for (int32_t i = 0; i < count; ++i) probe->jumpList[1 + i] = engine.jumpList[i];
+      Put(probe->jumpList, count);
+      for (int32_t i = 0; i < count; ++i) Put(probe->jumpList + 1 + i, engine.jumpList[i]);
     }
     StoreCell(probe->channelStateCell, frame.channelState);
     StoreCell(probe->stateCell, frame.blockState);
@@ -143,9 +155,9 @@ void ProbeStoreRates(float packetErrorRate, float byteErrorRate, float packetFai
   if (engine.probeActive == 0) return;
   std::lock_guard<std::mutex> lock(probeLock);
   if (matlabProbe == nullptr || matlabProbe->ratesCell == nullptr) return;
-  matlabProbe->ratesCell[0] = packetErrorRate;
-  matlabProbe->ratesCell[1] = byteErrorRate;
-  matlabProbe->ratesCell[2] = packetFailRate;
+  Put(matlabProbe->ratesCell, packetErrorRate);
+  Put(matlabProbe->ratesCell + 1, byteErrorRate);
+  Put(matlabProbe->ratesCell + 2, packetFailRate);
 }
 
 }  // namespace zfn

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -67,25 +68,33 @@ bool TakeEvent(int fd) {
   return read(fd, &value, sizeof value) == static_cast<ssize_t>(sizeof value);
 }
 
+// The receiver stores into the record while this thread may read it: both sides use relaxed atomic
+// accesses, so a read that overlaps a write sees old or new values and is no data race.
+double Get(double* cell) { return std::atomic_ref<double>(*cell).load(std::memory_order_relaxed); }
+void Put(double* cell, double value) { std::atomic_ref<double>(*cell).store(value, std::memory_order_relaxed); }
+
 // The receiver writes channel, slot and timing arrays without a count: their lengths follow from
 // the mode. The bridge marks them absent before each set, so the filled length is the run of
 // entries before the first mark.
-size_t FilledLength(const double* array, size_t capacity) {
+size_t FilledLength(double* array, size_t capacity) {
   size_t n = 0;
-  while (n < capacity && !std::isnan(array[n])) ++n;
+  while (n < capacity && !std::isnan(Get(array + n))) ++n;
   return n;
 }
 
 void MarkAbsent(double* array, size_t capacity) {
-  for (size_t i = 0; i < capacity; ++i) array[i] = ABSENT;
+  for (size_t i = 0; i < capacity; ++i) Put(array + i, ABSENT);
 }
 
-void Copy(std::vector<double>& target, const double* source, size_t n) { target.assign(source, source + n); }
+void Copy(std::vector<double>& target, double* source, size_t n) {
+  target.resize(n);
+  for (size_t i = 0; i < n; ++i) target[i] = Get(source + i);
+}
 
 void TakeSnapshot() {
   MatlabProbe& r = bridge.record;
   ProbeSnapshot& s = bridge.snapshot;
-  const int32_t fill = r.fillIndex;
+  const int32_t fill = std::atomic_ref<int32_t>(r.fillIndex).load(std::memory_order_relaxed);
   const size_t carriers = fill < 0 ? 0 : std::min<size_t>(static_cast<size_t>(fill), zfn::PROBE_CARRIER_CAPACITY);
   Copy(s.carrierRe, r.carrierRe, carriers);
   Copy(s.carrierIm, r.carrierIm, carriers);
@@ -98,16 +107,16 @@ void TakeSnapshot() {
   Copy(s.slotRe, r.slotRe, slot);
   Copy(s.slotIm, r.slotIm, slot);
   Copy(s.timingProfile, r.timingProfile, FilledLength(r.timingProfile, zfn::PROBE_TIMING_CAPACITY));
-  const double jumpCount = r.jumpList[0];
+  const double jumpCount = Get(r.jumpList);
   const size_t jumps = std::isfinite(jumpCount) && jumpCount > 0
                            ? std::min<size_t>(static_cast<size_t>(jumpCount), zfn::PROBE_JUMP_STEPS)
                            : 0;
   Copy(s.jumps, r.jumpList + 1, jumps);
-  s.snrDb = *r.snrCell;
-  s.frequencyOffset = *r.frequencyCell;
-  for (int i = 0; i < 3; ++i) s.rates[i] = r.ratesCell[i];
-  s.blockState = *r.stateCell;
-  s.channelState = *r.channelStateCell;
+  s.snrDb = Get(r.snrCell);
+  s.frequencyOffset = Get(r.frequencyCell);
+  for (int i = 0; i < 3; ++i) s.rates[i] = Get(r.ratesCell + i);
+  s.blockState = Get(r.stateCell);
+  s.channelState = Get(r.channelStateCell);
   s.update = ++bridge.updates;
 
   MarkAbsent(r.channelRe, zfn::PROBE_CHANNEL_CAPACITY);
