@@ -127,9 +127,14 @@ int32_t StartCapture() {
     }
   }
 
-  captureOn = 1;
-  capture.captureWritten = 0;
-  capture.captureRead = 0;
+  {
+    // Under reception's lock: a block fed between the switch and the reset of the counts would
+    // otherwise leave a stale count behind the reset.
+    std::lock_guard<std::mutex> lock(capture.feedLock);
+    captureOn = 1;
+    capture.captureWritten = 0;
+    capture.captureRead = 0;
+  }
 
   capture.threadEnded = 0;
   if (CaptureFaultInjected(CaptureFault::Thread) || !capture.captureThread.Start(CaptureThread)) {
