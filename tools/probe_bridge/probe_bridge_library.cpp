@@ -15,6 +15,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <limits>
 #include <memory>
 #include <string>
@@ -136,8 +137,14 @@ void Run() {
     }
     if (waits[0].revents != 0) return;
     if ((waits[1].revents & POLLIN) != 0 && TakeEvent(bridge.record.updateEvent)) {
-      TakeSnapshot();
-      if (!WriteProbeFiles(bridge.directory, bridge.snapshot)) {
+      bool written = false;
+      try {
+        TakeSnapshot();
+        written = WriteProbeFiles(bridge.directory, bridge.snapshot);
+      } catch (const std::exception&) {
+        // Out of memory for the copy or the picture: this update is skipped, the next may fit.
+      }
+      if (!written) {
         std::fprintf(stderr, "ISDBT_MatlabWrap: could not write the probe files in %s\n", bridge.directory.c_str());
       }
     }
@@ -225,8 +232,15 @@ BRIDGE_EXPORT int32_t MATLAB_Initial(void) {
 // Hands the record to the receiver and starts showing what arrives in it.
 BRIDGE_EXPORT int32_t MATLAB_Show(zfn::MatlabProbe** probe) {
   if (probe == nullptr || !bridge.initialised) return -1;
+  if (!bridge.worker.joinable()) {
+    try {
+      bridge.worker = std::thread(probe_bridge::Run);
+    } catch (const std::exception&) {
+      *probe = nullptr;  // nothing would show the data: the receiver takes this as a failed load
+      return -1;
+    }
+  }
   *probe = &bridge.record;
-  if (!bridge.worker.joinable()) bridge.worker = std::thread(probe_bridge::Run);
   return 0;
 }
 
