@@ -16,6 +16,9 @@
 namespace zfn {
 
 void (*symbolStepHandler)() = SymbolStep;
+const BlockStages STAGE_ENTRY_POINTS = {DetectModeAndGuard, RunCoarseSync, RunFrameSync, SetUpTracking,
+                                        SetUpDecoder};
+BlockStages blockStages = STAGE_ENTRY_POINTS;
 
 namespace {
 
@@ -35,11 +38,13 @@ void ReceptionThread() {
   platform::SetCurrentThreadPriority(platform::ThreadPriority::Reception);
   BlockAssembler assembler;
   assembler.Reset(blockRing.assemblyBuffer);
+  // The source is the one open bound; a late debug command 5 must not switch it under the thread.
+  const bool simulated = device.simulationMode != 0;
   while (device.running) {
     if (!device.dataEvent.Wait(RECEPTION_WAIT_MS)) continue;
     int32_t length = 0;
     int32_t aux = 0;
-    if (device.simulationMode != 0) {
+    if (simulated) {
       simulatorBinding.GetData(blockRing.readBuffer, &length);
     } else {
       deviceBinding.GetData(blockRing.readBuffer, SOURCE_READ_BYTES, &length, &aux);
@@ -138,21 +143,21 @@ void ProcessBlock() {
 
   switch (state) {
     case BLOCK_MODE_DETECT:
-      DetectModeAndGuard();
+      blockStages.detectModeAndGuard();
       engine.blockState = BLOCK_COARSE_SYNC;
       break;
     case BLOCK_COARSE_SYNC:
-      RunCoarseSync();
+      blockStages.runCoarseSync();
       engine.blockState = BLOCK_FRAME_SYNC;
       break;
     case BLOCK_FRAME_SYNC:
-      if (RunFrameSync() == 1) {
+      if (blockStages.runFrameSync() == 1) {
         if (engine.tmccAccepted == 0) {
           engine.blockState = BLOCK_NO_SIGNAL;
         } else {
           if (engine.tmccRepeat == 0) {
-            SetUpTracking();
-            SetUpDecoder();
+            blockStages.setUpTracking();
+            blockStages.setUpDecoder();
           }
           engine.blockState = BLOCK_TRACKING;
         }

@@ -22,6 +22,18 @@ void WalkSymbols();
 // One symbol: tracking, decoding, the resync rule, frame and pilot positions.
 void SymbolStep();
 
+// The acquisition stages and set-ups that ProcessBlock calls by state. They are the stage entry
+// points; tests of the state machine put scripted stand-ins here.
+struct BlockStages {
+  void (*detectModeAndGuard)();
+  void (*runCoarseSync)();
+  int32_t (*runFrameSync)();
+  void (*setUpTracking)();
+  int32_t (*setUpDecoder)();
+};
+extern BlockStages blockStages;
+extern const BlockStages STAGE_ENTRY_POINTS;
+
 // The walk calls the symbol step through this pointer. Tests replace it with a consumer that looks
 // at symbolBuffer and sets timingStep, to check the walk on its own.
 extern void (*symbolStepHandler)();

@@ -25,11 +25,4 @@ void FreeRsTables() {}
 void SetUpTransportOutput() { ArenaTakeBytes(24064 + 16320); }
 void DrainPacketRing() {}
 
-// Front end. Weak: the demodulator code of the front end, where it is linked in, takes their place.
-__attribute__((weak)) int32_t ProgramDemodulator() { return 1; }
-__attribute__((weak)) int32_t TuneFrontEnd(int32_t, int32_t, int32_t) { return 1; }
-__attribute__((weak)) int32_t PulseDemodReset() { return 1; }
-__attribute__((weak)) int32_t WriteSampleClockOffset(uint8_t, float) { return 1; }
-__attribute__((weak)) int32_t WriteCarrierOffset(uint8_t, float) { return 1; }
-
 }  // namespace zfn

@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "shell/block_ring.h"
@@ -85,12 +86,58 @@ TEST(EngineMemory, RewindsToEitherMark) {
   EngineFree();
 }
 
+// Scripted stand-ins for the acquisition stages and set-ups, so that the state machine is tested
+// on its own, whatever the real stages make of the test blocks.
+struct StageScript {
+  std::vector<std::string> calls;
+  std::vector<std::pair<int32_t, int32_t>> frameSync;  // result, tmccAccepted; then 0 for ever
+  size_t frameSyncNext = 0;
+  std::vector<float> symbolBuffer;
+  int symbols = 0;
+  int resyncAtSymbol = -1;
+};
+StageScript script;
+
+void ScriptedDetect() { script.calls.push_back("detect"); }
+void ScriptedCoarse() { script.calls.push_back("coarse"); }
+int32_t ScriptedFrameSync() {
+  script.calls.push_back("frame");
+  if (script.frameSyncNext >= script.frameSync.size()) return 0;
+  const auto [result, accepted] = script.frameSync[script.frameSyncNext++];
+  engine.tmccAccepted = accepted;
+  return result;
+}
+void ScriptedTracking() {
+  script.calls.push_back("tracking");
+  engine.nsymbol = 1056;
+  engine.nwork = 1056;
+  script.symbolBuffer.assign(2 * 1056, 0.0f);
+  engine.symbolBuffer = script.symbolBuffer.data();
+  engine.readPos = 0;
+  engine.timingStep = 0;
+}
+int32_t ScriptedDecoder() {
+  script.calls.push_back("decoder");
+  return 1;
+}
+void ScriptedSymbol() {
+  if (script.symbols++ == script.resyncAtSymbol) engine.resyncRequest = 1;
+}
+
 class SyncEngine : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(SyncDriverOpen(nullptr, nullptr), 1); }
+  void SetUp() override {
+    script = StageScript{};
+    blockStages = {ScriptedDetect, ScriptedCoarse, ScriptedFrameSync, ScriptedTracking, ScriptedDecoder};
+    symbolStepHandler = ScriptedSymbol;
+    ASSERT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
+  }
   void TearDown() override {
     SyncDriverClose();
+    blockStages = STAGE_ENTRY_POINTS;
+    symbolStepHandler = SymbolStep;
     controlBlock.tuningNow = 0;
+    engine.symbolBuffer = nullptr;
   }
   static void Feed(uint8_t tag) {
     const auto b = Block(tag);
@@ -218,6 +265,84 @@ TEST_F(SyncEngine, ProbeSwitchIsCopiedBetweenBlocksAndFeedsTheStateCell) {
   Feed(2);
   EXPECT_EQ(engine.probeActive, 0);
   matlabProbe = nullptr;
+}
+
+TEST_F(SyncEngine, AnAcceptedTmccRunsBothSetUpsAndTrackingWalksTheNextBlocks) {
+  script.frameSync = {{0, 0}, {1, 1}};
+  SyncDriverRetune();
+  for (uint8_t tag = 1; tag <= 4; ++tag) Feed(tag);
+  EXPECT_EQ(script.calls,
+            (std::vector<std::string>{"detect", "coarse", "frame", "frame", "tracking", "decoder"}));
+  EXPECT_EQ(engine.blockState, BLOCK_TRACKING);
+  EXPECT_EQ(SignalPresentStatus(), 1);
+  EXPECT_EQ(script.symbols, 0) << "tracking starts with the block after the set-ups";
+  Feed(5);
+  EXPECT_EQ(script.symbols, 56) << "the 57th symbol straddles into the next block";
+  EXPECT_EQ(engine.straddleFlag, 1);
+  Feed(6);
+  EXPECT_EQ(script.symbols, 113);
+  EXPECT_EQ(debugParaBlock.Int(5), BLOCK_TRACKING);
+}
+
+TEST_F(SyncEngine, ARejectedTmccIsASinkUntilTheNextRetune) {
+  script.frameSync = {{1, 0}};
+  SyncDriverRetune();
+  for (uint8_t tag = 1; tag <= 3; ++tag) Feed(tag);
+  EXPECT_EQ(engine.blockState, BLOCK_NO_SIGNAL);
+  EXPECT_EQ(SignalPresentStatus(), -1);
+  EXPECT_EQ(debugParaBlock.Int(5), BLOCK_NO_SIGNAL);
+  const size_t callsBefore = script.calls.size();
+  Feed(4);
+  Feed(5);
+  EXPECT_EQ(script.calls.size(), callsBefore) << "no stage runs on an unreceivable channel";
+  SyncDriverRetune();
+  Feed(6);
+  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
+  EXPECT_EQ(script.calls.back(), "detect");
+}
+
+TEST_F(SyncEngine, AResyncFromTrackingUndoesTheClockCorrectionAndRestartsOnTheSameBlock) {
+  script.frameSync = {{1, 1}};
+  SyncDriverRetune();
+  for (uint8_t tag = 1; tag <= 3; ++tag) Feed(tag);
+  ASSERT_EQ(engine.blockState, BLOCK_TRACKING);
+  script.resyncAtSymbol = 10;
+  engine.clockWritePending = 1;
+  engine.tsResetPhase = 3;
+  script.calls.clear();
+  Feed(4);
+  EXPECT_EQ(engine.clockWritePending, 0) << "the sample clock correction was handed back";
+  // The same pass jumps to the newest block, which is this one, and starts acquisition on it.
+  EXPECT_EQ(script.calls, std::vector<std::string>{"detect"});
+  EXPECT_EQ(engine.rawBlock[0], 4);
+  EXPECT_EQ(engine.resyncRequest, 0);
+  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
+  EXPECT_EQ(engine.tsResetPhase, 2);
+}
+
+TEST(SyncDriver, DeliveriesGoToTheConsumerAndTheHostCallbackComesBack) {
+  auto host = [](const uint8_t*, int32_t) {};
+  device.tsCallback = host;
+  struct Seen {
+    int calls = 0;
+    int32_t bytes = 0;
+  } seen;
+  ASSERT_EQ(SyncDriverOpen(
+                [](const uint8_t*, int32_t length, void* context) {
+                  auto* s = static_cast<Seen*>(context);
+                  s->calls += 1;
+                  s->bytes += length;
+                },
+                &seen),
+            1);
+  // The transport stage delivers through the host callback; the driver routes it.
+  const std::vector<uint8_t> packets(24064, 0x47);
+  device.tsCallback.load()(packets.data(), 24064);
+  EXPECT_EQ(seen.calls, 1);
+  EXPECT_EQ(seen.bytes, 24064);
+  SyncDriverClose();
+  EXPECT_EQ(device.tsCallback.load(), static_cast<ZFISDBT_TsCallback>(host));
+  device.tsCallback = nullptr;
 }
 
 TEST(SyncDriver, RefusesASecondOpenAndCloseIsHarmless) {
