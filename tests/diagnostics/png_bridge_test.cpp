@@ -93,6 +93,18 @@ TEST_F(PngBridge, InitialFailsWithOneClearLineWithoutAnOutputDirectory) {
   EXPECT_EQ(CountLines(notDirectory), 1u) << notDirectory;
 }
 
+TEST_F(PngBridge, AHostMayEndWithTheBridgeStillShowing) {
+  ScratchDirectory out(false);
+  setenv(DIR_VARIABLE, out.Path().c_str(), 1);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        DebugProbeCommand(1);
+        std::exit(probeEnable == 1 ? 0 : 3);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
 TEST_F(PngBridge, ASyntheticFrameBecomesAPictureAndNumberFiles) {
   ScratchDirectory out(false);
   setenv(DIR_VARIABLE, out.Path().c_str(), 1);

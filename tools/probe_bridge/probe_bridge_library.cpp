@@ -33,7 +33,13 @@ using zfn::MatlabProbe;
 constexpr const char* PROBE_DIR_VARIABLE = "ZFNISDBT_PROBE_DIR";
 constexpr double ABSENT = std::numeric_limits<double>::quiet_NaN();
 
+void Release();
+
 struct Bridge {
+  // A host may end with the bridge still showing: the worker is stopped and joined on the way out
+  // instead of being destroyed while joinable.
+  ~Bridge() { Release(); }
+
   bool initialised = false;
   std::string directory;
   MatlabProbe record{};
@@ -151,6 +157,8 @@ void Run() {
   }
 }
 
+}  // namespace
+
 void Release() {
   if (bridge.worker.joinable()) {
     const uint64_t one = 1;
@@ -163,8 +171,6 @@ void Release() {
   bridge.storage.reset();
   bridge.initialised = false;
 }
-
-}  // namespace
 
 }  // namespace probe_bridge
 

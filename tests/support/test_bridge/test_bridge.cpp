@@ -19,6 +19,15 @@ namespace {
 using zfn::MatlabProbe;
 
 struct BridgeModel {
+  // A process that ends with the bridge shown: stop the counter rather than destroy it running.
+  ~BridgeModel() {
+    if (counter.joinable()) {
+      const uint64_t one = 1;
+      [[maybe_unused]] const ssize_t n = write(stopEvent, &one, sizeof one);
+      counter.join();
+    }
+  }
+
   std::mutex lock;
   std::atomic<int32_t> initialCalls{0}, showCalls{0}, destroyCalls{0};
   std::atomic<int64_t> updates{0};
