@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstdint>
 
+#include "shell/matlab_probe.h"
 #include "shell/relaxed_word.h"
 
 namespace zfn {
@@ -22,27 +23,6 @@ struct DebugParaBlock {
 static_assert(sizeof(DebugParaBlock) == 12 * sizeof(int32_t), "the host reads twelve plain words");
 
 extern DebugParaBlock debugParaBlock;
-
-// The record shared with the plotting bridge; the bridge owns it and hands over a pointer.
-struct MatlabProbe {
-  double* carrierRe;
-  double* carrierIm;
-  int32_t fillIndex;
-  double* snrCell;
-  double* frequencyCell;
-  int32_t reserved5;
-  int32_t reserved6;
-  double* ratesCell;  // packetErrorRate, byteErrorRate, packetFailRate
-  double* channelRe;
-  double* channelIm;
-  double* slotRe;
-  double* slotIm;
-  double* timingProfile;
-  double* jumpList;   // the count, then that many timing steps
-  double* stateCell;
-  double* channelStateCell;
-  int updateEvent;    // eventfd descriptor set when a set of data is ready; 0 when none
-};
 
 // Shell side of the probe: set by debug command 1, copied into the engine between blocks.
 extern RelaxedWord<int32_t> probeEnable;

@@ -1,0 +1,168 @@
+// Capture of raw blocks to "BBStore" files: numbering over stops, starts and failed starts, the
+// bytes in the file against the blocks fed by reception, and the stop paths.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "shell/capture.h"
+#include "shell/device_state.h"
+#include "shell/diagnostics.h"
+#include "shell/shell_fields.h"
+#include "tests/diagnostics/diagnostics_support.h"
+
+namespace zfn {
+namespace {
+
+using zfn_test::FileExists;
+using zfn_test::ReadBytes;
+using zfn_test::ScratchDirectory;
+using zfn_test::WaitFor;
+
+std::string CaptureName(int32_t number) { return "BBStore" + std::to_string(number); }
+
+// A block whose every byte depends on the block number and the position.
+std::vector<uint8_t> PatternBlock(uint32_t block) {
+  std::vector<uint8_t> bytes(RAW_BLOCK_BYTES);
+  for (int32_t i = 0; i < RAW_BLOCK_BYTES; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + block * 31 + (i >> 9));
+  return bytes;
+}
+
+class Capture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    captureFault = 0;
+    device.running = 0;
+    captureOn = 0;
+  }
+  void TearDown() override {
+    StopCapture();
+    captureFault = 0;
+    device.running = 0;
+    captureOn = 0;
+    CaptureRingFree();
+  }
+  ScratchDirectory scratch_{true};
+};
+
+TEST_F(Capture, FilesAreNumberedOnOverStopsAndStartsAndTheThreadEndsAtOnceWhenClosed) {
+  capture.captureFileNumber = 0;
+  for (int32_t n = 0; n < 3; ++n) {
+    ASSERT_EQ(StartCapture(), 1);
+    EXPECT_TRUE(FileExists(CaptureName(n)));
+    EXPECT_EQ(capture.captureFileNumber, n + 1);
+    // The device is closed: the thread finds running = 0 and ends by itself.
+    EXPECT_TRUE(WaitFor([] { return capture.threadEnded.load() == 1; }, 1000));
+    EXPECT_EQ(StopCapture(), 1);
+    EXPECT_EQ(captureOn, 0);
+    EXPECT_FALSE(capture.captureThread.Exists());
+    EXPECT_FALSE(capture.captureEvent.Exists());
+  }
+  EXPECT_FALSE(FileExists(CaptureName(3)));
+  // The file pointer survives the stop; a second stop in a row must not close it again.
+  EXPECT_NE(capture.captureFile, nullptr);
+  EXPECT_EQ(StopCapture(), 1);
+}
+
+TEST_F(Capture, TheNumberAdvancesWhenALaterStepFailsButNotWhenTheFileDoesNotOpen) {
+  const int32_t first = capture.captureFileNumber;
+  const int descriptors = zfn_test::OpenDescriptors();
+
+  captureFault = static_cast<int32_t>(CaptureFault::Event);
+  EXPECT_EQ(StartCapture(), 0);
+  EXPECT_TRUE(FileExists(CaptureName(first)));
+  EXPECT_EQ(capture.captureFileNumber, first + 1);
+  EXPECT_EQ(captureOn, 0) << "the failure comes before capture is switched on";
+  EXPECT_TRUE(capture.captureFileOpen) << "the file is left open";
+
+  captureFault = static_cast<int32_t>(CaptureFault::Thread);
+  EXPECT_EQ(StartCapture(), 0);
+  EXPECT_TRUE(FileExists(CaptureName(first + 1)));
+  EXPECT_EQ(capture.captureFileNumber, first + 2);
+  EXPECT_EQ(captureOn, 1) << "a thread failure leaves capture switched on";
+  EXPECT_FALSE(capture.captureThread.Exists());
+  captureFault = 0;
+
+  // The file cannot be opened (a directory stands under its name): result 0, number unchanged.
+  ASSERT_EQ(mkdir(CaptureName(first + 2).c_str(), 0755), 0);
+  EXPECT_EQ(StartCapture(), 0);
+  EXPECT_EQ(capture.captureFileNumber, first + 2);
+
+  EXPECT_EQ(StopCapture(), 1);
+  EXPECT_EQ(StopCapture(), 1);
+  // The file left open by the failed start was closed when the next start replaced it, and the
+  // last one by the stop: nothing is left open.
+  EXPECT_EQ(zfn_test::OpenDescriptors(), descriptors);
+}
+
+TEST_F(Capture, TheFileHoldsTheBlocksFedByReceptionByteForByte) {
+  ASSERT_EQ(CaptureRingAlloc(), 1);
+  const int32_t number = capture.captureFileNumber;
+  device.running = 1;
+
+  // Capture off: reception's feed does nothing.
+  const std::vector<uint8_t> early = PatternBlock(99);
+  CaptureFeed(early.data());
+  EXPECT_EQ(capture.captureWritten.load(), 0u);
+
+  ASSERT_EQ(StartCapture(), 1);
+  std::vector<uint8_t> expected;
+  uint32_t fed = 0;
+  // Seven blocks one at a time, then bursts of three (what the ring holds), each time waiting for
+  // the writer to catch up, as a disk that keeps up would.
+  auto feed = [&](int32_t count) {
+    for (int32_t i = 0; i < count; ++i) {
+      const std::vector<uint8_t> block = PatternBlock(fed);
+      CaptureFeed(block.data());
+      expected.insert(expected.end(), block.begin(), block.end());
+      ++fed;
+    }
+    ASSERT_TRUE(WaitFor([&] { return capture.captureRead.load() == fed; }, 2000));
+  };
+  for (int32_t i = 0; i < 7; ++i) feed(1);
+  for (int32_t i = 0; i < 3; ++i) feed(3);
+  EXPECT_EQ(capture.captureWritten.load(), 16u);
+  EXPECT_EQ(StopCapture(), 1);
+
+  EXPECT_TRUE(ReadBytes(CaptureName(number)) == expected) << "capture file differs from the blocks fed";
+
+  // After the stop reception's feed does nothing again.
+  CaptureFeed(early.data());
+  EXPECT_EQ(capture.captureWritten.load(), 16u);
+}
+
+TEST_F(Capture, CloseEndsTheThreadAndASecondStartReplacesTheFirstCapture) {
+  ASSERT_EQ(CaptureRingAlloc(), 1);
+  device.running = 1;
+  const int descriptors = zfn_test::OpenDescriptors();
+  const int32_t number = capture.captureFileNumber;
+
+  ASSERT_EQ(StartCapture(), 1);
+  const std::vector<uint8_t> a = PatternBlock(1);
+  CaptureFeed(a.data());
+  ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 1; }, 2000));
+
+  // A start without a stop: the new file takes over, one writer remains.
+  ASSERT_EQ(StartCapture(), 1);
+  const std::vector<uint8_t> b = PatternBlock(2);
+  CaptureFeed(b.data());
+  ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 1; }, 2000));
+
+  // Close: running and the capture switch drop, the ring goes; the thread ends by itself.
+  device.running = 0;
+  captureOn = 0;
+  CaptureRingFree();
+  EXPECT_TRUE(WaitFor([] { return capture.threadEnded.load() == 1; }, 2000));
+  EXPECT_EQ(StopCapture(), 1);
+  EXPECT_FALSE(capture.captureThread.Exists());
+
+  EXPECT_TRUE(ReadBytes(CaptureName(number)) == a);
+  EXPECT_TRUE(ReadBytes(CaptureName(number + 1)) == b);
+  EXPECT_EQ(zfn_test::OpenDescriptors(), descriptors);
+}
+
+}  // namespace
+}  // namespace zfn
