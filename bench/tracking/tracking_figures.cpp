@@ -133,17 +133,17 @@ void Drift(double seconds, bool verbose) {
     for (int i = 0; i < blocks; ++i) {
       run.Feed();
       if (!run.Tracking()) {
-        std::printf("  lost at %.1f s", i * static_cast<double>(BLOCK_SAMPLES) * 63.0 / 64e6);
+        std::printf("  lost at %.1f s%s", i * static_cast<double>(BLOCK_SAMPLES) * 63.0 / 64e6, verbose ? "\n" : "");
         if (verbose)
           for (auto& r : recent) std::printf("%s\n", r.c_str());
         break;
       }
       double off = run.SpanOffset();
+      if (off > engine.nsymbol / 2) off -= engine.nsymbol;  // before the guard interval: negative
       char line[200];
       std::snprintf(line, sizeof line, "symbol %d span %.1f snrDb %.1f gate early %g late %g step %d pair %d", engine.symbolCount.load(), off, engine.snrDb.load(), tracker.timingAcc[engine.nmargin - tracker.timingSpan], tracker.timingAcc[engine.nmargin + tracker.timingSpan], engine.timingStep, static_cast<int>((tracker.interpBankLow - tracker.interpLow) / (INTERP_BLOCK * 2)));
       recent.push_back(line);
       if (recent.size() > 12) recent.erase(recent.begin());
-      if (off > engine.nsymbol / 2) off -= engine.nsymbol;
       if (i % every == every - 1) std::printf(" %6.1f", off);
     }
     std::printf("\n");
