@@ -3,6 +3,7 @@
 //   clock   the clock estimate of the settle count against the device's offset, +-10 and +-30 ppm
 //   drift [seconds] [v]  where the transform span sits in the guard interval over a minute, 0 and
 //           +-30 ppm; with v, the last blocks before a loss of tracking
+//   echo [seconds] [v]   the same with an echo 20 us late at -3 dB
 // With no argument it prints the first two.
 #include <algorithm>
 #include <cmath>
@@ -24,7 +25,7 @@ using namespace zfn;
 
 class Run {
  public:
-  Run(int mode, double cnDb, double ppm, uint64_t seed) : ppm_(ppm) {
+  Run(int mode, double cnDb, double ppm, uint64_t seed, double echoUs = 0.0) : ppm_(ppm) {
     sim::BroadcastConfig b;
     b.mode = mode + 1;
     b.guard = 2;
@@ -37,6 +38,7 @@ class Run {
     ch.cnDb = cnDb;
     ch.clockPpm = ppm;
     ch.seed = seed + 1;
+    if (echoUs > 0.0) ch.echoes = {sim::EchoPath{echoUs, -3.0, 50.0}};
     std::string error;
     gen_ = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(seed), &error);
     if (!gen_ || SyncDriverOpen(nullptr, nullptr) != 1) {
@@ -121,10 +123,12 @@ void Clock() {
   }
 }
 
-void Drift(double seconds, bool verbose) {
-  std::printf("span start in the guard interval (samples), Mode 1, 1/8 (guard 32), every 5 s\n");
+void Drift(double seconds, bool verbose, double echoUs) {
+  std::printf("span start in the guard interval (samples), Mode 1, 1/8 (guard 32), every 5 s");
+  if (echoUs > 0.0) std::printf("; echo of %.1f us (%.1f samples) at -3 dB", echoUs, echoUs * 64.0 / 63.0);
+  std::printf("\n");
   for (double ppm : {0.0, 30.0, -30.0}) {
-    Run run(0, 20.0, ppm, 5);
+    Run run(0, 20.0, ppm, 5, echoUs);
     if (!run.Acquire()) continue;
     std::printf("%+5.0f ppm:", ppm);
     const int every = BlocksOf(5.0);
@@ -156,6 +160,7 @@ int main(int argc, char** argv) {
   const std::string what = argc > 1 ? argv[1] : "";
   if (what.empty() || what == "snr") Snr();
   if (what.empty() || what == "clock") Clock();
-  if (what == "drift") Drift(argc > 2 ? std::atof(argv[2]) : 60.0, argc > 3);
+  if (what == "drift") Drift(argc > 2 ? std::atof(argv[2]) : 60.0, argc > 3, 0.0);
+  if (what == "echo") Drift(argc > 2 ? std::atof(argv[2]) : 60.0, argc > 3, 20.0);
   return 0;
 }
