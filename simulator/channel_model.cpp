@@ -10,7 +10,13 @@ namespace zfn::sim {
 namespace {
 constexpr double kPi = 3.141592653589793;
 constexpr int kFadingSinusoids = 12;
-constexpr int kFadingUpdate = 16;  // samples between updates of the fading gains
+constexpr int kFadingUpdate = 16;  // samples with the same taps
+// The sum of sinusoids is evaluated at anchors a whole number of updates apart and the taps are
+// interpolated linearly between them: a path's phase may turn by at most this much from one anchor
+// to the next, which keeps the interpolation error below -70 dB of the path's power.
+constexpr double kAnchorPhase = 0.05;
+constexpr int kMaxAnchorUpdates = 64;
+constexpr int kStaticStretch = 64;  // samples per pass of the tap loop when nothing fades
 
 // Complex products written out: the library multiply checks for infinities on every call.
 template <typename T>
@@ -54,12 +60,15 @@ MultipathFilter::MultipathFilter(const ChannelConfig& c, int maxBlock) {
       path.fading = true;
       // Sum of sinusoids with the classical Doppler spectrum (Zheng and Xiao).
       const double theta = (rng.Uniform() * 2.0 - 1.0) * kPi;
+      const double perUpdate = 2.0 * kPi * c.dopplerHz / fs * kFadingUpdate;
+      anchorUpdates_ = std::clamp(static_cast<int>(kAnchorPhase / perUpdate), 1, kMaxAnchorUpdates);
       for (int m = 1; m <= kFadingSinusoids; ++m) {
         const double alpha = (2.0 * kPi * m - kPi + theta) / (4.0 * kFadingSinusoids);
-        const double wI = 2.0 * kPi * c.dopplerHz * std::cos(alpha) / fs * kFadingUpdate;
-        const double wQ = 2.0 * kPi * c.dopplerHz * std::sin(alpha) / fs * kFadingUpdate;
-        path.phasorsI.push_back(std::polar(1.0, rng.Uniform() * 2.0 * kPi));
-        path.phasorsQ.push_back(std::polar(1.0, rng.Uniform() * 2.0 * kPi));
+        const double wI = 2.0 * kPi * c.dopplerHz * std::cos(alpha) / fs * kFadingUpdate * anchorUpdates_;
+        const double wQ = 2.0 * kPi * c.dopplerHz * std::sin(alpha) / fs * kFadingUpdate * anchorUpdates_;
+        // The first taps are those one update after the random start.
+        path.phasorsI.push_back(std::polar(1.0, rng.Uniform() * 2.0 * kPi + wI / anchorUpdates_));
+        path.phasorsQ.push_back(std::polar(1.0, rng.Uniform() * 2.0 * kPi + wQ / anchorUpdates_));
         path.stepsI.push_back(std::polar(1.0, wI));
         path.stepsQ.push_back(std::polar(1.0, wQ));
       }
@@ -93,9 +102,24 @@ MultipathFilter::MultipathFilter(const ChannelConfig& c, int maxBlock) {
     for (int t = 0; t < taps_; ++t) p.kernel[static_cast<size_t>(t)] = Kernel(t - base_ - p.delay);
   }
   h_.assign(static_cast<size_t>(taps_), {0.0f, 0.0f});
-  work_.assign(static_cast<size_t>(taps_ - 1 + maxBlock), {0.0f, 0.0f});
+  hStep_.assign(static_cast<size_t>(taps_), {0.0f, 0.0f});
+  workRe_.assign(static_cast<size_t>(taps_ - 1 + maxBlock), 0.0f);
+  workIm_.assign(static_cast<size_t>(taps_ - 1 + maxBlock), 0.0f);
   UpdateGains();
-  BuildTaps();
+  BuildTaps(h_);
+  if (fading_) NextAnchor();
+}
+
+// Taps at the next anchor: h_ walks there in anchorUpdates_ equal steps of hStep_.
+void MultipathFilter::NextAnchor() {
+  UpdateGains();
+  BuildTaps(hStep_);
+  const float inv = 1.0f / static_cast<float>(anchorUpdates_);
+  for (int t = 0; t < taps_; ++t) {
+    const auto i = static_cast<size_t>(t);
+    hStep_[i] = (hStep_[i] - h_[i]) * inv;
+  }
+  sinceAnchor_ = 0;
 }
 
 void MultipathFilter::UpdateGains() {
@@ -120,37 +144,49 @@ void MultipathFilter::UpdateGains() {
   }
 }
 
-void MultipathFilter::BuildTaps() {
+void MultipathFilter::BuildTaps(std::vector<std::complex<float>>& h) const {
   for (int t = 0; t < taps_; ++t) {
     std::complex<double> sum = 0;
     for (const auto& p : paths_) sum += p.gain * p.kernel[static_cast<size_t>(t)];
-    h_[static_cast<size_t>(t)] = std::complex<float>(sum);
+    h[static_cast<size_t>(t)] = std::complex<float>(sum);
   }
 }
 
 void MultipathFilter::Process(const std::complex<float>* in, std::complex<float>* out, int count) {
   const int hist = taps_ - 1;
-  std::memcpy(static_cast<void*>(work_.data() + hist), in, sizeof(std::complex<float>) * static_cast<size_t>(count));
-  const std::complex<float>* x = work_.data() + hist;
-  for (int start = 0; start < count; start += kFadingUpdate) {
-    if (fading_) {
-      UpdateGains();
-      BuildTaps();
-    }
-    const int len = std::min(count - start, kFadingUpdate);
-    // Tap by tap over the block, so that the inner loop runs over samples and vectorises.
-    float re[kFadingUpdate] = {}, im[kFadingUpdate] = {};
+  // Real and imaginary parts in separate planes, so that the loops over samples need no shuffles.
+  float* xr = workRe_.data() + hist;
+  float* xi = workIm_.data() + hist;
+  const float* v = reinterpret_cast<const float*>(in);
+  for (int n = 0; n < count; ++n) {
+    xr[n] = v[2 * n];
+    xi[n] = v[2 * n + 1];
+  }
+  // Static taps allow long stretches; fading taps change every update.
+  const int stretch = fading_ ? kFadingUpdate : kStaticStretch;
+  for (int start = 0; start < count; start += stretch) {
+    const int len = std::min(count - start, stretch);
+    // Tap by tap over the stretch, so that the inner loop runs over samples and vectorises.
+    float re[kStaticStretch] = {}, im[kStaticStretch] = {};
     for (int t = 0; t < taps_; ++t) {
       const float hr = h_[static_cast<size_t>(t)].real(), hi = h_[static_cast<size_t>(t)].imag();
-      const float* v = reinterpret_cast<const float*>(x + start - t);
+      const float* ar = xr + start - t;
+      const float* ai = xi + start - t;
       for (int n = 0; n < len; ++n) {
-        re[n] += hr * v[2 * n] - hi * v[2 * n + 1];
-        im[n] += hr * v[2 * n + 1] + hi * v[2 * n];
+        re[n] += hr * ar[n] - hi * ai[n];
+        im[n] += hr * ai[n] + hi * ar[n];
       }
     }
     for (int n = 0; n < len; ++n) out[start + n] = {re[n], im[n]};
+    if (fading_) {
+      // One update further along the straight line to the next anchor; at the anchor, the exact
+      // taps there and the line to the one after.
+      for (int t = 0; t < taps_; ++t) h_[static_cast<size_t>(t)] += hStep_[static_cast<size_t>(t)];
+      if (++sinceAnchor_ == anchorUpdates_) NextAnchor();
+    }
   }
-  std::memmove(static_cast<void*>(work_.data()), work_.data() + count, sizeof(std::complex<float>) * static_cast<size_t>(hist));
+  std::memmove(workRe_.data(), workRe_.data() + count, sizeof(float) * static_cast<size_t>(hist));
+  std::memmove(workIm_.data(), workIm_.data() + count, sizeof(float) * static_cast<size_t>(hist));
 }
 
 // ---------------------------------------------------------------------------------------------

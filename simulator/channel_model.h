@@ -30,7 +30,8 @@ class MultipathFilter {
     std::vector<double> kernel;  // interpolation taps of the path's delay, taps_ long
   };
   void UpdateGains();
-  void BuildTaps();
+  void BuildTaps(std::vector<std::complex<float>>& h) const;
+  void NextAnchor();
 
   bool active_ = false;
   bool fading_ = false;
@@ -38,9 +39,12 @@ class MultipathFilter {
   int base_ = 0;  // fixed delay so that fractional delays can be interpolated
   int taps_ = 1;
   int updateCounter_ = 0;
+  int anchorUpdates_ = 1;  // tap updates from one evaluation of the fading gains to the next
+  int sinceAnchor_ = 0;
   std::vector<Path> paths_;
-  std::vector<std::complex<float>> h_;
-  std::vector<std::complex<float>> work_;  // history then current block
+  std::vector<std::complex<float>> h_;      // taps of the present update
+  std::vector<std::complex<float>> hStep_;  // change of the taps per update up to the next anchor
+  std::vector<float> workRe_, workIm_;  // history then current block, real and imaginary planes
 };
 
 // Fractional resampler for the device clock: output sample n is the input at n / (1 + ppm*1e-6).
