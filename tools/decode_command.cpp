@@ -17,6 +17,7 @@
 #include "shell/shell_fields.h"
 #include "tools/command_registry.h"
 #include "tools/offline_decoder.h"
+#include "tools/process_memory.h"
 
 namespace zfn::tools {
 namespace {
@@ -77,7 +78,14 @@ ssize_t ReadFull(int fd, uint8_t* buffer, size_t length) {
   return static_cast<ssize_t>(got);
 }
 
-void PrintJson(FILE* to, const OfflineDecodeStats& s, double signalSeconds, double cpuSeconds, int64_t trailing) {
+struct MemoryKb {
+  int64_t beforeOpen = -1;  // VmRSS with the read buffer taken, before the engine is built
+  int64_t atEnd = -1;       // VmRSS after the last block, the engine still open
+  int64_t peak = -1;        // VmHWM then
+};
+
+void PrintJson(FILE* to, const OfflineDecodeStats& s, double signalSeconds, double cpuSeconds, int64_t trailing,
+               const MemoryKb& memory) {
   const bool tracked = s.firstTrackingBlock >= 0;
   std::fprintf(to, "{\"signal_seconds\":%.6f,\"cpu_seconds\":%.6f,\"realtime_factor\":%.3f,", signalSeconds, cpuSeconds,
                cpuSeconds > 0 ? signalSeconds / cpuSeconds : 0.0);
@@ -92,6 +100,9 @@ void PrintJson(FILE* to, const OfflineDecodeStats& s, double signalSeconds, doub
   } else {
     std::fprintf(to, "\"first_tracking_seconds\":null,");
   }
+  std::fprintf(to, "\"rss_before_open_kb\":%lld,\"rss_end_kb\":%lld,\"rss_peak_kb\":%lld,",
+               static_cast<long long>(memory.beforeOpen), static_cast<long long>(memory.atEnd),
+               static_cast<long long>(memory.peak));
   std::fprintf(to, "\"final_state\":\"%s\",", BlockStateWord(s.finalState));
   if (tracked) {
     std::fprintf(to, "\"mode\":%d,\"guard\":\"%s\",\"modulation\":\"%s\",\"code_rate\":\"%s\",\"interleave\":%d,\"snr_db\":%.2f}\n",
@@ -172,6 +183,11 @@ int Run(int argc, char** argv) {
     }
   }
 
+  std::vector<uint8_t> chunk(READ_CHUNK);
+  std::memset(chunk.data(), 0, chunk.size());  // resident before the baseline is taken
+  MemoryKb memory;
+  memory.beforeOpen = ProcessMemoryKb("VmRSS");
+
   OfflineDecoder decoder;
   if (!decoder.Open(&WriteStream, &out)) {
     std::fprintf(stderr, "zfnisdbt decode: the engine could not be built (memory, or already in use)\n");
@@ -183,7 +199,6 @@ int Run(int argc, char** argv) {
     return 1;
   }
 
-  std::vector<uint8_t> chunk(READ_CHUNK);
   int64_t bytesRead = 0;
   bool readFailed = false;
   int readError = 0;
@@ -201,6 +216,8 @@ int Run(int argc, char** argv) {
   }
   const double cpuSeconds = CpuSeconds() - cpuStart;
   const int64_t trailing = static_cast<int64_t>(decoder.PendingBytes());
+  memory.atEnd = ProcessMemoryKb("VmRSS");
+  memory.peak = ProcessMemoryKb("VmHWM");
   decoder.Close();
   if (fd != STDIN_FILENO) close(fd);
 
@@ -254,7 +271,7 @@ int Run(int argc, char** argv) {
   std::fprintf(stderr, "zfnisdbt decode: %lld packets delivered; Reed-Solomon %lld clean, %lld corrected, %lld failed\n",
                static_cast<long long>(s.packetsDelivered), static_cast<long long>(s.all.ok),
                static_cast<long long>(s.all.corrected), static_cast<long long>(s.all.failed));
-  if (o.json) PrintJson(report, s, signalSeconds, cpuSeconds, trailing);
+  if (o.json) PrintJson(report, s, signalSeconds, cpuSeconds, trailing, memory);
   return status;
 }
 

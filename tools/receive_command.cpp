@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "tools/command_registry.h"
+#include "tools/process_memory.h"
 #include "zfnisdbt.h"
 
 namespace {
@@ -40,16 +41,18 @@ struct Options {
   int32_t frequencyKHz = 473143;  // UHF channel 13
   int64_t seconds = 0;            // 0: until interrupted
   std::string outputPath;         // empty: discard, "-": standard output
+  bool memory = false;            // resident memory in the reports
 };
 
 int Usage(const char* error) {
   if (error != nullptr) std::fprintf(stderr, "zfnisdbt receive: %s\n", error);
   std::fprintf(stderr,
-               "usage: zfnisdbt receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-]\n"
+               "usage: zfnisdbt receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-] [--memory]\n"
                "  --simulate        take samples from the simulator library libBDA_simu.so\n"
                "  --frequency KHZ   channel centre frequency in kHz (default 473143)\n"
                "  --seconds N       stop after N seconds (default: run until Ctrl-C)\n"
-               "  --output FILE|-   write the transport stream to FILE, or to standard output\n");
+               "  --output FILE|-   write the transport stream to FILE, or to standard output\n"
+               "  --memory          report resident memory (VmRSS, peak VmHWM) before open and every second\n");
   return 2;
 }
 
@@ -71,6 +74,8 @@ int ParseOptions(int argc, char** argv, Options* o) {
     int64_t v = 0;
     if (a == "--simulate") {
       o->simulate = true;
+    } else if (a == "--memory") {
+      o->memory = true;
     } else if (a == "--frequency") {
       if (!ParseInteger(next, 1, 3000000, &v)) return Usage("--frequency needs a frequency in kHz (1..3000000)");
       o->frequencyKHz = static_cast<int32_t>(v);
@@ -111,7 +116,12 @@ float WordAsFloat(int32_t word) {
   return f;
 }
 
-void ReportStatus(FILE* to, int64_t second) {
+void ReportMemory(FILE* to) {
+  std::fprintf(to, " rss=%lldkB peak=%lldkB", static_cast<long long>(zfn::tools::ProcessMemoryKb("VmRSS")),
+               static_cast<long long>(zfn::tools::ProcessMemoryKb("VmHWM")));
+}
+
+void ReportStatus(FILE* to, int64_t second, bool memory) {
   int32_t present = 0, locked = 0, quality = 0;
   const int32_t presentAnswer = ZFISDBT_GetSignalPresent(&present);
   const int32_t lockAnswer = ZFISDBT_GetSignalLock(&locked);
@@ -125,7 +135,9 @@ void ReportStatus(FILE* to, int64_t second) {
     std::fprintf(to, " state=%s mode/guard=%d snr=%.1fdB offset=%.3f PER=%.4f failed/s=%.0f", BlockStateName(w[5]),
                  w[3], WordAsFloat(w[0]), WordAsFloat(w[1]), WordAsFloat(w[8]), WordAsFloat(w[11]));
   }
-  std::fprintf(to, " bytes=%lld\n", static_cast<long long>(bytesReceived.load()));
+  std::fprintf(to, " bytes=%lld", static_cast<long long>(bytesReceived.load()));
+  if (memory) ReportMemory(to);
+  std::fprintf(to, "\n");
   std::fflush(to);
 }
 
@@ -151,6 +163,11 @@ int RunReceive(int argc, char** argv) {
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 
+  if (o.memory) {
+    std::fprintf(report, "zfnisdbt receive: before open:");
+    ReportMemory(report);
+    std::fprintf(report, "\n");
+  }
   ZFISDBT_SetTSCallBack(OnTransportStream);
   if (o.simulate) ZFISDBT_DebugCMD(5, 1);
   const int32_t opened = ZFISDBT_OpenDevice();
@@ -188,7 +205,7 @@ int RunReceive(int argc, char** argv) {
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count();
     if (elapsed > reported) {
       reported = elapsed;
-      ReportStatus(report, elapsed);
+      ReportStatus(report, elapsed, o.memory);
     }
     if (o.seconds > 0 && elapsed >= o.seconds) break;
   }
@@ -210,6 +227,6 @@ int RunReceive(int argc, char** argv) {
 }
 
 const bool registered = zfn::tools::RegisterCommand(
-    {"receive", "receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-]", RunReceive});
+    {"receive", "receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-] [--memory]", RunReceive});
 
 }  // namespace
