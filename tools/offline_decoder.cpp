@@ -81,7 +81,22 @@ void OfflineDecoder::AfterBlock() {
   const int32_t state = SyncDriverBlockState();
   stats_.blocks += 1;
   stats_.finalState = state;
-  if (previous == BLOCK_TRACKING && state != BLOCK_TRACKING) stats_.trackingLosses += 1;
+  // A request to re-acquire is acted on within the same pass of the driver, on the same block, so
+  // its cause is read from what the restart leaves standing: the low-SNR flag (cleared only by the
+  // next tracking set-up) and the decode stage (1: the early judgement, 2: the stream's).
+  if (previous == BLOCK_TRACKING && state != BLOCK_TRACKING) {
+    stats_.trackingLosses += 1;
+    if (stats_.firstStreamBlock >= 0) stats_.lossesAfterStream += 1;
+    if (engine.snrFailed != 0) {
+      stats_.resyncLowSnr += 1;
+    } else if (engine.decodeStage == DECODE_EARLY) {
+      stats_.resyncEarlyFail += 1;
+    } else if (engine.decodeStage == DECODE_STREAM) {
+      stats_.resyncStreamFail += 1;
+    }
+  }
+  // Frame sync that starts over: a TMCC word refused.
+  if (previous == BLOCK_FRAME_SYNC && (state == BLOCK_MODE_DETECT || state == BLOCK_COARSE_SYNC)) stats_.tmccFailures += 1;
   if (state != BLOCK_TRACKING) return;
   if (stats_.firstTrackingBlock < 0) stats_.firstTrackingBlock = stats_.blocks - 1;
   if (stats_.firstStreamBlock < 0 && engine.decodeStage == DECODE_STREAM) stats_.firstStreamBlock = stats_.blocks - 1;

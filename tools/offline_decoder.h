@@ -29,6 +29,12 @@ struct OfflineDecodeStats {
   int64_t firstTrackingBlock = -1;  // block after which the engine was first tracking
   int64_t firstStreamBlock = -1;    // block after which the stream was first judged
   int32_t trackingLosses = 0;     // times the engine left tracking (resync, failure)
+  int32_t lossesAfterStream = 0;  // of those, the ones after the stream was first judged
+  // Why the engine went back from tracking to acquisition, and restarts of frame sync.
+  int32_t resyncLowSnr = 0;       // the low-SNR watch of the early stage
+  int32_t resyncEarlyFail = 0;    // fewer than two good packets among the first 40
+  int32_t resyncStreamFail = 0;   // 40 bad packets in a row while the stream is judged
+  int32_t tmccFailures = 0;
   // Last values seen while tracking (valid when firstTrackingBlock >= 0).
   int32_t mode = 0;        // 1..3
   int32_t guard = 0;       // 0..3: 1/32, 1/16, 1/8, 1/4

@@ -32,7 +32,9 @@ struct Point {
   double measuredSeconds = 0;
   int64_t expected = 0;   // packets the layer carries in the measured time
   int64_t decoded = 0, corrected = 0, failed = 0, missing = 0;
-  int32_t losses = 0;
+  int32_t losses = 0;       // tracking lost after the stream was first judged
+  int32_t startLosses = 0;  // before it: failed acquisitions of the start-up
+  int32_t lowSnr = 0, earlyFail = 0, streamFail = 0, tmccFail = 0;
   double per = 1.0;
   bool qef = false;
   float snrDb = 0;
@@ -67,7 +69,12 @@ Point RunPoint(double cnDb, double seconds, uint64_t seed, bool resync) {
   }
   decoder.Close();
   const zfn::tools::OfflineDecodeStats& s = decoder.Stats();
-  p.losses = s.trackingLosses;
+  p.losses = s.lossesAfterStream;
+  p.startLosses = s.trackingLosses - s.lossesAfterStream;
+  p.lowSnr = s.resyncLowSnr;
+  p.earlyFail = s.resyncEarlyFail;
+  p.streamFail = s.resyncStreamFail;
+  p.tmccFail = s.tmccFailures;
   p.snrDb = s.snrDb;
   if (s.firstStreamBlock >= 0) {
     p.streamed = true;
@@ -121,8 +128,10 @@ int main(int argc, char** argv) {
               seconds, static_cast<unsigned long long>(seed), resync ? "" : "; automatic resync off");
   std::printf("# Machine: %s\n", zfn::bench::MachineLine().c_str());
   std::printf("# PER after Reed-Solomon, counted from the moment the lock judgement watches the stream.\n");
-  std::printf("%6s %8s %9s %9s %9s %8s %7s %6s %11s %5s\n", "C/N_dB", "SNR_dB", "measured_s", "packets", "corrected",
-              "failed", "missing", "losses", "PER", "QEF");
+  std::printf("# losses: tracking lost after that moment; start-up: before it. Requests to re-acquire by cause:\n"
+              "# low SNR watch / early packet judgement / stream judgement; TMCC: words refused in frame sync.\n");
+  std::printf("%6s %8s %9s %9s %9s %8s %7s %6s %11s %5s %8s %12s %5s\n", "C/N_dB", "SNR_dB", "measured_s", "packets",
+              "corrected", "failed", "missing", "losses", "PER", "QEF", "start-up", "snr/early/st", "TMCC");
   std::fflush(stdout);
   double lowestQef = NAN;
   double lowestFromWhichAllQef = NAN;
@@ -131,14 +140,17 @@ int main(int argc, char** argv) {
     const double cn = from + k * step;
     const Point p = RunPoint(cn, seconds, seed, resync);
     if (p.streamed) {
-      std::printf("%6.1f %8.2f %9.1f %9lld %9lld %8lld %7lld %6d %11.3e %5s\n", p.cnDb, static_cast<double>(p.snrDb),
+      std::printf("%6.1f %8.2f %9.1f %9lld %9lld %8lld %7lld %6d %11.3e %5s", p.cnDb, static_cast<double>(p.snrDb),
                   p.measuredSeconds, static_cast<long long>(p.decoded), static_cast<long long>(p.corrected),
                   static_cast<long long>(p.failed), static_cast<long long>(p.missing), p.losses, p.per,
                   p.qef ? "yes" : "no");
     } else {
-      std::printf("%6.1f %8s %9s %9s %9s %8s %7s %6d %11s %5s\n", p.cnDb, "-", "-", "-", "-", "-", "-", p.losses,
+      std::printf("%6.1f %8s %9s %9s %9s %8s %7s %6d %11s %5s", p.cnDb, "-", "-", "-", "-", "-", "-", p.losses,
                   "no stream", "no");
     }
+    const std::string causes =
+        std::to_string(p.lowSnr) + "/" + std::to_string(p.earlyFail) + "/" + std::to_string(p.streamFail);
+    std::printf(" %8d %12s %5d\n", p.startLosses, causes.c_str(), p.tmccFail);
     std::fflush(stdout);
     if (p.qef && std::isnan(lowestQef)) lowestQef = cn;
     if (p.qef && std::isnan(lowestFromWhichAllQef)) lowestFromWhichAllQef = cn;
