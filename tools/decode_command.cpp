@@ -248,9 +248,15 @@ int Run(int argc, char** argv) {
 
   const OfflineDecodeStats& s = decoder.Stats();
   if (s.blocks == 0 && !readFailed) {
-    std::fprintf(stderr, "zfnisdbt decode: '%s' holds %lld bytes, less than one block of %d bytes: nothing decoded\n",
-                 name, static_cast<long long>(bytesRead), RAW_BLOCK_BYTES);
-    status = 1;
+    // Only standard input gets here: a file is checked for its length before decoding.
+    if (bytesRead == 0) {
+      std::fprintf(stderr, "zfnisdbt decode: '%s' is empty\n", name);
+    } else {
+      std::fprintf(stderr, "zfnisdbt decode: '%s' is truncated: %lld bytes, less than one block of %d bytes\n", name,
+                   static_cast<long long>(bytesRead), RAW_BLOCK_BYTES);
+    }
+    if (!o.output.empty() && o.output != "-") std::remove(o.output.c_str());  // nothing was decoded into it
+    return 1;
   }
   const double signalSeconds = static_cast<double>(s.blocks) * BlockSeconds();
   if (trailing != 0) {

@@ -233,6 +233,8 @@ TEST_F(DecodeCommand, BadInputsGetTheirMessageAndStatus) {
       {empty, 1, "is empty"},
       {dir, 1, "is a directory"},
       {shortFile, 1, "is truncated: 240636 bytes, less than one block"},
+      {"- < " + empty, 1, "'standard input' is empty"},
+      {"- < " + shortFile + " --output " + TempPath("never.ts"), 1, "'standard input' is truncated: 240636 bytes"},
       {*path_ + " --output /nonexistent_dir/x.ts", 1, "cannot write"},
       {"", 2, "no input file"},
       {*path_ + " --speed 3", 2, "unknown option '--speed'"},
@@ -244,6 +246,7 @@ TEST_F(DecodeCommand, BadInputsGetTheirMessageAndStatus) {
     EXPECT_NE(std::string::npos, r.err.find(c.message)) << c.arguments << ": " << r.err;
     EXPECT_EQ("", r.out) << c.arguments;
   }
+  EXPECT_NE(0, access(TempPath("never.ts").c_str(), F_OK)) << "an output with nothing decoded into it is removed";
   std::remove(empty.c_str());
   std::remove(shortFile.c_str());
   rmdir(dir.c_str());
