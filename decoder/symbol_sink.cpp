@@ -11,6 +11,7 @@
 #include "shell/diagnostics.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
+#include "tracking/probe_fill.h"
 
 namespace zfn {
 
@@ -210,12 +211,7 @@ void PublishTransportRates() {
     words->SetFloat(8, packetRate);
     words->SetFloat(9, failRate);
   }
-  if (engine.probeActive != 0 && matlabProbe != nullptr && matlabProbe->ratesCell != nullptr) {
-    double* cell = matlabProbe->ratesCell;
-    cell[0] = packetRate;
-    cell[1] = byteRate;
-    cell[2] = failRate;
-  }
+  ProbeStoreRates(packetRate, byteRate, failRate);
 }
 
 void SymbolSink() {

@@ -7,11 +7,13 @@
 #include "frontend/device_binding.h"
 #include "platform/thread.h"
 #include "shell/block_ring.h"
+#include "shell/capture.h"
 #include "shell/device_state.h"
 #include "shell/diagnostics.h"
 #include "shell/engine_memory.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
+#include "tracking/probe_fill.h"
 
 namespace zfn {
 
@@ -30,6 +32,7 @@ constexpr int32_t BLOCKS_PER_PASS = 10;  // about 592 ms of signal before the th
 void PublishReceivedBlock(const uint8_t* block, void*) {
   BlockRingPublish(block);
   device.blockEvent.Set();
+  CaptureFeed(block);
 }
 
 }  // namespace
@@ -176,13 +179,7 @@ void ProcessBlock() {
     PulseDemodReset();
     engine.clockWritePending = 0;
   }
-  if (engine.probeActive != 0 && engine.blockState < BLOCK_TRACKING && matlabProbe != nullptr) {
-    if (matlabProbe->stateCell != nullptr) *matlabProbe->stateCell = engine.blockState;
-    if (matlabProbe->updateEvent > 0) {
-      const uint64_t one = 1;
-      [[maybe_unused]] auto n = ::write(matlabProbe->updateEvent, &one, sizeof one);
-    }
-  }
+  if (engine.probeActive != 0 && engine.blockState < BLOCK_TRACKING) ProbeStoreBlockState(engine.blockState);
   debugParaBlock.SetInt(5, engine.blockState);
 }
 

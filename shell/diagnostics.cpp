@@ -4,7 +4,9 @@
 #include <cstdio>
 
 #include "platform/debug_output.h"
+#include "shell/capture.h"
 #include "shell/device_state.h"
+#include "shell/probe_bridge.h"
 #include "shell/receiver_state.h"
 
 namespace zfn {
@@ -45,9 +47,13 @@ int32_t DebugCommand(int32_t command, int32_t value) {
     case 9:
       if (value == 1 || value == 0) engine.rsDecoderFull = value;
       return 1;
-    default:
-      // 1 (plotting bridge) and 6 (capture) are not available in this build; 2, 4 and all others
-      // do nothing.
+    case 1:  // plotting probe: 1 on, 0 off, 2 off and unload the bridge
+      return DebugProbeCommand(value);
+    case 6:  // raw capture to "BBStore" files: 1 start, 0 stop
+      if (value == 1) return StartCapture();
+      if (value == 0) return StopCapture();
+      return 1;
+    default:  // 2, 4 and all others do nothing
       return 0;
   }
 }

@@ -7,6 +7,7 @@
 #include "frontend/device_binding.h"
 #include "shell/block_ring.h"
 #include "shell/block_scheduler.h"
+#include "shell/capture.h"
 #include "shell/device_state.h"
 #include "shell/diagnostics.h"
 #include "shell/engine_memory.h"
@@ -153,9 +154,7 @@ int32_t OpenDevice() {
 
   device.debugPara = &debugParaBlock;
   // Failing this last allocation leaves threads and device running; close unwinds them.
-  if (FaultInjected(ShellFault::CaptureRing)) return 0;
-  device.captureRing = static_cast<uint8_t*>(std::malloc(CAPTURE_RING_BYTES));
-  if (device.captureRing == nullptr) return 0;
+  if (CaptureRingAlloc() == 0) return 0;
 
   LogMessage("ISDBT API: <-- OPEN DAB DEVICE SUCCEED\n");
   return 1;
@@ -187,8 +186,7 @@ int32_t CloseDevice() {
   device.simulationMode = 0;
   captureOn = 0;
 
-  std::free(device.captureRing);
-  device.captureRing = nullptr;
+  CaptureRingFree();
 
   UnbindDeviceLibrary();
   device.deviceBound = 0;

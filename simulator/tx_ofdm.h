@@ -43,7 +43,7 @@ class LayerChain {
   BitInterleaver bitInterleaver_;
   Mapper mapper_;
   TimeInterleaver timeInterleaver_;
-  std::span<const uint16_t> randomise_;
+  std::span<const int32_t> randomise_;
   std::array<uint8_t, kUnitBytes> unit_{};
   int unitPos_ = kUnitBytes;
   int64_t fillersLeft_;

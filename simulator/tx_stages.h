@@ -153,7 +153,7 @@ class TimeInterleaver {
 
 // Intra-segment carrier randomisation tables, transmitter direction: input symbol i goes to data
 // slot table[i] (ARIB STD-B31).
-std::span<const uint16_t> RandomisationTable(int mode);
+std::span<const int32_t> RandomisationTable(int mode);
 
 // ---------------------------------------------------------------------------------------------
 // Carrier layout of the coherent segments 0..4 (ARIB STD-B31).

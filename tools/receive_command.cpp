@@ -41,17 +41,23 @@ struct Options {
   int32_t frequencyKHz = 473143;  // UHF channel 13
   int64_t seconds = 0;            // 0: until interrupted
   std::string outputPath;         // empty: discard, "-": standard output
+  bool capture = false;           // raw samples to BBStore<n> in the current directory
+  std::string probeDirectory;     // non-empty: pictures of the reception through the probe bridge
   bool memory = false;            // resident memory in the reports
 };
 
 int Usage(const char* error) {
   if (error != nullptr) std::fprintf(stderr, "zfnisdbt receive: %s\n", error);
   std::fprintf(stderr,
-               "usage: zfnisdbt receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-] [--memory]\n"
+               "usage: zfnisdbt receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-] [--capture]\n"
+               "                        [--probe DIR] [--memory]\n"
                "  --simulate        take samples from the simulator library libBDA_simu.so\n"
                "  --frequency KHZ   channel centre frequency in kHz (default 473143)\n"
                "  --seconds N       stop after N seconds (default: run until Ctrl-C)\n"
                "  --output FILE|-   write the transport stream to FILE, or to standard output\n"
+               "  --capture         record the raw samples to BBStore<n> in the current directory\n"
+               "  --probe DIR       write pictures and numbers of the reception into DIR once a frame\n"
+               "                    (through libISDBT_MatlabWrap.so)\n"
                "  --memory          report resident memory (VmRSS, peak VmHWM) before open and every second\n");
   return 2;
 }
@@ -87,6 +93,12 @@ int ParseOptions(int argc, char** argv, Options* o) {
     } else if (a == "--output") {
       if (next == nullptr || *next == '\0') return Usage("--output needs a file name or -");
       o->outputPath = next;
+      ++i;
+    } else if (a == "--capture") {
+      o->capture = true;
+    } else if (a == "--probe") {
+      if (next == nullptr || *next == '\0') return Usage("--probe needs a directory");
+      o->probeDirectory = next;
       ++i;
     } else if (a == "--help" || a == "-h") {
       Usage(nullptr);
@@ -193,6 +205,15 @@ int RunReceive(int argc, char** argv) {
   }
   std::fprintf(report, "zfnisdbt receive: open (%s), tuning %d kHz\n", o.simulate ? "simulator" : "device",
                o.frequencyKHz);
+  if (o.capture && ZFISDBT_DebugCMD(6, 1) != 1) {
+    std::fprintf(stderr, "zfnisdbt receive: the capture could not start (is the current directory writable?)\n");
+  }
+  if (!o.probeDirectory.empty()) {
+    // The bridge finds its directory in the environment; the command's result does not tell whether
+    // the bridge loaded, so its own line on standard error is what reports a failure.
+    setenv("ZFNISDBT_PROBE_DIR", o.probeDirectory.c_str(), 1);
+    ZFISDBT_DebugCMD(1, 1);
+  }
   if (ZFISDBT_SetFrequency(o.frequencyKHz) != 1) {
     std::fprintf(stderr, "zfnisdbt receive: tuning to %d kHz failed\n", o.frequencyKHz);
   }
@@ -210,6 +231,8 @@ int RunReceive(int argc, char** argv) {
     if (o.seconds > 0 && elapsed >= o.seconds) break;
   }
 
+  if (o.capture) ZFISDBT_DebugCMD(6, 0);
+  if (!o.probeDirectory.empty()) ZFISDBT_DebugCMD(1, 2);
   ZFISDBT_CloseDevice();  // the packet thread has ended: no more writes after this
   int status = 0;
   if (writeFailed.load()) {
@@ -227,6 +250,7 @@ int RunReceive(int argc, char** argv) {
 }
 
 const bool registered = zfn::tools::RegisterCommand(
-    {"receive", "receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-] [--memory]", RunReceive});
+    {"receive", "receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-] [--capture] [--probe DIR] [--memory]",
+     RunReceive});
 
 }  // namespace

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "decoder/decoder_state.h"
 #include "acquisition/acquisition.h"
+#include "decoder/decoder_state.h"
 #include "numeric/dft.h"
 #include "numeric/math_primitives.h"
 #include "shell/device_state.h"
@@ -13,6 +13,7 @@
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
 #include "tracking/complex32.h"
+#include "tracking/probe_fill.h"
 #include "tracking/tracker_state.h"
 
 namespace zfn {
@@ -237,7 +238,8 @@ void ProcessSymbol() {
   if (t.carrierRing == nullptr || engine.symbolBuffer == nullptr) return;
   const int32_t count = engine.symbolCount;
 
-  // 1. Diagnostics tick of the probe: not built.
+  // 1. Probe: count the symbol, rewind the record at the frame start.
+  if (engine.probeActive != 0) ProbeBeginSymbol(engine.symbolIndex);
 
   // 2., 3. Stage change and the events of the schedule.
   RunSchedule(count);
@@ -288,7 +290,8 @@ void ProcessSymbol() {
   TrackTiming();
   if (engine.timingEnabled == 0) engine.timingStep = 0;
 
-  // 19. Diagnostics: list of timing steps for the probe: not built.
+  // 19. Probe: the timing steps of this frame.
+  if (engine.probeActive != 0) ProbeNoteTimingStep(engine.symbolIndex, t.timingPeriod, engine.timingStep);
 
   // 20. Next symbol.
   float* swap = t.spectrumNow;
@@ -296,7 +299,21 @@ void ProcessSymbol() {
   t.spectrumPrev = swap;
   engine.symbolCount = engine.symbolCount + 1;
 
-  // 21. Probe fill: not built.
+  // 21. Probe fill: the carriers of the first symbols of the frame, the rest once per frame.
+  if (ProbeFillDue()) {
+    const int32_t ndata = engine.ndata;
+    const int32_t ncarrier = engine.ncarrier;
+    ProbeStoreCarriers(engine.symbolIndex, {engine.equalisedCarriers, static_cast<size_t>(2 * ndata)},
+                       engine.bitsPerCarrier, engine.qpskSoftTarget,
+                       {t.softWeight, static_cast<size_t>(ndata)});
+    ProbeFinishFrame(engine.symbolIndex,
+                     {engine.snrDb, engine.nfft, engine.ncoStep,
+                      {t.channelPlanes, static_cast<size_t>(ncarrier)},
+                      {t.channelPlanes + ncarrier, static_cast<size_t>(ncarrier)},
+                      {t.carrierSlotNow, static_cast<size_t>(2 * engine.nspan)},
+                      {t.timingAcc, TIMING_ACC_SIZE}, t.rotateStart, t.timingSpan,
+                      engine.channelState, engine.blockState});
+  }
 
   // 22. Status words.
   WriteStatusWords();

@@ -13,7 +13,6 @@
 
 #include "platform/auto_reset_event.h"
 #include "platform/debug_output.h"
-#include "platform/dynamic_library.h"
 #include "platform/thread.h"
 
 namespace zfn::platform {
@@ -87,17 +86,6 @@ TEST(Thread, StartsRunsAndJoinsWhateverThePriorityRequestGives) {
   EXPECT_EQ(thread.Id(), 0u);
   EXPECT_EQ(threadRuns.load(), 1);
   thread.Join();  // harmless when absent
-}
-
-TEST(DynamicLibrary, MissingLibraryAndFunctionGiveNull) {
-  EXPECT_EQ(LoadSharedLibrary("libZfnNoSuchLibrary.so"), nullptr);
-  EXPECT_EQ(LoadSharedLibrary(""), nullptr);
-  void* c = LoadSharedLibrary("libc.so.6");
-  ASSERT_NE(c, nullptr);
-  EXPECT_NE(LibraryFunction(c, "strlen"), nullptr);
-  EXPECT_EQ(LibraryFunction(c, "ZfnNoSuchFunction"), nullptr);
-  UnloadSharedLibrary(c);
-  UnloadSharedLibrary(nullptr);
 }
 
 std::string ReadFile(const std::string& path) {

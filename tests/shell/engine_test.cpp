@@ -68,24 +68,6 @@ TEST(EngineMemory, InitSetsTheMarksAndFreeReleasesEverything) {
   engine.forcedCarrierOffset = -46;
 }
 
-TEST(EngineMemory, RewindsToEitherMark) {
-  ASSERT_EQ(EngineInit(), 1);
-  uint8_t* numerology = engine.arenaNext + 1000;
-  engine.arenaNext = numerology;
-  engine.arenaFree -= 1000;
-  engine.arenaAfterNumerology = numerology;
-  engine.arenaFreeAfterNumerology = engine.arenaFree;
-  engine.arenaNext += 5000;
-  engine.arenaFree -= 5000;
-  ArenaRewindToNumerology();
-  EXPECT_EQ(engine.arenaNext, numerology);
-  EXPECT_EQ(engine.arenaFree, WORK_ARENA_BYTES - 40384 - 1000);
-  ArenaRewindToInit();
-  EXPECT_EQ(engine.arenaNext, engine.arenaAfterInit);
-  EXPECT_EQ(engine.arenaFree, WORK_ARENA_BYTES - 40384);
-  EngineFree();
-}
-
 // Scripted stand-ins for the acquisition stages and set-ups, so that the state machine is tested
 // on its own, whatever the real stages make of the test blocks.
 struct StageScript {

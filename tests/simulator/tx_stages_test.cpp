@@ -216,7 +216,7 @@ TEST(TransmitterFrame, PilotSequenceAndCarrierTables) {
   EXPECT_EQ(t1[0], 80);
   EXPECT_EQ(t1[2], 63);
   int fixedPoints = 0;
-  for (size_t i = 0; i < t1.size(); ++i) fixedPoints += t1[i] == i ? 1 : 0;
+  for (size_t i = 0; i < t1.size(); ++i) fixedPoints += static_cast<size_t>(t1[i]) == i ? 1 : 0;
   EXPECT_EQ(fixedPoints, 1);
   EXPECT_EQ(t1[15], 15);
 }
