@@ -95,6 +95,8 @@ void PrintJson(FILE* to, const OfflineDecodeStats& s, double signalSeconds, doub
                static_cast<long long>(s.all.corrected), static_cast<long long>(s.all.failed));
   std::fprintf(to, "\"rs_failed_streaming\":%lld,\"tracking_losses\":%d,", static_cast<long long>(s.streaming.failed),
                s.trackingLosses);
+  std::fprintf(to, "\"resync_low_snr\":%d,\"resync_early\":%d,\"resync_stream\":%d,\"frame_sync_restarts\":%d,",
+               s.resyncLowSnr, s.resyncEarlyFail, s.resyncStreamFail, s.tmccFailures);
   if (tracked) {
     std::fprintf(to, "\"first_tracking_seconds\":%.3f,", static_cast<double>(s.firstTrackingBlock + 1) * BlockSeconds());
   } else {

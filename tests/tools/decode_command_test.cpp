@@ -199,6 +199,7 @@ TEST_F(DecodeCommand, StreamComesBackAndTheSummaryTellsTheBroadcast) {
   EXPECT_GE(decoded, delivered);
   EXPECT_LT(decoded, delivered + 128);
   EXPECT_EQ("0", f["rs_failed_streaming"]);
+  EXPECT_EQ("0", f["tracking_losses"]);
   EXPECT_NE(std::string::npos, r.err.find("Mode 3, guard 1/8, QPSK 2/3"));
 }
 
