@@ -143,14 +143,20 @@ int Run(int argc, char** argv) {
   const char* name = fromStdin ? "standard input" : o.input.c_str();
   int fd = STDIN_FILENO;
   int64_t expectedBytes = -1;
+  struct stat inputStat {};
   if (!fromStdin) {
     fd = open(o.input.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
       std::fprintf(stderr, "zfnisdbt decode: cannot open '%s': %s\n", name, std::strerror(errno));
       return 1;
     }
-    struct stat st {};
-    if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
+    struct stat& st = inputStat;
+    if (fstat(fd, &st) != 0) {
+      std::fprintf(stderr, "zfnisdbt decode: cannot read '%s': %s\n", name, std::strerror(errno));
+      close(fd);
+      return 1;
+    }
+    if (S_ISDIR(st.st_mode)) {
       std::fprintf(stderr, "zfnisdbt decode: '%s' is a directory, not a capture file\n", name);
       close(fd);
       return 1;
@@ -177,6 +183,15 @@ int Run(int argc, char** argv) {
     out.file = stdout;
     report = stderr;  // the stream owns standard output
   } else if (!o.output.empty()) {
+    // Opening the output truncates it: it must not be the capture being read.
+    struct stat outputStat {};
+    if (!fromStdin && stat(o.output.c_str(), &outputStat) == 0 && outputStat.st_dev == inputStat.st_dev &&
+        outputStat.st_ino == inputStat.st_ino) {
+      std::fprintf(stderr, "zfnisdbt decode: the output '%s' is the input itself; it would be overwritten\n",
+                   o.output.c_str());
+      close(fd);
+      return 1;
+    }
     out.file = std::fopen(o.output.c_str(), "wb");
     if (out.file == nullptr) {
       std::fprintf(stderr, "zfnisdbt decode: cannot write '%s': %s\n", o.output.c_str(), std::strerror(errno));

@@ -237,6 +237,8 @@ TEST_F(DecodeCommand, BadInputsGetTheirMessageAndStatus) {
       {"- < " + empty, 1, "'standard input' is empty"},
       {"- < " + shortFile + " --output " + TempPath("never.ts"), 1, "'standard input' is truncated: 240636 bytes"},
       {*path_ + " --output /nonexistent_dir/x.ts", 1, "cannot write"},
+      {shortFile + " --output " + shortFile, 1, "is truncated"},
+      {*path_ + " --output " + *path_, 1, "is the input itself"},
       {"", 2, "no input file"},
       {*path_ + " --speed 3", 2, "unknown option '--speed'"},
       {*path_ + " --output", 2, "--output needs"},
@@ -248,6 +250,9 @@ TEST_F(DecodeCommand, BadInputsGetTheirMessageAndStatus) {
     EXPECT_EQ("", r.out) << c.arguments;
   }
   EXPECT_NE(0, access(TempPath("never.ts").c_str(), F_OK)) << "an output with nothing decoded into it is removed";
+  struct stat st {};
+  ASSERT_EQ(0, stat(path_->c_str(), &st));
+  EXPECT_EQ(static_cast<off_t>(40 * BLOCK_BYTES), st.st_size) << "the capture is left as it was";
   std::remove(empty.c_str());
   std::remove(shortFile.c_str());
   rmdir(dir.c_str());
