@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "tools/command_registry.h"
+#include "tools/process_memory.h"
 #include "zfnisdbt.h"
 
 namespace {
@@ -42,20 +43,22 @@ struct Options {
   std::string outputPath;         // empty: discard, "-": standard output
   bool capture = false;           // raw samples to BBStore<n> in the current directory
   std::string probeDirectory;     // non-empty: pictures of the reception through the probe bridge
+  bool memory = false;            // resident memory in the reports
 };
 
 int Usage(const char* error) {
   if (error != nullptr) std::fprintf(stderr, "zfnisdbt receive: %s\n", error);
   std::fprintf(stderr,
                "usage: zfnisdbt receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-] [--capture]\n"
-               "                        [--probe DIR]\n"
+               "                        [--probe DIR] [--memory]\n"
                "  --simulate        take samples from the simulator library libBDA_simu.so\n"
                "  --frequency KHZ   channel centre frequency in kHz (default 473143)\n"
                "  --seconds N       stop after N seconds (default: run until Ctrl-C)\n"
                "  --output FILE|-   write the transport stream to FILE, or to standard output\n"
                "  --capture         record the raw samples to BBStore<n> in the current directory\n"
                "  --probe DIR       write pictures and numbers of the reception into DIR once a frame\n"
-               "                    (through libISDBT_MatlabWrap.so)\n");
+               "                    (through libISDBT_MatlabWrap.so)\n"
+               "  --memory          report resident memory (VmRSS, peak VmHWM) before open and every second\n");
   return 2;
 }
 
@@ -77,6 +80,8 @@ int ParseOptions(int argc, char** argv, Options* o) {
     int64_t v = 0;
     if (a == "--simulate") {
       o->simulate = true;
+    } else if (a == "--memory") {
+      o->memory = true;
     } else if (a == "--frequency") {
       if (!ParseInteger(next, 1, 3000000, &v)) return Usage("--frequency needs a frequency in kHz (1..3000000)");
       o->frequencyKHz = static_cast<int32_t>(v);
@@ -123,7 +128,12 @@ float WordAsFloat(int32_t word) {
   return f;
 }
 
-void ReportStatus(FILE* to, int64_t second) {
+void ReportMemory(FILE* to) {
+  std::fprintf(to, " rss=%lldkB peak=%lldkB", static_cast<long long>(zfn::tools::ProcessMemoryKb("VmRSS")),
+               static_cast<long long>(zfn::tools::ProcessMemoryKb("VmHWM")));
+}
+
+void ReportStatus(FILE* to, int64_t second, bool memory) {
   int32_t present = 0, locked = 0, quality = 0;
   const int32_t presentAnswer = ZFISDBT_GetSignalPresent(&present);
   const int32_t lockAnswer = ZFISDBT_GetSignalLock(&locked);
@@ -137,7 +147,9 @@ void ReportStatus(FILE* to, int64_t second) {
     std::fprintf(to, " state=%s mode/guard=%d snr=%.1fdB offset=%.3f PER=%.4f failed/s=%.0f", BlockStateName(w[5]),
                  w[3], WordAsFloat(w[0]), WordAsFloat(w[1]), WordAsFloat(w[8]), WordAsFloat(w[11]));
   }
-  std::fprintf(to, " bytes=%lld\n", static_cast<long long>(bytesReceived.load()));
+  std::fprintf(to, " bytes=%lld", static_cast<long long>(bytesReceived.load()));
+  if (memory) ReportMemory(to);
+  std::fprintf(to, "\n");
   std::fflush(to);
 }
 
@@ -163,6 +175,11 @@ int RunReceive(int argc, char** argv) {
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 
+  if (o.memory) {
+    std::fprintf(report, "zfnisdbt receive: before open:");
+    ReportMemory(report);
+    std::fprintf(report, "\n");
+  }
   ZFISDBT_SetTSCallBack(OnTransportStream);
   if (o.simulate) ZFISDBT_DebugCMD(5, 1);
   const int32_t opened = ZFISDBT_OpenDevice();
@@ -209,7 +226,7 @@ int RunReceive(int argc, char** argv) {
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count();
     if (elapsed > reported) {
       reported = elapsed;
-      ReportStatus(report, elapsed);
+      ReportStatus(report, elapsed, o.memory);
     }
     if (o.seconds > 0 && elapsed >= o.seconds) break;
   }
@@ -233,6 +250,7 @@ int RunReceive(int argc, char** argv) {
 }
 
 const bool registered = zfn::tools::RegisterCommand(
-    {"receive", "receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-] [--capture] [--probe DIR]", RunReceive});
+    {"receive", "receive [--simulate] [--frequency KHZ] [--seconds N] [--output FILE|-] [--capture] [--probe DIR] [--memory]",
+     RunReceive});
 
 }  // namespace
