@@ -24,10 +24,12 @@ void RunByteStage();
 
 // Soft bit of a real value: the largest integer not above v, clamped to 0..31 (NaN gives 16).
 inline uint8_t SoftBit(float v) {
-  if (v >= 31.0f) return 31;
-  if (v >= 0.0f) return static_cast<uint8_t>(static_cast<int32_t>(v));  // truncation is floor here
-  if (v < 0.0f) return 0;
-  return 16;
+  // Written as selections rather than early returns: the values are noisy, so branches would be
+  // mispredicted all the time. A NaN fails every comparison and comes out neutral.
+  float c = v < 0.0f ? 0.0f : v;
+  c = c > 31.0f ? 31.0f : c;
+  c = c == c ? c : 16.0f;
+  return static_cast<uint8_t>(static_cast<int32_t>(c));  // truncation is floor here
 }
 
 // Byte stage.
