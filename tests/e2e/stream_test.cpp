@@ -187,27 +187,15 @@ Acquisition Prefix(const Acquisition& a, size_t packets) {
   return p;
 }
 
-// Bytes cut out of the device stream while the stream is watched (after the guard scan): the
-// symbols slip, every packet fails, the stream-failure mark rises after 40 of them, acquisition
-// starts over through mode detection, and the new acquisition delivers the transmitted stream
-// again after its own twelve stale packets.
-TEST(BrokenStream, RaisesTheMarkRestartsAndRecovers) {
-  const Layer l{3, 2, 1, 1, 1};
-  EndToEndRun run(l, Noise(30.0), Front{});
-  ASSERT_TRUE(run.valid());
-  for (int i = 0; i < 120 && engine.decodeStage != 2; ++i) run.FeedBlock();
-  ASSERT_EQ(engine.decodeStage, 2) << "the stream is not watched yet";
-  ASSERT_TRUE(run.RunUntilDelivered(run.current().PacketCount() + 128, 10));
-  ASSERT_EQ(run.acquisitions().size(), 1u);
-  EXPECT_FALSE(run.sawStreamFailMark());
-  const size_t before = run.current().PacketCount();
-  const size_t statesBefore = run.states().size();
-
-  run.FeedBlock(40000);  // 10000 engine samples, almost nine symbols
+// After a break of the stream at packet `before` (block state `statesBefore`): the stream-failure
+// mark rose, acquisition started over through mode detection, and the new acquisition delivers
+// the transmitted stream again after its own twelve stale packets. With `wholeFirst` the first
+// acquisition's packets up to the break must have been the transmitted ones too.
+void ExpectRestartAndRecovery(EndToEndRun& run, const Layer& l, size_t before, size_t statesBefore, bool wholeFirst) {
   for (int i = 0; i < 40 && run.acquisitions().size() < 2; ++i) run.FeedBlock();
   ASSERT_EQ(run.acquisitions().size(), 2u) << "acquisition did not start over";
   EXPECT_TRUE(run.sawStreamFailMark());
-  // Tracking until the cut, then the state machine went back through mode detection, which
+  // Tracking until the break, then the state machine went back through mode detection, which
   // leaves coarse sync behind it after its block.
   const std::vector<int32_t> after(run.states().begin() + static_cast<std::ptrdiff_t>(statesBefore), run.states().end());
   const auto restart = std::find(after.begin(), after.end(), BLOCK_COARSE_SYNC);
@@ -218,14 +206,52 @@ TEST(BrokenStream, RaisesTheMarkRestartsAndRecovers) {
   ASSERT_EQ(run.acquisitions().size(), 2u) << "acquisition started over again";
   const Acquisition first = Prefix(run.acquisitions()[0], before);
   const StreamCheck c0 = CheckAcquisition(first, run.transmitted(), run.packetsPerFrame());
-  Report("before cut", l, run, first, c0);
-  EXPECT_TRUE(c0.ok) << c0.failure;
+  Report("before break", l, run, first, c0);
+  if (wholeFirst) {
+    EXPECT_TRUE(c0.ok) << c0.failure;
+  }
   const Acquisition& second = run.current();
   const StreamCheck c1 = CheckAcquisition(second, run.transmitted(), run.packetsPerFrame());
-  Report("after cut", l, run, second, c1);
+  Report("after break", l, run, second, c1);
   ASSERT_TRUE(c1.ok) << c1.failure;
   ExpectOnlyStalePacketsFail(second);
-  EXPECT_GT(c1.firstTransmitted, c0.firstTransmitted + c0.compared);
+  EXPECT_GE(c1.firstTransmitted, c0.firstTransmitted + static_cast<int64_t>(before) - kStalePackets);
+}
+
+// Bytes cut out of the device stream while the stream is watched (after the guard scan): the
+// symbols slip, every packet fails, and the receiver starts over and recovers.
+TEST(BrokenStream, CutBytesRaiseTheMarkAndTheReceiverRecovers) {
+  const Layer l{3, 2, 1, 1, 1};
+  EndToEndRun run(l, Noise(30.0), Front{});
+  ASSERT_TRUE(run.valid());
+  for (int i = 0; i < 120 && engine.decodeStage != 2; ++i) run.FeedBlock();
+  ASSERT_EQ(engine.decodeStage, 2) << "the stream is not watched yet";
+  ASSERT_TRUE(run.RunUntilDelivered(run.current().PacketCount() + 128, 10));
+  ASSERT_EQ(run.acquisitions().size(), 1u);
+  EXPECT_FALSE(run.sawStreamFailMark());
+  const size_t before = run.current().PacketCount();
+  const size_t statesBefore = run.states().size();
+  run.FeedBlock(40000);  // 10000 engine samples, almost nine symbols
+  ExpectRestartAndRecovery(run, l, before, statesBefore, true);
+}
+
+// The channel model's host that falls behind: 40000 bytes lost after every 100 blocks' worth, the
+// first time while the stream is watched. (Here the guard scan, whose trial of the interpolator's
+// delay windows the design leaves unjudged, costs a few packets before the drop.)
+TEST(BrokenStream, DroppedBytesOfTheChannelModelRaiseTheMarkAndTheReceiverRecovers) {
+  const Layer l{2, 1, 2, 2, 1};
+  sim::ChannelConfig channel = Noise(30.0);
+  channel.dropEveryBytes = int64_t{100} * RAW_BLOCK_BYTES;
+  channel.dropBytes = 40000;
+  EndToEndRun run(l, channel, CleanFront(l));
+  ASSERT_TRUE(run.valid());
+  for (int i = 0; i < 99; ++i) run.FeedBlock();
+  ASSERT_EQ(engine.decodeStage, 2) << "the stream is not watched before the drop";
+  ASSERT_EQ(run.acquisitions().size(), 1u);
+  EXPECT_FALSE(run.sawStreamFailMark());
+  const size_t before = run.current().PacketCount();
+  const size_t statesBefore = run.states().size();
+  ExpectRestartAndRecovery(run, l, before, statesBefore, false);
 }
 
 }  // namespace
