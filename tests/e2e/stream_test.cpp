@@ -111,25 +111,23 @@ INSTANTIATE_TEST_SUITE_P(All, StreamThroughReceiver, ::testing::ValuesIn(AllLaye
 // that fits; once the stream is watched (decode stage 2) and the choice has settled, it comes out
 // packet for packet.
 TEST(ShortestGuardInModeOne, ComesOutPacketForPacketOnceTheGuardScanHasChosen) {
-  {
-    const Layer l{1, 0, 1, 3, 0};
-    EndToEndRun run(l, Noise(35.0), CleanFront(l));
-    ASSERT_TRUE(run.valid());
-    for (int i = 0; i < 120 && engine.decodeStage != 2; ++i) run.FeedBlock();
-    ASSERT_EQ(engine.decodeStage, 2);
-    for (int i = 0; i < 10; ++i) run.FeedBlock();
-    const size_t from = run.current().PacketCount();
-    ASSERT_TRUE(run.RunUntilDelivered(from + 2 * kDeliverPackets, 60));
-    ASSERT_EQ(run.acquisitions().size(), 1u) << "acquisition started over";
-    const Acquisition& a = run.current();
-    const StreamCheck c = CheckFrom(a, from, run.transmitted());
-    std::printf("e2e after scan | %s | blocks %d | from packet %zu | compared %lld | RS corrected %d failed %d after it\n",
-                Describe(l).c_str(), run.blocksFed(), from, static_cast<long long>(c.compared),
-                static_cast<int>(std::count(a.verdicts.begin() + static_cast<std::ptrdiff_t>(from), a.verdicts.end(), -1)),
-                static_cast<int>(std::count(a.verdicts.begin() + static_cast<std::ptrdiff_t>(from), a.verdicts.end(), 1)));
-    ASSERT_TRUE(c.ok) << c.failure;
-    for (size_t k = from; k < a.PacketCount(); ++k) ASSERT_NE(a.verdicts[k], 1) << "packet " << k;
-  }
+  const Layer l{1, 0, 1, 3, 0};
+  EndToEndRun run(l, Noise(35.0), CleanFront(l));
+  ASSERT_TRUE(run.valid());
+  for (int i = 0; i < 120 && engine.decodeStage != 2; ++i) run.FeedBlock();
+  ASSERT_EQ(engine.decodeStage, 2);
+  for (int i = 0; i < 10; ++i) run.FeedBlock();
+  const size_t from = run.current().PacketCount();
+  ASSERT_TRUE(run.RunUntilDelivered(from + 2 * kDeliverPackets, 60));
+  ASSERT_EQ(run.acquisitions().size(), 1u) << "acquisition started over";
+  const Acquisition& a = run.current();
+  const StreamCheck c = CheckFrom(a, from, run.transmitted());
+  std::printf("e2e after scan | %s | blocks %d | from packet %zu | compared %lld | RS corrected %d failed %d after it\n",
+              Describe(l).c_str(), run.blocksFed(), from, static_cast<long long>(c.compared),
+              static_cast<int>(std::count(a.verdicts.begin() + static_cast<std::ptrdiff_t>(from), a.verdicts.end(), -1)),
+              static_cast<int>(std::count(a.verdicts.begin() + static_cast<std::ptrdiff_t>(from), a.verdicts.end(), 1)));
+  ASSERT_TRUE(c.ok) << c.failure;
+  for (size_t k = from; k < a.PacketCount(); ++k) ASSERT_NE(a.verdicts[k], 1) << "packet " << k;
 }
 
 // The common broadcast as it is on the air, with the transmitter's own front end and 64QAM
