@@ -38,7 +38,9 @@ struct BroadcastConfig {
   int neighbourModulation = 3;   // layer B of the 12 other segments (random data), TMCC code
   // Device filter: carriers farther than this from DC are not synthesised (the device's filter
   // puts them at least 60 dB down). 780 kHz models a front end that keeps everything that folds
-  // onto segment 0 out; wideDeviceFilter passes everything the transform can hold (+-1.01 MHz).
+  // onto segment 0 out, though carriers from 0.66 MHz up fold into the receiver's analysis span
+  // beside it; 650 kHz keeps the span clean too. wideDeviceFilter passes everything the transform
+  // can hold (+-1.01 MHz).
   double deviceFilterHz = 780e3;
   bool wideDeviceFilter = false;
   uint64_t seed = 1;    // neighbour data and the initial contents of the delay lines

@@ -57,14 +57,38 @@ LayerChain::LayerChain(const BroadcastConfig& b, PacketSource* source)
   Rng rng(b.seed ^ 0x5EEDC0DEull);
   bitInterleaver_.FillRandom(b.seed ^ 0xB17ull);
   timeInterleaver_.FillWith([&] { return mapper_.MapIndex(static_cast<unsigned>(rng.Next() >> 58) >> (6 - q_)); });
-  byteInterleaver_.Fill(0);
+  // The byte interleaver and the byte delay adjustment hold what a transmitter on the air sent
+  // before: a frame of null packets, RS-coded and energy-dispersed like any other. Units 0..10 of
+  // that frame fill the interleaver's lines (2244 bytes, a whole turn of the commutator, so it
+  // stands at branch 0 again); units 11..T-1 are the fillers of the delay adjustment. Undispersed
+  // zeros would be no broadcast: at rates 5/6 and 7/8 a long run of them does not decode.
+  for (int u = 0; u < 11; ++u) {
+    std::array<uint8_t, kUnitBytes> unit;
+    MakeNullUnit(u, unit.data());
+    for (uint8_t byte : unit) byteInterleaver_.Push(byte);
+  }
+}
+
+void LayerChain::MakeNullUnit(int positionInFrame, uint8_t* unit) {
+  std::array<uint8_t, kPacketBytes> packet;
+  packet.fill(0xFF);
+  packet[0] = 0x47;
+  packet[1] = 0x1F;
+  packet[2] = 0xFF;
+  packet[3] = 0x10;
+  std::array<uint8_t, kUnitBytes> coded{};
+  rs_.Encode(packet.data(), coded.data());
+  DispersalPrbs prbs;
+  for (int i = 0; i < positionInFrame * kUnitBytes; ++i) prbs.NextByte();
+  for (int i = 1; i < kUnitBytes; ++i) unit[i - 1] = coded[i] ^ prbs.NextByte();
+  unit[kUnitBytes - 1] = coded[0];
 }
 
 void LayerChain::MakeUnit() {
   unitPos_ = 0;
   if (fillersLeft_ > 0) {
+    MakeNullUnit(static_cast<int>(packetsPerFrame_ - fillersLeft_), unit_.data());
     --fillersLeft_;
-    unit_.fill(0);
     return;
   }
   std::array<uint8_t, kPacketBytes> packet{};

@@ -29,6 +29,8 @@ class LayerChain {
  private:
   uint8_t NextUnitByte();
   void MakeUnit();
+  // The unit of a null packet at this position of its frame, dispersed.
+  void MakeNullUnit(int positionInFrame, uint8_t* unit);
 
   PacketSource* source_;
   std::vector<uint8_t>* record_ = nullptr;

@@ -99,44 +99,74 @@ class NotionalReceiver {
   }
 
   // Inverse of the punctured code over one frame's bits; bytes of the byte interleaver output.
-  // The inverse is recursive, so it needs the encoder's state: zero when coding began (the frame
-  // before the first packet frame), carried on from there.
+  // The inverse is recursive, so it needs the encoder's state. Coding began two symbols before
+  // the frame before the first packet frame (the bit delays): the first two symbols of that frame
+  // still hold what the bit delay lines held before, and the encoder's state behind them follows
+  // from bytes that are a broadcast's like any others. So that state is found: the one of the 64
+  // under which the following bits obey the code.
   std::vector<uint8_t> DecodeFrame(bool restart) {
+    std::vector<uint8_t> bytes;
+    size_t from = 0;
     if (restart) {
-      history_ = 0;
+      from = std::min<size_t>(bits_.size(), static_cast<size_t>(2 * nd_ * q_));
+      int ignored = 0;
+      Invert(0, 0, from, &bytes, &ignored);
+      int fewest = -1;
+      unsigned best = 0;
+      for (unsigned state = 0; state < 64; ++state) {
+        int violations = 0;
+        Invert(state, from, std::min<size_t>(bits_.size(), from + 4096), nullptr, &violations);
+        if (fewest < 0 || violations < fewest) {
+          fewest = violations;
+          best = state;
+        }
+      }
+      history_ = best;
       codeViolations_ = 0;
     }
+    history_ = Invert(history_, from, bits_.size(), &bytes, &codeViolations_);
+    bits_.clear();
+    return bytes;
+  }
+
+  // Runs the inverse over bits [from, to) from state `history` and puncturing phase 0; returns the
+  // state after them, appends whole bytes to `bytes` if given and counts the steps where X and Y
+  // disagree.
+  unsigned Invert(unsigned history, size_t from, size_t to, std::vector<uint8_t>* bytes, int* violations) const {
     static const char* kX[5] = {"1", "10", "101", "10101", "1000101"};
     static const char* kY[5] = {"1", "11", "110", "11010", "1111010"};
     const char* kx = kX[b_.codeRate];
     const char* ky = kY[b_.codeRate];
     const int period = static_cast<int>(std::strlen(kx));
-    std::vector<uint8_t> bytes;
-    size_t at = 0;
+    size_t at = from;
     int phase = 0;
     unsigned byte = 0;
     int nbits = 0;
-    while (at < bits_.size()) {
-      auto u = [&](int d) { return (history_ >> (d - 1)) & 1u; };
+    while (at < to) {
+      auto u = [&](int d) { return (history >> (d - 1)) & 1u; };
       const unsigned xPart = u(1) ^ u(2) ^ u(3) ^ u(6);
       const unsigned yPart = u(2) ^ u(3) ^ u(5) ^ u(6);
       int x = -1, y = -1;
       if (kx[phase] == '1') x = bits_[at++];
-      if (ky[phase] == '1') y = bits_[at++];
+      if (ky[phase] == '1') {
+        if (at == to) break;
+        y = bits_[at++];
+      }
       const unsigned bit = x >= 0 ? (static_cast<unsigned>(x) ^ xPart) : (static_cast<unsigned>(y) ^ yPart);
-      if (x >= 0 && y >= 0 && (static_cast<unsigned>(y) ^ yPart) != bit) ++codeViolations_;
-      history_ = ((history_ << 1) | bit) & 0x3F;
+      if (x >= 0 && y >= 0 && (static_cast<unsigned>(y) ^ yPart) != bit) ++*violations;
+      history = ((history << 1) | bit) & 0x3F;
       phase = (phase + 1) % period;
       byte = (byte << 1) | bit;
       if (++nbits == 8) {
-        bytes.push_back(static_cast<uint8_t>(byte));
+        if (bytes != nullptr) bytes->push_back(static_cast<uint8_t>(byte));
         byte = 0;
         nbits = 0;
       }
     }
-    EXPECT_EQ(phase, 0);
-    bits_.clear();
-    return bytes;
+    if (bytes != nullptr) {
+      EXPECT_EQ(phase, 0);
+    }
+    return history;
   }
 
   // Byte de-interleaving, branch = byte count from the frame start mod 12.

@@ -1,0 +1,108 @@
+#pragma once
+// The whole receiver from our transmitter to the transport stream: device bytes of the broadcast
+// (all five segments, channel, quantiser) fed block by block into the synchronous driver, every
+// delivered 188-byte packet kept, with the Reed-Solomon verdict of every packet from the engine's
+// per-packet log. A run is cut into acquisitions: every return of the block state machine to
+// acquisition starts a new one, and the packets of each acquisition are judged on their own.
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "simulator/transmitter.h"
+
+namespace zfn::e2e {
+
+// Packets at the start of every acquisition that carry stale bytes: the block that takes the
+// Viterbi decoder's 8 older bytes (196 stale bytes in front of them), and the 11 blocks after it
+// whose byte deinterleaver branches still reach back into that block or into the stale store.
+constexpr int kStalePackets = 12;
+
+struct Layer {
+  int mode = 3;        // 1..3
+  int guard = 2;       // 0..3: 1/32, 1/16, 1/8, 1/4
+  int modulation = 1;  // TMCC code: 1 QPSK, 2 16QAM, 3 64QAM
+  int codeRate = 1;    // 0..4: 1/2 .. 7/8
+  int interleave = 3;  // 0..3
+};
+
+// The rest of the broadcast and the device: the device filter of the transmitter's front-end
+// model and the modulation of the twelve other segments (TMCC code).
+struct Front {
+  double deviceFilterHz = 780e3;
+  int neighbourModulation = 3;
+};
+
+std::string Describe(const Layer& l);
+
+// One acquisition's delivery: the packets of its callbacks and the verdicts of the packets that
+// passed Reed-Solomon while it lasted (0 clean, -1 corrected, 1 not corrected), in order.
+struct Acquisition {
+  std::vector<uint8_t> packets;  // 188 bytes each
+  std::vector<int> verdicts;
+  size_t PacketCount() const { return packets.size() / 188; }
+  int Count(int verdict) const;
+};
+
+// What a stream check found.
+struct StreamCheck {
+  bool ok = false;
+  std::string failure;           // first fault, empty if ok
+  int64_t firstTransmitted = -1; // transmitted packet that the first good delivered packet is
+  int64_t compared = 0;          // delivered packets found equal to the transmitted ones
+};
+
+// The packets of one acquisition against the transmitted stream: exactly kStalePackets stale ones,
+// then the transmitted packets in order with none missing, the first of them at a packet frame
+// position that puts the frame start on the block after the stale one (packet 1).
+StreamCheck CheckAcquisition(const Acquisition& a, const std::vector<uint8_t>& transmitted, int packetsPerFrame);
+
+// The packets of one acquisition from packet `from` on: the transmitted ones in order, with none
+// missing, wherever that packet lies in the transmitted stream.
+StreamCheck CheckFrom(const Acquisition& a, size_t from, const std::vector<uint8_t>& transmitted);
+
+class EndToEndRun {
+ public:
+  EndToEndRun(const Layer& layer, const sim::ChannelConfig& channel, const Front& front, uint64_t seed = 1);
+  ~EndToEndRun();
+  EndToEndRun(const EndToEndRun&) = delete;
+  EndToEndRun& operator=(const EndToEndRun&) = delete;
+
+  bool valid() const { return generator_ != nullptr; }
+  // Feeds one block of device bytes; `cutBytes` bytes are first taken out of the stream (a host
+  // that lost them). Returns the block state after the block.
+  int32_t FeedBlock(int64_t cutBytes = 0);
+  // Feeds blocks until the current acquisition has delivered `packets` packets; false if
+  // `blockLimit` blocks pass first.
+  bool RunUntilDelivered(size_t packets, int blockLimit);
+
+  const std::vector<Acquisition>& acquisitions() const { return acquisitions_; }
+  const Acquisition& current() const { return acquisitions_.back(); }
+  const std::vector<uint8_t>& transmitted() const { return generator_->TransmittedPackets(); }
+  int packetsPerFrame() const { return generator_->PacketsPerFrame(); }
+  int blocksFed() const { return blocks_; }
+  // Marks seen at the end of any block since the start.
+  bool sawStreamFailMark() const { return sawStreamFail_; }
+  bool sawEarlyFailMark() const { return sawEarlyFail_; }
+  // Block states after each block, in order.
+  const std::vector<int32_t>& states() const { return states_; }
+
+ private:
+  static void Consume(const uint8_t* data, int32_t length, void* context);
+  void CollectVerdicts();
+
+  std::unique_ptr<sim::SignalGenerator> generator_;
+  std::vector<uint8_t> block_;
+  std::vector<Acquisition> acquisitions_;
+  std::vector<int32_t> states_;
+  char* logText_ = nullptr;
+  size_t logSize_ = 0;
+  size_t logRead_ = 0;
+  std::FILE* log_ = nullptr;
+  int blocks_ = 0;
+  bool sawStreamFail_ = false;
+  bool sawEarlyFail_ = false;
+};
+
+}  // namespace zfn::e2e
