@@ -1,7 +1,7 @@
 #pragma once
 // A small, independent model of the centre segment for stage tests: scattered pilots from the
-// band-wide PRBS, DBPSK TMCC and AC carriers, random QPSK data, cyclic prefix, a carrier offset and
-// white noise, produced block by block at the working rate. It knows where every symbol starts,
+// band-wide PRBS, DBPSK TMCC and AC carriers, random QPSK data (a third of each neighbouring segment
+// too), cyclic prefix and a carrier offset, produced block by block at the working rate. It knows where every symbol starts,
 // which the checks of the frame position need. The full transmitter is tested elsewhere.
 #include <cmath>
 #include <complex>
@@ -22,8 +22,6 @@ struct SegmentSignal {
   double offsetCarriers = 0;  // carrier spacings, positive: spectrum higher
   int lead = 0;               // samples of the first whole symbol's start into block 0
   int firstSymbol = 0;        // frame symbol number of that symbol
-  double noiseSigma = 0;      // per component, against data of unit power per carrier
-  bool neighbours = true;     // fill ncarrier/3 carriers of each neighbouring segment too
   double amplitude = 0.1;     // scale of the time samples (data carriers of unit power)
   TmccWord tmcc{};
   unsigned seed = 1;
@@ -54,8 +52,6 @@ class SegmentGenerator {
     for (int i = 0; i < (1 << p.mode); ++i) role_[tm[p.mode][i]] = 1;
     for (int i = 0; i < (2 << p.mode); ++i) role_[ac[p.mode][i]] = 2;
     differential_.assign(nc_, 0);
-    symbolNumber_ = p.firstSymbol;
-    frameParity_ = 0;
     // Symbols before the first whole one: start one symbol early so the block is full from sample 0.
     position_ = p.lead - (n_ + g_);
     symbolNumber_ = (p.firstSymbol + 203) % 204;
@@ -67,14 +63,11 @@ class SegmentGenerator {
   SegmentGenerator(const SegmentGenerator&) = delete;
   SegmentGenerator& operator=(const SegmentGenerator&) = delete;
 
-  int nsymbol() const { return n_ + g_; }
-  // Absolute sample where symbol k (k = 0 the first whole one) starts, and its frame number.
-  long SymbolStart(long k) const { return p_.lead + k * (n_ + g_); }
+  // Frame number of symbol k (k = 0 the first whole one).
   int FrameNumber(long k) const { return static_cast<int>((p_.firstSymbol + k) % 204); }
 
   // Fills one block of BLOCK_SAMPLES complex samples, continuing the stream.
   void NextBlock(float* block) {
-    std::normal_distribution<double> gauss(0.0, p_.noiseSigma);
     for (long i = 0; i < BLOCK_SAMPLES; ++i) {
       const long absolute = blockStart_ + i;
       while (absolute >= position_ + n_ + g_ || !haveSymbol_) {
@@ -90,7 +83,6 @@ class SegmentGenerator {
       const int u = static_cast<int>(absolute - position_ - g_ + n_) % n_;
       std::complex<double> v(symbol_[2 * u], symbol_[2 * u + 1]);
       v *= std::polar(1.0, 2 * M_PI * p_.offsetCarriers * static_cast<double>(absolute) / n_);
-      if (p_.noiseSigma > 0) v += std::complex<double>(gauss(rng_), gauss(rng_));
       block[2 * i] = static_cast<float>(v.real() * p_.amplitude);
       block[2 * i + 1] = static_cast<float>(v.imag() * p_.amplitude);
     }
@@ -117,10 +109,8 @@ class SegmentGenerator {
     std::vector<float>& x = symbol_;
     x.assign(2 * n_, 0.0f);
     const int spPosition = 3 * (symbolNumber_ % 4);
-    const int lo = p_.neighbours ? nc_ - nc_ / 3 : nc_;
-    const int hi = p_.neighbours ? 2 * nc_ + nc_ / 3 : 2 * nc_;
     const float unit = static_cast<float>(1.0 / std::sqrt(2.0));
-    for (int t = lo; t < hi; ++t) {
+    for (int t = nc_ - nc_ / 3; t < 2 * nc_ + nc_ / 3; ++t) {
       const int local = t % nc_;
       const int bin = ((t - 3 * nc_ / 2) % n_ + n_) % n_;
       float re = 0, im = 0;

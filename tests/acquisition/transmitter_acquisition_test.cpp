@@ -26,7 +26,7 @@ struct Broadcast {
 
 struct Result {
   int32_t state = BLOCK_MODE_DETECT;
-  int blocks = 0;      // from the retune to the block that left the final state
+  int blocks = 0;        // from the retune to the block that left the final state
   long firstSample = 0;  // engine sample of the broadcast at the start of the first block fed
 };
 
@@ -69,13 +69,11 @@ Result Acquire(const Broadcast& c, int limit, unsigned seed) {
   return r;
 }
 
-double CarrierSpacingHz(int index) { return 64e6 / 63.0 / (256 << (index / 4)); }
-
 void ExpectAcquired(const Broadcast& c, const Result& r) {
   const ReceiverState& e = SyncDriverEngine();
   EXPECT_EQ(e.modeGuard->mode * 4 + e.modeGuard->guard, c.index);
   const double foundCarriers = -e.ncoStep * e.nfft / 6.283185307179;
-  EXPECT_NEAR(foundCarriers, c.offsetHz / CarrierSpacingHz(c.index), 0.25);
+  EXPECT_NEAR(foundCarriers, c.offsetHz / (64e6 / 63.0 / (256 << (c.index / 4))), 0.25);
   ASSERT_EQ(r.state, BLOCK_TRACKING) << "after " << r.blocks << " blocks";
   EXPECT_EQ(e.layerParams->modulation, c.modulation);
   EXPECT_EQ(e.layerParams->codeRate, c.codeRate);
@@ -100,14 +98,13 @@ class TransmitterAcquisition : public ::testing::TestWithParam<Broadcast> {
   void TearDown() override { SyncDriverClose(); }
 };
 
+// Clean, the first attempt succeeds. At 10 dB the sync word search may now and then prefer a
+// stretch of the parity that matches 14 of its 16 bits (with one TMCC carrier in Mode 1 the soft
+// values spread widely), the word fails and acquisition starts again: allow two retries.
 TEST_P(TransmitterAcquisition, ReachesTrackingWithTransmittedParameters) {
   const Broadcast& c = GetParam();
-  // Clean, the first attempt succeeds. At 10 dB the sync word search may now and then prefer a
-  // stretch of the parity that matches 14 of its 16 bits (with one TMCC carrier in Mode 1 the soft
-  // values spread widely), the word fails and acquisition starts again: allow two retries.
   const int attempts = c.cnDb > 0 ? 3 : 1;
-  const Result r = Acquire(c, attempts * BlockBound(c.index), 3u + static_cast<unsigned>(c.index));
-  ExpectAcquired(c, r);
+  ExpectAcquired(c, Acquire(c, attempts * BlockBound(c.index), 3u + static_cast<unsigned>(c.index)));
 }
 
 std::string Name(const ::testing::TestParamInfo<Broadcast>& info) {
@@ -121,45 +118,22 @@ std::string Name(const ::testing::TestParamInfo<Broadcast>& info) {
   return name;
 }
 
-// The twelve pairs, clean, each with a different offset and parameter set.
-std::vector<Broadcast> PairCases() {
+// The twelve pairs, clean, each with a different offset and parameter set; each mode across its
+// search range, both edges included (-100 kHz to +95 kHz, fractional parts of a carrier
+// everywhere); every modulation, code rate and interleave at least once (all modulation and rate
+// pairs), clean and at C/N 10 dB, on the short pairs to keep the suite fast.
+std::vector<Broadcast> Cases() {
   std::vector<Broadcast> v;
-  for (int index = 0; index < 12; ++index) {
-    v.push_back({index, 1 + index % 3, index % 5, index % 4, 1234.5 * (index - 6), 0});
-  }
-  return v;
-}
-INSTANTIATE_TEST_SUITE_P(AllPairs, TransmitterAcquisition, ::testing::ValuesIn(PairCases()), Name);
-
-// Each mode across its search range, both edges included: -100 kHz to +95 kHz, fractional
-// parts of a carrier everywhere.
-std::vector<Broadcast> OffsetCases() {
-  std::vector<Broadcast> v;
-  const double offsets[] = {-100000.0, -61300.0, -20777.0, 333.0, 40950.0, 95000.0};
+  for (int index = 0; index < 12; ++index) v.push_back({index, 1 + index % 3, index % 5, index % 4, 1234.5 * (index - 6), 0});
   int i = 0;
-  for (int mode = 0; mode < 3; ++mode) {
-    for (double hz : offsets) {
-      v.push_back({mode * 4 + (i % 2) * 2, 1, 1, 2, hz, 0});
-      ++i;
-    }
-  }
-  return v;
-}
-INSTANTIATE_TEST_SUITE_P(CarrierOffsets, TransmitterAcquisition, ::testing::ValuesIn(OffsetCases()), Name);
-
-// Every modulation, code rate and interleave at least once (all modulation and rate pairs), clean
-// and at C/N 10 dB, on the short pairs to keep the suite fast.
-std::vector<Broadcast> LayerCases() {
-  std::vector<Broadcast> v;
-  for (int i = 0; i < 15; ++i) {
-    const int index = (i % 2) ? 1 : 4;
-    v.push_back({index, 1 + i % 3, i % 5, i % 4, -7000.0 + 997.0 * i, (i % 2) ? 10.0 : 0.0});
-  }
+  for (int mode = 0; mode < 3; ++mode)
+    for (double hz : {-100000.0, -61300.0, -20777.0, 333.0, 40950.0, 95000.0}) v.push_back({mode * 4 + (i++ % 2) * 2, 1, 1, 2, hz, 0});
+  for (i = 0; i < 15; ++i) v.push_back({(i % 2) ? 1 : 4, 1 + i % 3, i % 5, i % 4, -7000.0 + 997.0 * i, (i % 2) ? 10.0 : 0.0});
   v.push_back({9, 3, 4, 3, 15000.0, 10.0});
   v.push_back({2, 2, 0, 0, -33000.0, 10.0});
   return v;
 }
-INSTANTIATE_TEST_SUITE_P(LayerParameters, TransmitterAcquisition, ::testing::ValuesIn(LayerCases()), Name);
+INSTANTIATE_TEST_SUITE_P(Broadcasts, TransmitterAcquisition, ::testing::ValuesIn(Cases()), Name);
 
 // Impairments that acquisition has to live with: C/N far below the decoder's needs, a strong echo
 // inside the guard interval, and a sample clock 20 ppm off.
