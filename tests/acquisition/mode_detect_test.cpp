@@ -11,44 +11,22 @@
 #include "engine_memory.h"
 #include "numeric/dft.h"
 #include "shell/stages.h"
+#include "synthetic_segment.h"
 
 namespace zfn {
 namespace {
 
 using cd = std::complex<double>;
 
-// A block of OFDM-like symbols with cyclic prefix: random QPSK on the ncarrier bins around DC,
-// starting `lead` samples into the block, rotated by `offset` radians per sample.
-void FillCyclicPrefixBlock(std::vector<float>& block, int index, int lead, double offset, unsigned seed) {
-  const int n = NFFT_BY_MODE_GUARD[index];
-  const int g = NGUARD_BY_MODE_GUARD[index];
-  const int carriers = NCARRIER_BY_MODE[index / 4];
-  std::mt19937 rng(seed);
-  DftPlan plan = nullptr;
-  DftiCreateDescriptor(&plan, DFTI_SINGLE, DFTI_COMPLEX, 1, n);
-  DftiCommitDescriptor(plan);
-  std::vector<float> symbol(2 * n);
-  int pos = lead - (n + g);  // one symbol started before the block
-  std::fill(block.begin(), block.end(), 0.0f);
-  while (pos < BLOCK_SAMPLES) {
-    std::fill(symbol.begin(), symbol.end(), 0.0f);
-    for (int c = -carriers / 2; c < carriers / 2; ++c) {
-      const int bin = (c + n) % n;
-      symbol[2 * bin] = (rng() & 1) ? 0.02f : -0.02f;
-      symbol[2 * bin + 1] = (rng() & 1) ? 0.02f : -0.02f;
-    }
-    DftiComputeBackward(plan, symbol.data());
-    for (int t = 0; t < n + g; ++t) {
-      const int sample = pos + t;
-      if (sample < 0 || sample >= BLOCK_SAMPLES) continue;
-      const int u = (t - g + n) % n;
-      const cd v = cd(symbol[2 * u], symbol[2 * u + 1]) * std::polar(1.0, offset * sample);
-      block[2 * sample] = static_cast<float>(v.real());
-      block[2 * sample + 1] = static_cast<float>(v.imag());
-    }
-    pos += n + g;
-  }
-  DftiFreeDescriptor(&plan);
+// One block of the segment model of pair `index`, its first whole symbol `lead` samples in.
+void FillBlock(std::vector<float>& block, int index, int lead, double offsetCarriers, unsigned seed) {
+  test::SegmentSignal s;
+  s.mode = index / 4;
+  s.guard = index % 4;
+  s.lead = lead;
+  s.offsetCarriers = offsetCarriers;
+  s.seed = seed;
+  test::SegmentGenerator(s).NextBlock(block.data());
 }
 
 // The running sum against a direct computation of the four-period profile, in double precision.
@@ -56,7 +34,7 @@ TEST(GuardCorrelation, RunningSumMatchesDirectProfile) {
   test::EngineMemory memory;
   for (int index : {0, 6, 11}) {
     SCOPED_TRACE("pair " + std::to_string(index));
-    FillCyclicPrefixBlock(memory.block, index, 100 + 37 * index, 0.001, 7u + index);
+    FillBlock(memory.block, index, 100 + 37 * index, 0.001 * NFFT_BY_MODE_GUARD[index] / (2 * M_PI), 7u + index);
     const int n = NFFT_BY_MODE_GUARD[index];
     const int g = NGUARD_BY_MODE_GUARD[index];
     const int s = n + g;
@@ -98,7 +76,7 @@ TEST(GuardCorrelation, RunningSumMatchesDirectProfile) {
 // The developer override measures its own pair only; a pair that does not exist is ignored.
 TEST(GuardCorrelation, ForcedPairIsMeasuredAloneAndInvalidPairsAreIgnored) {
   test::EngineMemory memory;
-  FillCyclicPrefixBlock(memory.block, 6, 77, 0.0, 3u);
+  FillBlock(memory.block, 6, 77, 0.0, 3u);
   engine.forceModeGuard = 1;
   engine.forcedMode = 1;
   engine.forcedGuard = 1;  // not the pair on air

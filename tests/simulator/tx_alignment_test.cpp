@@ -120,23 +120,6 @@ class NotionalReceiver {
   unsigned history_ = 0;
 };
 
-// Dispersal PRBS written bit by bit: x^15 + x^14 + 1, start 100101010000000.
-std::vector<uint8_t> DispersalBytes(int count) {
-  int s[16] = {0, 1, 0, 0, 1, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0};  // s[1..15]
-  std::vector<uint8_t> out;
-  for (int i = 0; i < count; ++i) {
-    int v = 0;
-    for (int k = 0; k < 8; ++k) {
-      const int o = s[14] ^ s[15];
-      for (int j = 15; j > 1; --j) s[j] = s[j - 1];
-      s[1] = o;
-      v = (v << 1) | o;
-    }
-    out.push_back(static_cast<uint8_t>(v));
-  }
-  return out;
-}
-
 // Mode 1, guard 1/4, QPSK 1/2, I = 4.
 TEST(TransmitterAlignment, NotionalReceiverFindsThePacketsFromTheFrameStart) {
   BroadcastConfig b;
@@ -160,7 +143,9 @@ TEST(TransmitterAlignment, NotionalReceiverFindsThePacketsFromTheFrameStart) {
   gen->GenerateBytes(bytes.data(), bytes.size());
   NotionalReceiver rx(b);
   std::vector<std::complex<double>> x(static_cast<size_t>(n1));
-  const auto prbs = DispersalBytes(t * 204);
+  std::vector<uint8_t> prbs(static_cast<size_t>(t * 204));  // its start is checked against the standard
+  DispersalPrbs dispersal;
+  for (auto& v : prbs) v = dispersal.NextByte();
   // The time de-interleaver's own delay is not counted: its output of frame f belongs to frame f
   // of the notional receiver. Coded frame 0 starts at the frame before the first packet frame.
   for (int64_t f = 0; f < frames; ++f) {
