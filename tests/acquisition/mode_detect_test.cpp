@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <complex>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -11,22 +10,29 @@
 #include "engine_memory.h"
 #include "numeric/dft.h"
 #include "shell/stages.h"
-#include "synthetic_segment.h"
+#include "simulator/transmitter.h"
 
 namespace zfn {
 namespace {
 
 using cd = std::complex<double>;
 
-// One block of the segment model of pair `index`, its first whole symbol `lead` samples in.
-void FillBlock(std::vector<float>& block, int index, int lead, double offsetCarriers, unsigned seed) {
-  test::SegmentSignal s;
-  s.mode = index / 4;
-  s.guard = index % 4;
-  s.lead = lead;
-  s.offsetCarriers = offsetCarriers;
-  s.seed = seed;
-  test::SegmentGenerator(s).NextBlock(block.data());
+// One block of engine samples of our transmitter's broadcast of pair `index`, the first whole
+// symbol `lead` samples in.
+void FillBlock(std::vector<float>& block, int index, int lead, double offsetHz) {
+  sim::BroadcastConfig b;
+  b.mode = index / 4 + 1;
+  b.guard = index % 4;
+  sim::ChannelConfig c;
+  c.carrierOffsetHz = offsetHz;
+  std::string error;
+  auto g = sim::SignalGenerator::Create(b, c, sim::MakeTestPatternSource(1), &error);
+  ASSERT_TRUE(g) << error;
+  const int nsymbol = sim::EngineSamplesPerSymbol(b);
+  std::vector<uint8_t> bytes(4 * static_cast<size_t>((nsymbol - lead) % nsymbol + BLOCK_SAMPLES));
+  g->GenerateBytes(bytes.data(), bytes.size());
+  const uint8_t* p = bytes.data() + bytes.size() - RAW_BLOCK_BYTES;
+  for (int i = 0; i < BLOCK_FLOATS; ++i) block[i] = (p[4 * (i / 2) + i % 2] - 127) / 128.0f;
 }
 
 // The running sum against a direct computation of the four-period profile, in double precision.
@@ -34,7 +40,7 @@ TEST(GuardCorrelation, RunningSumMatchesDirectProfile) {
   test::EngineMemory memory;
   for (int index : {0, 6, 11}) {
     SCOPED_TRACE("pair " + std::to_string(index));
-    FillBlock(memory.block, index, 100 + 37 * index, 0.001 * NFFT_BY_MODE_GUARD[index] / (2 * M_PI), 7u + index);
+    FillBlock(memory.block, index, 100 + 37 * index, 0.001 / (2 * M_PI) * sim::kEngineRateHz);
     const int n = NFFT_BY_MODE_GUARD[index];
     const int g = NGUARD_BY_MODE_GUARD[index];
     const int s = n + g;
@@ -76,7 +82,7 @@ TEST(GuardCorrelation, RunningSumMatchesDirectProfile) {
 // The developer override measures its own pair only; a pair that does not exist is ignored.
 TEST(GuardCorrelation, ForcedPairIsMeasuredAloneAndInvalidPairsAreIgnored) {
   test::EngineMemory memory;
-  FillBlock(memory.block, 6, 77, 0.0, 3u);
+  FillBlock(memory.block, 6, 77, 0.0);
   engine.forceModeGuard = 1;
   engine.forcedMode = 1;
   engine.forcedGuard = 1;  // not the pair on air
