@@ -152,7 +152,9 @@ std::string Name(const ::testing::TestParamInfo<Broadcast>& info) {
 // The twelve pairs, clean, each with a different offset and parameter set; each mode across its
 // search range, both edges included (-100 kHz to +95 kHz, fractional parts of a carrier
 // everywhere); every modulation, code rate and interleave at least once (all modulation and rate
-// pairs), clean and at C/N 10 dB, on the short pairs to keep the suite fast.
+// pairs), clean and at C/N 10 dB, on the short pairs to keep the suite fast; and impairments that
+// acquisition has to live with: C/N far below the decoder's needs, a sample clock 20 ppm off, and
+// a strong echo inside the guard interval.
 std::vector<Broadcast> Cases() {
   std::vector<Broadcast> v;
   for (int index = 0; index < 12; ++index) v.push_back({index, 1 + index % 3, index % 5, index % 4, 1234.5 * (index - 6), 0});
@@ -162,20 +164,12 @@ std::vector<Broadcast> Cases() {
   for (i = 0; i < 15; ++i) v.push_back({(i % 2) ? 1 : 4, 1 + i % 3, i % 5, i % 4, -7000.0 + 997.0 * i, (i % 2) ? 10.0 : 0.0});
   v.push_back({9, 3, 4, 3, 15000.0, 10.0});
   v.push_back({2, 2, 0, 0, -33000.0, 10.0});
+  v.push_back({10, 1, 1, 3, 31000.0, 4.0});
+  v.push_back({2, 1, 1, 3, -52000.0, 20.0, true, 20.0, 0.0});
+  v.push_back({5, 3, 3, 1, -3000.0, 20.0, true, -20.0, 5.0});
   return v;
 }
 INSTANTIATE_TEST_SUITE_P(Broadcasts, TransmitterAcquisition, ::testing::ValuesIn(Cases()), Name);
-
-// Impairments that acquisition has to live with: C/N far below the decoder's needs, a strong echo
-// inside the guard interval, and a sample clock 20 ppm off.
-std::vector<Broadcast> ImpairedCases() {
-  return {
-      {10, 1, 1, 3, 31000.0, 4.0},
-      {2, 1, 1, 3, -52000.0, 20.0, true, 20.0, 0.0},
-      {5, 3, 3, 1, -3000.0, 20.0, true, -20.0, 5.0},
-  };
-}
-INSTANTIATE_TEST_SUITE_P(Impairments, TransmitterAcquisition, ::testing::ValuesIn(ImpairedCases()), Name);
 
 // A television broadcast without the partial reception service stops the engine in no signal.
 TEST(TransmitterNoService, TelevisionWithoutPartialReceptionGoesToNoSignal) {
