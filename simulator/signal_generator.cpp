@@ -29,6 +29,8 @@ std::string CheckConfig(const BroadcastConfig& b, const ChannelConfig& c) {
   if (b.modulation < 1 || b.modulation > 3) return "modulation must be QPSK, 16QAM or 64QAM";
   if (b.neighbourModulation < 1 || b.neighbourModulation > 3) return "neighbour modulation must be QPSK, 16QAM or 64QAM";
   if (b.codeRate < 0 || b.codeRate > 4) return "code rate must be one of 1/2, 2/3, 3/4, 5/6, 7/8";
+  for (int bit : b.tmccFlips)
+    if (bit < 0 || bit > 183) return "TMCC bits to flip must lie in 0..183";
   if (b.interleave < 0 || b.interleave > 3) return "interleave must be an index 0 to 3";
   if (b.systemId < 0 || b.systemId > 3) return "system identification must be 0 to 3";
   if (!(b.deviceFilterHz >= 250e3)) return "device filter must pass at least 250 kHz";

@@ -136,7 +136,8 @@ OfdmSynthesiser::OfdmSynthesiser(const BroadcastConfig& b, double filterShiftHz)
   // TMCC words of even and odd frames, accumulated for the differential encoding.
   const TmccContent content = TmccOfConfig(b);
   for (int odd = 0; odd < 2; ++odd) {
-    const auto word = BuildTmccWord(content, odd == 1);
+    auto word = BuildTmccWord(content, odd == 1);
+    for (int bit : b.tmccFlips) word[static_cast<size_t>(20 + bit)] ^= 1;
     uint8_t acc = 0;
     for (int n = 0; n < 204; ++n) {
       if (n > 0) acc ^= word[n];

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <complex>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -11,44 +10,29 @@
 #include "engine_memory.h"
 #include "numeric/dft.h"
 #include "shell/stages.h"
+#include "simulator/transmitter.h"
 
 namespace zfn {
 namespace {
 
 using cd = std::complex<double>;
 
-// A block of OFDM-like symbols with cyclic prefix: random QPSK on the ncarrier bins around DC,
-// starting `lead` samples into the block, rotated by `offset` radians per sample.
-void FillCyclicPrefixBlock(std::vector<float>& block, int index, int lead, double offset, unsigned seed) {
-  const int n = NFFT_BY_MODE_GUARD[index];
-  const int g = NGUARD_BY_MODE_GUARD[index];
-  const int carriers = NCARRIER_BY_MODE[index / 4];
-  std::mt19937 rng(seed);
-  DftPlan plan = nullptr;
-  DftiCreateDescriptor(&plan, DFTI_SINGLE, DFTI_COMPLEX, 1, n);
-  DftiCommitDescriptor(plan);
-  std::vector<float> symbol(2 * n);
-  int pos = lead - (n + g);  // one symbol started before the block
-  std::fill(block.begin(), block.end(), 0.0f);
-  while (pos < BLOCK_SAMPLES) {
-    std::fill(symbol.begin(), symbol.end(), 0.0f);
-    for (int c = -carriers / 2; c < carriers / 2; ++c) {
-      const int bin = (c + n) % n;
-      symbol[2 * bin] = (rng() & 1) ? 0.02f : -0.02f;
-      symbol[2 * bin + 1] = (rng() & 1) ? 0.02f : -0.02f;
-    }
-    DftiComputeBackward(plan, symbol.data());
-    for (int t = 0; t < n + g; ++t) {
-      const int sample = pos + t;
-      if (sample < 0 || sample >= BLOCK_SAMPLES) continue;
-      const int u = (t - g + n) % n;
-      const cd v = cd(symbol[2 * u], symbol[2 * u + 1]) * std::polar(1.0, offset * sample);
-      block[2 * sample] = static_cast<float>(v.real());
-      block[2 * sample + 1] = static_cast<float>(v.imag());
-    }
-    pos += n + g;
-  }
-  DftiFreeDescriptor(&plan);
+// One block of engine samples of our transmitter's broadcast of pair `index`, the first whole
+// symbol `lead` samples in.
+void FillBlock(std::vector<float>& block, int index, int lead, double offsetHz) {
+  sim::BroadcastConfig b;
+  b.mode = index / 4 + 1;
+  b.guard = index % 4;
+  sim::ChannelConfig c;
+  c.carrierOffsetHz = offsetHz;
+  std::string error;
+  auto g = sim::SignalGenerator::Create(b, c, sim::MakeTestPatternSource(1), &error);
+  ASSERT_TRUE(g) << error;
+  const int nsymbol = sim::EngineSamplesPerSymbol(b);
+  std::vector<uint8_t> bytes(4 * static_cast<size_t>((nsymbol - lead) % nsymbol + BLOCK_SAMPLES));
+  g->GenerateBytes(bytes.data(), bytes.size());
+  const uint8_t* p = bytes.data() + bytes.size() - RAW_BLOCK_BYTES;
+  for (int i = 0; i < BLOCK_FLOATS; ++i) block[i] = (p[4 * (i / 2) + i % 2] - 127) / 128.0f;
 }
 
 // The running sum against a direct computation of the four-period profile, in double precision.
@@ -56,7 +40,7 @@ TEST(GuardCorrelation, RunningSumMatchesDirectProfile) {
   test::EngineMemory memory;
   for (int index : {0, 6, 11}) {
     SCOPED_TRACE("pair " + std::to_string(index));
-    FillCyclicPrefixBlock(memory.block, index, 100 + 37 * index, 0.001, 7u + index);
+    FillBlock(memory.block, index, 100 + 37 * index, 0.001 / (2 * M_PI) * sim::kEngineRateHz);
     const int n = NFFT_BY_MODE_GUARD[index];
     const int g = NGUARD_BY_MODE_GUARD[index];
     const int s = n + g;
@@ -95,56 +79,10 @@ TEST(GuardCorrelation, RunningSumMatchesDirectProfile) {
   }
 }
 
-// Detection alone on clean cyclic-prefix symbols of each pair, with a fractional carrier offset.
-TEST(GuardCorrelation, DetectsEachPairGridAndFractionalOffset) {
-  test::EngineMemory memory;
-  for (int index = 0; index < 12; ++index) {
-    SCOPED_TRACE("pair " + std::to_string(index));
-    const int n = NFFT_BY_MODE_GUARD[index];
-    const double offset = 0.3 * 2 * M_PI / n;  // 0.3 carrier spacings
-    const int lead = 50 + 11 * index;
-    FillCyclicPrefixBlock(memory.block, index, lead, offset, 100u + index);
-    DetectModeAndGuard();
-    EXPECT_EQ(engine.modeGuard->mode * 4 + engine.modeGuard->guard, index);
-    EXPECT_EQ(engine.modeIndexLast, index);
-    // Ten sample pairs only, so the estimate is rough: within a tenth of a carrier spacing.
-    EXPECT_NEAR(engine.ncoStep, -offset, 0.1 * 2 * M_PI / n);
-    const int symbol = engine.nsymbol;
-    EXPECT_GE(engine.readPos, 0);
-    EXPECT_LT(engine.readPos, 2 * symbol);
-    // The next block's grid point is one sample before a guard start of this symbol train.
-    const int miss = ((engine.readPos / 2 + BLOCK_SAMPLES) - (lead - 1)) % symbol;
-    EXPECT_TRUE(miss <= 2 || miss >= symbol - 2) << "readPos " << engine.readPos;
-  }
-}
-
-TEST(GuardCorrelation, AllZeroBlockTakesModeOneGuardOneThirtySecond) {
-  test::EngineMemory memory;
-  engine.modeIndexLast = -1;
-  DetectModeAndGuard();
-  EXPECT_EQ(engine.modeGuard->mode, 0);
-  EXPECT_EQ(engine.modeGuard->guard, 0);
-  for (int i = 0; i < 12; ++i) EXPECT_EQ(engine.guardPeak[i], 0);
-  EXPECT_EQ(engine.ncoStep, 0.0f);
-  EXPECT_EQ(engine.readPos, 2 * 264 * 228 - BLOCK_FLOATS);  // first grid point past the block
-  // Same pair again: no set-up, the arena only rewinds to the numerology mark.
-  DftPlan planBefore = engine.fftPlan;
-  engine.arenaNext += 1000;
-  DetectModeAndGuard();
-  EXPECT_EQ(engine.fftPlan, planBefore);
-  EXPECT_EQ(engine.arenaNext, engine.arenaAfterNumerology);
-}
-
-}  // namespace
-}  // namespace zfn
-
-namespace zfn {
-namespace {
-
 // The developer override measures its own pair only; a pair that does not exist is ignored.
 TEST(GuardCorrelation, ForcedPairIsMeasuredAloneAndInvalidPairsAreIgnored) {
   test::EngineMemory memory;
-  FillCyclicPrefixBlock(memory.block, 6, 77, 0.0, 3u);
+  FillBlock(memory.block, 6, 77, 0.0);
   engine.forceModeGuard = 1;
   engine.forcedMode = 1;
   engine.forcedGuard = 1;  // not the pair on air
@@ -161,6 +99,12 @@ TEST(GuardCorrelation, ForcedPairIsMeasuredAloneAndInvalidPairsAreIgnored) {
   // A new pair: the arena went back to the init mark and the numerology was built anew there.
   EXPECT_EQ(reinterpret_cast<uint8_t*>(engine.pilotSign), engine.arenaAfterInit);
   EXPECT_EQ(engine.nsymbol, 576);
+  // The same pair again: no set-up, the arena only rewinds to the numerology mark.
+  const DftPlan planBefore = engine.fftPlan;
+  engine.arenaNext += 1000;
+  DetectModeAndGuard();
+  EXPECT_EQ(engine.fftPlan, planBefore);
+  EXPECT_EQ(engine.arenaNext, engine.arenaAfterNumerology);
   engine.forceModeGuard = 0;
 }
 

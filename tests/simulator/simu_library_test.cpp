@@ -41,6 +41,7 @@ class SimuLibrary : public ::testing::Test {
     if (stop_) stop_();
     if (event_ >= 0) close(event_);
     if (handle_) dlclose(handle_);
+    for (const auto& path : files_) std::remove(path.c_str());
   }
 
   // Reads as the receiver does for the given time; returns the bytes received. Appends them to
@@ -64,6 +65,23 @@ class SimuLibrary : public ::testing::Test {
     return total;
   }
 
+  // Bytes per second over `seconds`, after 0.3 s to settle.
+  double MeasuredRate(double seconds) {
+    Read(0.3);
+    const auto t0 = std::chrono::steady_clock::now();
+    const int64_t bytes = Read(seconds);
+    return bytes / std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  }
+  // A file of `bytes`, removed at the end of the case.
+  std::string WriteFile(const char* name, const std::vector<uint8_t>& bytes) {
+    files_.push_back(testing::TempDir() + name);
+    FILE* f = std::fopen(files_.back().c_str(), "wb");
+    EXPECT_NE(f, nullptr);
+    if (f) std::fwrite(bytes.data(), 1, bytes.size(), f), std::fclose(f);
+    return files_.back();
+  }
+
+  std::vector<std::string> files_;
   void* handle_ = nullptr;
   SimSetEventHandleFn setEvent_ = nullptr;
   SimStartFn start_ = nullptr;
@@ -77,54 +95,33 @@ TEST_F(SimuLibrary, PacesNearRealTimeAndFasterWithTheSpeedFactor) {
   setenv("ZFNISDBT_SIM_MODE", "1", 1);
   setenv("ZFNISDBT_SIM_GUARD", "1/8", 1);
   setenv("ZFNISDBT_SIM_CN", "25", 1);
+  const std::string path = WriteFile("zfn_simu_speed.bin", std::vector<uint8_t>(400000, 127));
   // Sanitizer builds generate slower than real time: they check the pacing on a capture only.
-  const std::string path = testing::TempDir() + "zfn_simu_speed.bin";
-  FILE* f = std::fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  std::vector<uint8_t> zeros(400000, 127);
-  std::fwrite(zeros.data(), 1, zeros.size(), f);
-  std::fclose(f);
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
   setenv("ZFNISDBT_SIM_CAPTURE", path.c_str(), 1);
 #endif
-  ASSERT_EQ(start_(), 0);
   const double rate = 2 * 2031746.14;
-  Read(0.3);  // settle
-  const auto t0 = std::chrono::steady_clock::now();
-  const int64_t bytes = Read(2.0);
-  const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-  EXPECT_NEAR(bytes / elapsed / rate, 1.0, 0.08);
+  ASSERT_EQ(start_(), 0);
+  EXPECT_NEAR(MeasuredRate(2.0) / rate, 1.0, 0.08);
   stop_();
-
   // The speed factor, on a capture so that generation speed (slow in sanitizer builds) is not
   // what is measured.
   setenv("ZFNISDBT_SIM_CAPTURE", path.c_str(), 1);
   setenv("ZFNISDBT_SIM_SPEED", "3", 1);
   ASSERT_EQ(start_(), 0);
-  Read(0.3);
-  const auto t1 = std::chrono::steady_clock::now();
-  const int64_t fast = Read(1.0);
-  const double elapsed1 = std::chrono::duration<double>(std::chrono::steady_clock::now() - t1).count();
-  EXPECT_NEAR(fast / elapsed1 / rate, 3.0, 0.3);
-  std::remove(path.c_str());
+  EXPECT_NEAR(MeasuredRate(1.0) / rate, 3.0, 0.3);
 }
 
 TEST_F(SimuLibrary, PlaysACaptureInALoop) {
-  const std::string path = testing::TempDir() + "zfn_simu_capture.bin";
   std::vector<uint8_t> pattern(40000);
   for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<uint8_t>(i * 7 + i / 251);
-  FILE* f = std::fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  std::fwrite(pattern.data(), 1, pattern.size(), f);
-  std::fclose(f);
-  setenv("ZFNISDBT_SIM_CAPTURE", path.c_str(), 1);
+  setenv("ZFNISDBT_SIM_CAPTURE", WriteFile("zfn_simu_capture.bin", pattern).c_str(), 1);
   setenv("ZFNISDBT_SIM_SPEED", "4", 1);
   ASSERT_EQ(start_(), 0);
   std::vector<uint8_t> got;
   Read(0.4, &got);
   ASSERT_GT(got.size(), 3 * pattern.size());
   for (size_t i = 0; i < got.size(); ++i) ASSERT_EQ(got[i], pattern[i % pattern.size()]) << i;
-  std::remove(path.c_str());
 }
 
 TEST_F(SimuLibrary, BadSettingFailsStart) {
