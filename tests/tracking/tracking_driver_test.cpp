@@ -20,41 +20,28 @@
 namespace zfn {
 namespace {
 
-struct Broadcast {
-  int mode = 2, guard = 2;  // receiver numbering: mode 0..2, guard 0..3
-  int modulation = 1;       // TMCC code: 1 QPSK, 2 16QAM, 3 64QAM
-  double cnDb = 0;      // 0: no noise
-  double offsetHz = 0;
-  double clockPpm = 0;
-  std::vector<sim::EchoPath> echoes;
-  double filterHz = 780e3;
-  double rms = 28;
-  double dopplerHz = 0;  // > 0: Rayleigh fading on the typical-urban profile
-};
+// A broadcast of code rate 2/3 and time interleaving 2 (receiver numbering: mode 0..2, guard 0..3;
+// TMCC modulation code 1 QPSK, 2 16QAM, 3 64QAM) through the channel `ch` into the driver.
+sim::ChannelConfig Channel(double cnDb = 0.0) {
+  sim::ChannelConfig ch;
+  ch.noise = cnDb > 0;
+  ch.cnDb = cnDb;
+  ch.seed = 6;
+  return ch;
+}
 
-// Drives one broadcast through the driver; Track() feeds blocks while tracking.
 class DriverRun {
  public:
-  explicit DriverRun(const Broadcast& c, uint64_t seed = 5) {
+  DriverRun(int mode, int guard, int modulation, const sim::ChannelConfig& ch) {
     sim::BroadcastConfig b;
-    b.mode = c.mode + 1;
-    b.guard = c.guard;
-    b.modulation = c.modulation;
+    b.mode = mode + 1;
+    b.guard = guard;
+    b.modulation = modulation;
     b.codeRate = 1;
     b.interleave = 2;
-    b.seed = seed;
-    b.deviceFilterHz = c.filterHz;
-    sim::ChannelConfig ch;
-    ch.rmsLevel = c.rms;
-    ch.noise = c.cnDb > 0;
-    ch.cnDb = c.cnDb;
-    ch.carrierOffsetHz = c.offsetHz;
-    ch.clockPpm = c.clockPpm;
-    ch.echoes = c.echoes;
-    ch.dopplerHz = c.dopplerHz;
-    ch.seed = seed + 1;
+    b.seed = 5;
     std::string error;
-    gen_ = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(seed), &error);
+    gen_ = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(5), &error);
     EXPECT_TRUE(gen_) << error;
     EXPECT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
     SyncDriverRetune();
@@ -99,22 +86,12 @@ double SpanOffsetInSymbol(int64_t samplesFed, double ppm) {
   return std::fmod(tx, engine.nsymbol);
 }
 
-double CarrierSpacingHz() { return 64e6 / 63.0 / engine.nfft; }
-
-std::string Describe(const Broadcast& c) {
-  return "Mode " + std::to_string(c.mode + 1) + " guard " + std::to_string(c.guard) + " modulation " +
-         std::to_string(c.modulation);
-}
-
 // A clean broadcast: every modulation in every mode sits on its constellation, block after block.
 TEST(DriverTracking, CleanConstellationsInAllModes) {
   for (int mode = 0; mode < 3; ++mode) {
     for (int modulation : {1, 2, 3}) {
-      Broadcast c;
-      c.mode = mode;
-      c.modulation = modulation;
-      SCOPED_TRACE(Describe(c));
-      DriverRun run(c);
+      SCOPED_TRACE(::testing::Message() << "mode " << mode + 1 << " modulation " << modulation);
+      DriverRun run(mode, 2, modulation, Channel());
       ASSERT_TRUE(run.Acquire(40));
       double sum = 0.0;
       for (int i = 0; i < 3; ++i) {
@@ -135,11 +112,7 @@ TEST(DriverTracking, CleanConstellationsInAllModes) {
 TEST(DriverTracking, SnrFollowsCarrierToNoise) {
   double last = -100.0;
   for (double cn = 5.0; cn <= 25.0; cn += 5.0) {
-    Broadcast c;
-    c.mode = 2;
-    c.modulation = 1;
-    c.cnDb = cn;
-    DriverRun run(c);
+    DriverRun run(2, 2, 1, Channel(cn));
     ASSERT_TRUE(run.Acquire(40));
     double sum = 0.0;
     for (int i = 0; i < 6; ++i) {
@@ -158,13 +131,11 @@ TEST(DriverTracking, SnrFollowsCarrierToNoise) {
 // What acquisition leaves of the carrier offset, the frequency loop takes out.
 TEST(DriverTracking, FrequencyLoopRemovesResidualOffset) {
   for (double hz : {1234.5, -3000.0}) {
-    Broadcast c;
-    c.mode = 2;
-    c.modulation = 1;
-    c.offsetHz = hz;
-    DriverRun run(c);
+    sim::ChannelConfig ch = Channel();
+    ch.carrierOffsetHz = hz;
+    DriverRun run(2, 2, 1, ch);
     ASSERT_TRUE(run.Acquire(40));
-    const auto residual = [&] { return hz / CarrierSpacingHz() + engine.ncoStep * engine.nfft / 6.283185307179; };
+    const auto residual = [&] { return hz * engine.nfft / (64e6 / 63.0) + engine.ncoStep * engine.nfft / 6.283185307179; };
     const double atEntry = residual();
     for (int i = 0; i < 12; ++i) run.Feed();
     SCOPED_TRACE(::testing::Message() << hz << " Hz: " << atEntry << " carriers at entry, " << residual() << " after");
@@ -183,13 +154,9 @@ TEST(DriverTracking, FrequencyLoopRemovesResidualOffset) {
 // failed access, which the tracker ignores), so the loop must go on following the whole offset.
 void ExpectClockOffsetFollowed(double ppm, double seconds) {
   SCOPED_TRACE(::testing::Message() << ppm << " ppm");
-  Broadcast c;
-  c.mode = 0;
-  c.guard = 2;
-  c.modulation = 1;
-  c.cnDb = 20.0;
-  c.clockPpm = ppm;
-  DriverRun run(c);
+  sim::ChannelConfig ch = Channel(20.0);
+  ch.clockPpm = ppm;
+  DriverRun run(0, 2, 1, ch);
   ASSERT_TRUE(run.Acquire(40));
   EXPECT_EQ(deviceBinding.Demod_Byte_Write, nullptr);
   engine.clockWritePending = 0;
@@ -264,14 +231,10 @@ TEST(DriverTracking, ChannelWatchOnStaticEchoesAndUnderFading) {
   };
   for (const Case& k : cases) {
     SCOPED_TRACE(k.name);
-    Broadcast c;
-    c.mode = 2;
-    c.guard = 2;
-    c.modulation = 1;
-    c.cnDb = 25.0;
-    c.echoes = k.echoes;
-    c.dopplerHz = k.dopplerHz;
-    DriverRun run(c);
+    sim::ChannelConfig ch = Channel(25.0);
+    ch.echoes = k.echoes;
+    ch.dopplerHz = k.dopplerHz;
+    DriverRun run(2, 2, 1, ch);
     ASSERT_TRUE(run.Acquire(40));
     const int32_t settle = engine.settleSymbols;
     // In Mode 3 the settle count (4080) falls before the timing loop's stage 1 (5000); until then

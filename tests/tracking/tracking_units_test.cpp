@@ -1,5 +1,5 @@
 // Unit cases of the tracking stage: slicers on their boundaries, interpolation against the direct
-// convolution, the equaliser's walk over the data carriers and its QPSK weighting, the timing gate,
+// convolution, the equaliser's walk over the data carriers, the timing gate,
 // the clock decision, the low-SNR and channel watches, the loop's smallest step, and bad input.
 #include <gtest/gtest.h>
 
@@ -9,7 +9,6 @@
 #include <random>
 #include <vector>
 
-#include "shell/device_state.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
 #include "tracking/slicers.h"
@@ -123,34 +122,6 @@ TEST(Equaliser, TakesExactlyTheDataCarriersInEveryModeAndPilotPhase) {
       for (int i = 0; i < 2 * ndata; ++i) ASSERT_EQ(tracker.spareCarriers[i], -7.0f);
     }
   }
-}
-
-// Channel 2 everywhere, carriers slightly off their points: known noise gives the soft weight and
-// snrDb; with the soft target off the fixed gain 8 applies and the noise average stands still.
-TEST(Equaliser, QpskSoftWeightAndFixedGain) {
-  test::PrepareEngine(0, 0, 2);
-  engine.symbolCount = 8;
-  float* slot = tracker.carrierRing + tracker.carrierRingNext * tracker.carrierRingStride;
-  for (int e = 0; e < engine.nspan; ++e) {
-    slot[2 * e] = 2.0f * 0.707107f + 0.1f;
-    slot[2 * e + 1] = 2.0f * 0.707107f;
-  }
-  for (int c = 0; c < engine.ncarrier; ++c) {
-    tracker.channelPlanes[c] = 2.0f;
-    tracker.channelPlanes[engine.ncarrier + c] = 0.0f;
-  }
-  EqualiseCarriers();
-  EXPECT_NEAR(tracker.noiseAvg, 0.005f, 1e-5f);  // noise per carrier 0.01; the first average is half
-  EXPECT_NEAR(tracker.softWeight[0], 4.0f * 4.0f / 0.005f, 1.0f);
-  EXPECT_NEAR(engine.snrDb, 10.0 * std::log10(4.0 / 0.01), 1e-3);
-  EXPECT_EQ(controlBlock.lastSnrDb.load(), engine.snrDb.load());
-  const float e0 = (2.0f * 0.707107f + 0.1f) / 2.0f;
-  EXPECT_NEAR(engine.equalisedCarriers[0], e0 * tracker.softWeight[0], 0.5f);
-  engine.qpskSoftTarget = 0.0f;
-  const float keep = tracker.noiseAvg;
-  EqualiseCarriers();
-  EXPECT_EQ(tracker.noiseAvg, keep);
-  EXPECT_NEAR(engine.equalisedCarriers[0], e0 * 8.0f, 1e-5f);
 }
 
 TEST(TimingGate, DeadZoneCases) {
