@@ -230,12 +230,11 @@ TEST(ChannelWatch, SlowAfter128GoodSymbolsFastAfterTenBad) {
   };
   engine.channelState = CHANNEL_FAST;
   tracker.jumpAge = 0;
-  int good = 0, calls = 0;
-  while (engine.channelState == CHANNEL_FAST && calls < 5000) {
+  int good = 0;
+  for (int calls = 0; engine.channelState == CHANNEL_FAST && calls < 5000; ++calls) {
     next();
     const int goodBefore = tracker.watchGood;
     WatchChannelChange();
-    ++calls;
     if (engine.channelState == CHANNEL_FAST) {
       good = tracker.watchGood;
       EXPECT_GE(good, goodBefore);
