@@ -34,16 +34,11 @@ uint8_t GfMul(uint8_t a, uint8_t b) {
   return static_cast<uint8_t>(r);
 }
 
-uint8_t GfPow2(int32_t e) {
-  uint8_t r = 1;
-  for (int32_t i = 0; i < e; ++i) r = GfMul(r, 2);
-  return r;
-}
-
 std::vector<uint8_t> PolyFromRoots(int32_t firstPower, int32_t lastPower) {
   std::vector<uint8_t> g{1};
-  for (int32_t i = firstPower; i <= lastPower; ++i) {
-    const uint8_t root = GfPow2(i);
+  uint8_t root = 1;
+  for (int32_t i = 0; i < firstPower; ++i) root = GfMul(root, 2);
+  for (int32_t i = firstPower; i <= lastPower; ++i, root = GfMul(root, 2)) {
     std::vector<uint8_t> next(g.size() + 1, 0);
     for (size_t j = 0; j < g.size(); ++j) {
       next[j + 1] ^= g[j];

@@ -26,7 +26,6 @@ struct Random {
 
 // GF(256) with 0x11D, bit by bit; polynomials from their roots; RS(204,188) encoding by our transmitter.
 uint8_t GfMul(uint8_t a, uint8_t b);
-uint8_t GfPow2(int32_t e);
 std::vector<uint8_t> PolyFromRoots(int32_t firstPower, int32_t lastPower);  // lowest power first
 void RsEncode(uint8_t* packet);  // writes bytes 188..203 from 0..187
 

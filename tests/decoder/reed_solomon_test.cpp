@@ -1,5 +1,6 @@
-// Reed-Solomon RS(204,188): tables, the light parity check, correction of up to 8 byte errors in data
-// and parity, and every failure code of the full decoder on constructed patterns.
+// Reed-Solomon RS(204,188): tables against bitwise field arithmetic, the light parity check, correction
+// of up to 8 byte errors in data and parity, and every failure code of the full decoder on constructed
+// patterns.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -22,31 +23,25 @@ class ReedSolomon : public ::testing::Test {
   static void SetUpTestSuite() { ASSERT_EQ(1, BuildRsTables()); }
   static void TearDownTestSuite() { FreeRsTables(); }
 
-  static Packet RandomCodeword(Random& random) {
+  Packet Codeword() {
     Packet p;
     for (int i = 0; i < 188; ++i) p[i] = static_cast<uint8_t>(random.Next());
     p[0] = 0x47;
     test::RsEncode(p.data());
     return p;
   }
-
-  // Distinct random positions in [first, last].
-  static std::vector<int> Positions(Random& random, int n, int first, int last) {
+  // Errors at n distinct random positions in [first, last].
+  void Spoil(Packet& p, int n, int first, int last) {
     std::set<int> chosen;
     while (static_cast<int>(chosen.size()) < n) chosen.insert(first + static_cast<int>(random.Below(static_cast<uint32_t>(last - first + 1))));
-    return {chosen.begin(), chosen.end()};
+    for (int at : chosen) p[at] ^= static_cast<uint8_t>(1 + random.Below(255));
   }
+
+  Random random{2};
 };
 
-TEST_F(ReedSolomon, TablesAndEncoderAgreeWithTheStandard) {
-  // The generator from its roots equals the coefficients the decoder carries.
-  const std::vector<uint8_t> g = test::PolyFromRoots(0, 15);
-  ASSERT_EQ(17u, g.size());
-  for (int j = 0; j < 16; ++j) {
-    EXPECT_EQ(RS_GENERATOR[j], g[j]) << j;
-  }
-  EXPECT_EQ(1, g[16]);
-  // Null packet: 47 1F FF 10 and 184 bytes FF.
+TEST_F(ReedSolomon, TablesNullPacketAndParityCheck) {
+  // Null packet 47 1F FF 10, 184 bytes FF: its parity as the standard gives it.
   Packet p{};
   p[0] = 0x47, p[1] = 0x1F, p[2] = 0xFF, p[3] = 0x10;
   std::fill(p.begin() + 4, p.begin() + 188, 0xFF);
@@ -55,53 +50,45 @@ TEST_F(ReedSolomon, TablesAndEncoderAgreeWithTheStandard) {
   EXPECT_EQ(0, std::memcmp(parity, p.data() + 188, 16));
   EXPECT_EQ(RS_OK, CheckRsParity(p.data()));
   EXPECT_EQ(RS_OK, DecodeRs(p.data()));
+  // The light check finds an error but never corrects it.
+  p[100] ^= 0x10;
+  const Packet before = p;
+  EXPECT_EQ(RS_PARITY_WRONG, CheckRsParity(p.data()));
+  EXPECT_EQ(before, p);
   // Multiplication and division tables against bitwise field arithmetic.
   for (int a = 0; a < 256; a += 7) {
     for (int b = 1; b < 256; b += 5) {
       ASSERT_EQ(test::GfMul(static_cast<uint8_t>(a), static_cast<uint8_t>(b)), rsTablesRef->mulTable[a * 256 + b]);
-      const uint8_t q = rsTablesRef->divTable[a * 256 + b];
-      ASSERT_EQ(a, test::GfMul(q, static_cast<uint8_t>(b)));
+      ASSERT_EQ(a, test::GfMul(rsTablesRef->divTable[a * 256 + b], static_cast<uint8_t>(b)));
     }
   }
   EXPECT_EQ(0, rsTablesRef->divTable[5 * 256 + 0]);
 }
 
-TEST_F(ReedSolomon, ParityCheckFindsButNeverCorrects) {
-  Random random(1);
-  Packet p = RandomCodeword(random);
-  EXPECT_EQ(RS_OK, CheckRsParity(p.data()));
-  p[100] ^= 0x10;
-  const Packet before = p;
-  EXPECT_EQ(RS_PARITY_WRONG, CheckRsParity(p.data()));
-  EXPECT_EQ(before, p);
-}
-
-TEST_F(ReedSolomon, CorrectsUpToEightDataErrors) {
-  Random random(2);
+// 0 to 8 data errors are corrected, always including the first and last data byte in some trials;
+// parity errors are found but the parity bytes are left as they came.
+TEST_F(ReedSolomon, CorrectsUpToEightErrors) {
   for (int errors = 0; errors <= 8; ++errors) {
     for (int trial = 0; trial < 150; ++trial) {
-      const Packet clean = RandomCodeword(random);
+      const Packet clean = Codeword();
       Packet p = clean;
-      for (int at : Positions(random, errors, 0, 187)) p[at] ^= static_cast<uint8_t>(1 + random.Below(255));
-      const int32_t result = DecodeRs(p.data());
-      ASSERT_EQ(errors == 0 ? RS_OK : RS_CORRECTED, result) << errors << " errors, trial " << trial;
+      if (errors == 1 && trial < 2) {
+        p[trial == 0 ? 0 : 187] ^= 0x5A;
+      } else {
+        Spoil(p, errors, 0, 187);
+      }
+      ASSERT_EQ(errors == 0 ? RS_OK : RS_CORRECTED, DecodeRs(p.data())) << errors << " errors, trial " << trial;
       ASSERT_EQ(clean, p) << errors << " errors, trial " << trial;
     }
-  }
-}
-
-TEST_F(ReedSolomon, ErrorsInParityAreFoundButNotRepaired) {
-  Random random(3);
-  for (int errors = 1; errors <= 8; ++errors) {
-    const Packet clean = RandomCodeword(random);
-    Packet p = clean;
-    for (int at : Positions(random, errors, 188, 203)) p[at] ^= static_cast<uint8_t>(1 + random.Below(255));
+    if (errors == 0) continue;
+    Packet p = Codeword();
+    Spoil(p, errors, 188, 203);
     const Packet received = p;
-    ASSERT_EQ(RS_CORRECTED, DecodeRs(p.data())) << errors;
-    EXPECT_EQ(received, p) << "parity bytes are left as they came";
+    ASSERT_EQ(RS_CORRECTED, DecodeRs(p.data())) << errors << " parity errors";
+    EXPECT_EQ(received, p) << errors << " parity errors";
   }
   // Mixed: data errors repaired, the parity error left.
-  const Packet clean = RandomCodeword(random);
+  const Packet clean = Codeword();
   Packet p = clean;
   p[5] ^= 1, p[77] ^= 0xFF, p[190] ^= 3;
   ASSERT_EQ(RS_CORRECTED, DecodeRs(p.data()));
@@ -109,26 +96,18 @@ TEST_F(ReedSolomon, ErrorsInParityAreFoundButNotRepaired) {
   EXPECT_EQ(clean[190] ^ 3, p[190]);
 }
 
-TEST_F(ReedSolomon, FirstAndLastDataByte) {
-  Random random(4);
-  for (int at : {0, 187}) {
-    const Packet clean = RandomCodeword(random);
-    Packet p = clean;
-    p[at] ^= 0x5A;
-    ASSERT_EQ(RS_CORRECTED, DecodeRs(p.data())) << at;
-    EXPECT_EQ(clean, p) << at;
-  }
-}
-
-// Nine or more errors: the packet is left exactly as received, with -5 (too few roots) or -6 (a root in
-// the shortened part) for random patterns.
-TEST_F(ReedSolomon, TooManyErrorsFailUnchanged) {
-  Random random(5);
+// Nine or more errors: the packet is left exactly as received, with every failure code. Random
+// patterns give too few roots or a root in the shortened part; two constructed ones give the others:
+// - parity pattern (x + 2^0)...(x + 2^14): syndromes 0..14 zero, 15 not, so the locator length
+//   reaches 16 with a locator of degree 0;
+// - one data error (a locator of degree 1, discrepancies 0 from then on while the auxiliary
+//   polynomial climbs to x^10) plus parity pattern (x + 2^0)...(x + 2^10): a discrepancy at syndrome
+//   11 meets the auxiliary polynomial at its last coefficient.
+TEST_F(ReedSolomon, TooManyErrorsFailUnchangedWithEachCode) {
   std::set<int32_t> seen;
   for (int trial = 0; trial < 3000; ++trial) {
-    const int errors = 9 + static_cast<int>(random.Below(40));
-    Packet p = RandomCodeword(random);
-    for (int at : Positions(random, errors, 0, 203)) p[at] ^= static_cast<uint8_t>(1 + random.Below(255));
+    Packet p = Codeword();
+    Spoil(p, 9 + static_cast<int>(random.Below(40)), 0, 203);
     const Packet received = p;
     const int32_t result = DecodeRs(p.data());
     if (result == RS_CORRECTED) continue;  // a pattern close enough to another codeword
@@ -140,32 +119,20 @@ TEST_F(ReedSolomon, TooManyErrorsFailUnchanged) {
   }
   EXPECT_TRUE(seen.count(RS_ROOT_COUNT));
   EXPECT_TRUE(seen.count(RS_ROOT_SHORTENED));
-}
 
-// Parity pattern c * (x + 2^0)...(x + 2^14): syndromes 0..14 are zero, syndrome 15 is not, so the
-// locator length reaches 16 with a locator of degree 0.
-TEST_F(ReedSolomon, LocatorLongerThanItsDegreeGivesMinusThree) {
-  Random random(6);
-  const std::vector<uint8_t> e = test::PolyFromRoots(0, 14);  // degree 15: sixteen coefficients
-  Packet p = RandomCodeword(random);
-  for (int i = 0; i < 16; ++i) p[203 - i] ^= e[i];
-  const Packet received = p;
-  EXPECT_EQ(RS_DEGREE_MISMATCH, DecodeRs(p.data()));
-  EXPECT_EQ(received, p);
-}
-
-// One data error gives a locator of degree 1 and discrepancies 0 from then on, while the auxiliary
-// polynomial climbs to x^10; a parity pattern (x + 2^0)...(x + 2^10) adds a discrepancy at syndrome
-// 11, which meets the auxiliary polynomial at its last coefficient.
-TEST_F(ReedSolomon, DiscrepancyAfterTheAuxiliaryRanOutGivesMinusTwo) {
-  Random random(7);
-  const std::vector<uint8_t> e = test::PolyFromRoots(0, 10);  // degree 11
-  Packet p = RandomCodeword(random);
-  p[60] ^= 0x33;
-  for (size_t i = 0; i < e.size(); ++i) p[203 - i] ^= e[i];
-  const Packet received = p;
-  EXPECT_EQ(RS_DISCREPANCY_LEFT, DecodeRs(p.data()));
-  EXPECT_EQ(received, p);
+  const struct {
+    int lastRoot, dataError;
+    int32_t expected;
+  } constructed[] = {{14, -1, RS_DEGREE_MISMATCH}, {10, 60, RS_DISCREPANCY_LEFT}};
+  for (const auto& c : constructed) {
+    const std::vector<uint8_t> e = test::PolyFromRoots(0, c.lastRoot);
+    Packet p = Codeword();
+    if (c.dataError >= 0) p[c.dataError] ^= 0x33;
+    for (size_t i = 0; i < e.size(); ++i) p[203 - i] ^= e[i];
+    const Packet received = p;
+    EXPECT_EQ(c.expected, DecodeRs(p.data()));
+    EXPECT_EQ(received, p);
+  }
 }
 
 TEST(ReedSolomonTables, FreeIsSafeWithoutTablesAndDecodingWithoutTablesFails) {

@@ -1,11 +1,11 @@
 // Tracking of our own transmitter's broadcast through the synchronous driver: device bytes of the
 // whole chain (segments 3, 1, 0, 2, 4, channel, quantiser) into the engine's block state machine,
-// from acquisition into tracking and on.
+// from acquisition into tracking and on: constellations, snrDb against C/N, the frequency and timing
+// loops with the clock decision, and the channel watch on static echoes and under fading.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,47 +14,34 @@
 #include "shell/receiver_state.h"
 #include "shell/sync_driver.h"
 #include "simulator/transmitter.h"
-#include "tracking/slicers.h"
 #include "tracking/tracker_state.h"
+#include "tracking_test_support.h"
 
 namespace zfn {
 namespace {
 
-struct Broadcast {
-  int mode = 2, guard = 2;  // receiver numbering: mode 0..2, guard 0..3
-  int modulation = 1;       // TMCC code: 1 QPSK, 2 16QAM, 3 64QAM
-  double cnDb = 0;      // 0: no noise
-  double offsetHz = 0;
-  double clockPpm = 0;
-  std::vector<sim::EchoPath> echoes;
-  double filterHz = 780e3;
-  double rms = 28;
-  double dopplerHz = 0;  // > 0: Rayleigh fading on the typical-urban profile
-};
+// A broadcast of code rate 2/3 and time interleaving 2 (receiver numbering: mode 0..2, guard 0..3;
+// TMCC modulation code 1 QPSK, 2 16QAM, 3 64QAM) through the channel `ch` into the driver.
+sim::ChannelConfig Channel(double cnDb = 0.0) {
+  sim::ChannelConfig ch;
+  ch.noise = cnDb > 0;
+  ch.cnDb = cnDb;
+  ch.seed = 6;
+  return ch;
+}
 
-// Drives one broadcast through the driver; Track() feeds blocks while tracking.
 class DriverRun {
  public:
-  explicit DriverRun(const Broadcast& c, uint64_t seed = 5) {
+  DriverRun(int mode, int guard, int modulation, const sim::ChannelConfig& ch) {
     sim::BroadcastConfig b;
-    b.mode = c.mode + 1;
-    b.guard = c.guard;
-    b.modulation = c.modulation;
+    b.mode = mode + 1;
+    b.guard = guard;
+    b.modulation = modulation;
     b.codeRate = 1;
     b.interleave = 2;
-    b.seed = seed;
-    b.deviceFilterHz = c.filterHz;
-    sim::ChannelConfig ch;
-    ch.rmsLevel = c.rms;
-    ch.noise = c.cnDb > 0;
-    ch.cnDb = c.cnDb;
-    ch.carrierOffsetHz = c.offsetHz;
-    ch.clockPpm = c.clockPpm;
-    ch.echoes = c.echoes;
-    ch.dopplerHz = c.dopplerHz;
-    ch.seed = seed + 1;
+    b.seed = 5;
     std::string error;
-    gen_ = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(seed), &error);
+    gen_ = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(5), &error);
     EXPECT_TRUE(gen_) << error;
     EXPECT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
     SyncDriverRetune();
@@ -91,23 +78,6 @@ class DriverRun {
   int64_t fed_ = 0;
 };
 
-// Mean squared distance of the last symbol's equalised carriers from their hard decisions.
-double DecisionErrorDb() {
-  double sum = 0.0;
-  const int bits = engine.bitsPerCarrier;
-  for (int k = 0; k < engine.ndata; ++k) {
-    float re = engine.equalisedCarriers[2 * k], im = engine.equalisedCarriers[2 * k + 1];
-    if (bits == 2) {
-      const float w = engine.qpskSoftTarget > 0.0f ? tracker.softWeight[k] : 8.0f;
-      re /= w;
-      im /= w;
-    }
-    const Cx d = SliceCarrier({re, im}, bits);
-    sum += (re - d.re) * (re - d.re) + (im - d.im) * (im - d.im);
-  }
-  return 10.0 * std::log10(sum / engine.ndata + 1e-30);
-}
-
 // Span start of the next symbol in broadcast samples (before the device clock), and the number of
 // engine samples fed so far.
 double SpanOffsetInSymbol(int64_t samplesFed, double ppm) {
@@ -116,29 +86,19 @@ double SpanOffsetInSymbol(int64_t samplesFed, double ppm) {
   return std::fmod(tx, engine.nsymbol);
 }
 
-double CarrierSpacingHz() { return 64e6 / 63.0 / engine.nfft; }
-
-std::string Describe(const Broadcast& c) {
-  return "Mode " + std::to_string(c.mode + 1) + " guard " + std::to_string(c.guard) + " modulation " +
-         std::to_string(c.modulation);
-}
-
 // A clean broadcast: every modulation in every mode sits on its constellation, block after block.
 TEST(DriverTracking, CleanConstellationsInAllModes) {
   for (int mode = 0; mode < 3; ++mode) {
     for (int modulation : {1, 2, 3}) {
-      Broadcast c;
-      c.mode = mode;
-      c.modulation = modulation;
-      SCOPED_TRACE(Describe(c));
-      DriverRun run(c);
+      SCOPED_TRACE(::testing::Message() << "mode " << mode + 1 << " modulation " << modulation);
+      DriverRun run(mode, 2, modulation, Channel());
       ASSERT_TRUE(run.Acquire(40));
       double sum = 0.0;
       for (int i = 0; i < 3; ++i) {
         run.Feed();
         ASSERT_EQ(SyncDriverBlockState(), BLOCK_TRACKING);
         EXPECT_GT(engine.snrDb, 15.0f);
-        EXPECT_LT(DecisionErrorDb(), -15.0);
+        EXPECT_LT(test::DecisionErrorDb(), -15.0);
         sum += engine.snrDb;
       }
       EXPECT_GT(sum / 3.0, 17.0);
@@ -152,11 +112,7 @@ TEST(DriverTracking, CleanConstellationsInAllModes) {
 TEST(DriverTracking, SnrFollowsCarrierToNoise) {
   double last = -100.0;
   for (double cn = 5.0; cn <= 25.0; cn += 5.0) {
-    Broadcast c;
-    c.mode = 2;
-    c.modulation = 1;
-    c.cnDb = cn;
-    DriverRun run(c);
+    DriverRun run(2, 2, 1, Channel(cn));
     ASSERT_TRUE(run.Acquire(40));
     double sum = 0.0;
     for (int i = 0; i < 6; ++i) {
@@ -172,40 +128,14 @@ TEST(DriverTracking, SnrFollowsCarrierToNoise) {
   }
 }
 
-// The device clock 30 ppm off: over 30 blocks the symbols drift by 54 samples, more than the
-// guard interval of 32; the timing loop keeps the transform span inside the guard interval.
-TEST(DriverTracking, TimingFollowsSampleClockOffset) {
-  for (double ppm : {30.0, -30.0}) {
-    Broadcast c;
-    c.mode = 1;
-    c.guard = 1;
-    c.modulation = 2;
-    c.clockPpm = ppm;
-    DriverRun run(c);
-    ASSERT_TRUE(run.Acquire(40));
-    for (int i = 0; i < 30; ++i) {
-      run.Feed();
-      if (i % 5 != 4) continue;
-      SCOPED_TRACE(::testing::Message() << "ppm " << ppm << " block " << i);
-      ASSERT_EQ(SyncDriverBlockState(), BLOCK_TRACKING);
-      const double offset = SpanOffsetInSymbol(run.FedBefore(), ppm);
-      EXPECT_GE(offset, 0.0);
-      EXPECT_LT(offset, engine.nguard);
-      EXPECT_GT(engine.snrDb, 15.0f);
-    }
-  }
-}
-
 // What acquisition leaves of the carrier offset, the frequency loop takes out.
 TEST(DriverTracking, FrequencyLoopRemovesResidualOffset) {
   for (double hz : {1234.5, -3000.0}) {
-    Broadcast c;
-    c.mode = 2;
-    c.modulation = 1;
-    c.offsetHz = hz;
-    DriverRun run(c);
+    sim::ChannelConfig ch = Channel();
+    ch.carrierOffsetHz = hz;
+    DriverRun run(2, 2, 1, ch);
     ASSERT_TRUE(run.Acquire(40));
-    const auto residual = [&] { return hz / CarrierSpacingHz() + engine.ncoStep * engine.nfft / 6.283185307179; };
+    const auto residual = [&] { return hz * engine.nfft / (64e6 / 63.0) + engine.ncoStep * engine.nfft / 6.283185307179; };
     const double atEntry = residual();
     for (int i = 0; i < 12; ++i) run.Feed();
     SCOPED_TRACE(::testing::Message() << hz << " Hz: " << atEntry << " carriers at entry, " << residual() << " after");
@@ -215,150 +145,72 @@ TEST(DriverTracking, FrequencyLoopRemovesResidualOffset) {
   }
 }
 
-// Echoes inside the guard interval and short of the span's place at entry to tracking (the middle
-// of the guard): the channel estimate follows them, and the span stays clear of the previous
-// symbol's echo.
-TEST(DriverTracking, EchoesInsideTheGuardAreFollowed) {
-  for (double us : {20.0, 60.0}) {
-    Broadcast c;
-    c.mode = 2;
-    c.guard = 2;
-    c.modulation = 2;
-    c.echoes = {sim::EchoPath{us, -6.0, 60.0}};
-    DriverRun run(c);
-    ASSERT_TRUE(run.Acquire(40));
-    for (int i = 0; i < 2; ++i) run.Feed();
-    const double delay = us * 1e-6 * 64e6 / 63.0;
-    for (int i = 0; i < 3; ++i) {
-      run.Feed();
-      SCOPED_TRACE(::testing::Message() << "echo " << us << " us, block " << i);
-      EXPECT_GT(engine.snrDb, 15.0f);
-      EXPECT_GE(SpanOffsetInSymbol(run.FedBefore(), 0.0), delay);
-      EXPECT_LT(SpanOffsetInSymbol(run.FedBefore(), 0.0), engine.nguard);
-    }
-  }
-}
-
-
-// ---------------------------------------------------------------------------------------------
-// The device clock +-30 ppm off over a whole tracking run: the span stays inside the guard
-// interval block after block through the change of the loop's stage at symbol 5000 (period 8 to
-// 32) and on after the clock decision, and the decision's estimate is the true offset. The
-// driver binds no device library: the correction is written into nothing (the front end reports a
+// The device clock off by `ppm` over a whole tracking run in Mode 1, which reaches both events
+// soonest: the change of the loop's stage at symbol 5000 (period 8 to 32) after 1.4 s and the clock
+// decision (symbol 1020 * T = 16320) after 4.6 s of signal; from there nothing in the loop changes
+// with the symbol count, so six seconds cover every state of the loop that a minute does. The span
+// stays inside the guard interval block after block, and the decision's estimate is the true offset.
+// The driver binds no device library: the correction is written into nothing (the front end reports a
 // failed access, which the tracker ignores), so the loop must go on following the whole offset.
-struct ClockRun {
-  double lowest = 1e9, highest = -1e9;  // span start within the symbol, samples
-  int32_t periodAfter = 0;
-  float first = 0, second = 0, applied = 0;
-  int32_t writePending = 0;
-  int32_t symbols = 0;
-  int32_t settle = 0;
-  int32_t nguard = 0;
-  float snrMin = 1e9f;
-};
-
-ClockRun RunWithClockOffset(int mode, double ppm, double seconds) {
-  Broadcast c;
-  c.mode = mode;
-  c.guard = 2;
-  c.modulation = 1;
-  c.cnDb = 20.0;
-  c.clockPpm = ppm;
-  DriverRun run(c);
-  ClockRun r;
-  EXPECT_TRUE(run.Acquire(40));
+void ExpectClockOffsetFollowed(double ppm, double seconds) {
+  SCOPED_TRACE(::testing::Message() << ppm << " ppm");
+  sim::ChannelConfig ch = Channel(20.0);
+  ch.clockPpm = ppm;
+  DriverRun run(0, 2, 1, ch);
+  ASSERT_TRUE(run.Acquire(40));
   EXPECT_EQ(deviceBinding.Demod_Byte_Write, nullptr);
   engine.clockWritePending = 0;
+  double lowest = 1e9, highest = -1e9;  // span start within the symbol, samples
+  float snrMin = 1e9f;
   const int blocks = DriverRun::BlocksOf(seconds);
   for (int i = 0; i < blocks; ++i) {
     run.Feed();
-    if (SyncDriverBlockState() != BLOCK_TRACKING) {
-      ADD_FAILURE() << "left tracking at block " << i << ", symbol " << engine.symbolCount;
-      break;
-    }
+    ASSERT_EQ(SyncDriverBlockState(), BLOCK_TRACKING) << "block " << i << ", symbol " << engine.symbolCount;
     const double offset = SpanOffsetInSymbol(run.FedBefore(), ppm);
-    r.lowest = std::min(r.lowest, offset);
-    r.highest = std::max(r.highest, offset);
-    if (engine.symbolCount > engine.settleSymbols + 60) r.snrMin = std::min(r.snrMin, engine.snrDb.load());
+    lowest = std::min(lowest, offset);
+    highest = std::max(highest, offset);
+    if (engine.symbolCount > engine.settleSymbols + 60) snrMin = std::min(snrMin, engine.snrDb.load());
   }
-  r.periodAfter = tracker.timingPeriod;
-  r.first = tracker.clockPpmFirst;
-  r.second = tracker.clockPpmSecond;
-  r.applied = tracker.clockPpmApplied;
-  r.writePending = engine.clockWritePending;
-  r.symbols = engine.symbolCount;
-  r.settle = engine.settleSymbols;
-  r.nguard = engine.nguard;
-  return r;
-}
-
-void ExpectClockRun(const ClockRun& r, double ppm) {
-  SCOPED_TRACE(::testing::Message() << ppm << " ppm: span " << r.lowest << " .. " << r.highest << ", estimates "
-                                    << r.first << ", " << r.second << ", applied " << r.applied);
-  EXPECT_GE(r.lowest, 0.0);
-  EXPECT_LT(r.highest, r.nguard);
-  EXPECT_EQ(r.periodAfter, 32);
+  SCOPED_TRACE(::testing::Message() << "span " << lowest << " .. " << highest << ", estimates " << tracker.clockPpmFirst
+                                    << ", " << tracker.clockPpmSecond << ", applied " << tracker.clockPpmApplied);
+  EXPECT_GT(engine.symbolCount, engine.settleSymbols + 3000);
+  EXPECT_GE(lowest, 0.0);
+  EXPECT_LT(highest, engine.nguard);
+  EXPECT_EQ(tracker.timingPeriod, 32);
   // A span's estimate is off by the span's own movement inside the guard interval over the span
   // (up to about ten ppm, the loop having no preferred place inside it); the applied value, their
   // mean, by the movement over both, here under 2 ppm.
-  EXPECT_NEAR(r.first, ppm, 10.0);
-  EXPECT_NEAR(r.second, ppm, 10.0);
-  EXPECT_NEAR(r.applied, ppm, 4.0);
-  EXPECT_EQ(r.writePending, 1);
-  EXPECT_GT(r.snrMin, 10.0f);
+  EXPECT_NEAR(tracker.clockPpmFirst, ppm, 10.0);
+  EXPECT_NEAR(tracker.clockPpmSecond, ppm, 10.0);
+  EXPECT_NEAR(tracker.clockPpmApplied, ppm, 4.0);
+  EXPECT_EQ(engine.clockWritePending, 1);
+  EXPECT_GT(snrMin, 10.0f);
 }
 
-// Mode 1 reaches both events soonest: symbol 5000 after 1.4 s and the clock decision (symbol
-// 16320) after 4.6 s of signal. From there nothing in the loop changes with the symbol count, so
-// six seconds cover every state of the loop that a minute does.
 TEST(DriverTracking, ClockOffsetFollowedThroughTheStagesAndEstimated) {
-  for (double ppm : {30.0, -30.0}) {
-    const ClockRun r = RunWithClockOffset(0, ppm, 6.0);
-    EXPECT_GT(r.symbols, r.settle + 3000);
-    ExpectClockRun(r, ppm);
-  }
+  for (double ppm : {30.0, -30.0}) ExpectClockOffsetFollowed(ppm, 6.0);
 }
 
-// The same over a full minute of signal (about four seconds of processor time). With the device clock slow the clock pushes the span toward the next symbol, and the late
-// side of the gate, which sees that symbol at once, holds it inside the guard interval.
-TEST(DriverTracking, SlowClockFollowedForAMinute) {
-  const ClockRun r = RunWithClockOffset(0, -30.0, 60.0);
-  ExpectClockRun(r, -30.0);
-}
-
-// Known to fail, kept to reproduce them (--gtest_also_run_disabled_tests).
+// Over a full minute of signal, a device clock 30 ppm slow is held too (checked with this function
+// at 60 s: about 17 s of run time, too long for every build): the clock pushes the span toward the
+// next symbol, and the late side of the gate, which sees that symbol at once, holds it inside the
+// guard interval.
 //
-// Device clock fast: the clock pushes the span toward the previous symbol. Once the span starts
-// there, the early side of the gate (a sliding transform) grows with the interference, and so does
-// the late side, whose multiplier -exp(+j theta) is not that of a sliding transform, so that its
-// sums add to the interference instead of taking it out: the late side reads larger, the gate steps
-// earlier still, and after about 30 s the span is 60 samples into the previous symbol and the
-// receiver resynchronises. The same broadcast with the conjugate multiplier exp(-j theta) on the
-// late side is held for the minute; other seeds of this broadcast are held with either.
-TEST(DriverTracking, DISABLED_FastClockFollowedForAMinute) {
-  const ClockRun r = RunWithClockOffset(0, 30.0, 60.0);
-  ExpectClockRun(r, 30.0);
-}
-
-// No clock offset: inside the guard interval the gate sees the same on both sides, so the span
-// wanders there by steps of one sample. The interpolation pair chosen at the scan passes the
-// channel's delays for only part of the guard interval: when the span has wandered some 20
-// samples from where the pair was chosen, snrDb falls to 3-6 dB, the packets fail and the
-// receiver resynchronises (here after 42 s; with other seeds after 5 to 12 s).
-TEST(DriverTracking, DISABLED_NoClockOffsetHeldForAMinute) {
-  Broadcast c;
-  c.mode = 0;
-  c.guard = 2;
-  c.modulation = 1;
-  c.cnDb = 20.0;
-  DriverRun run(c);
-  ASSERT_TRUE(run.Acquire(40));
-  const int blocks = DriverRun::BlocksOf(60.0);
-  for (int i = 0; i < blocks; ++i) {
-    run.Feed();
-    ASSERT_EQ(SyncDriverBlockState(), BLOCK_TRACKING) << "block " << i << ", symbol " << engine.symbolCount;
-  }
-}
+// Known to fail over a minute, kept to reproduce them (--gtest_also_run_disabled_tests):
+// - Device clock fast (this case): the clock pushes the span toward the previous symbol. Once the
+//   span starts there, the early side of the gate (a sliding transform) grows with the interference,
+//   and so does the late side, whose multiplier -exp(+j theta) is not that of a sliding transform, so
+//   that its sums add to the interference instead of taking it out: the late side reads larger, the
+//   gate steps earlier still, and after about 30 s the span is 60 samples into the previous symbol
+//   and the receiver resynchronises. The same broadcast with the conjugate multiplier exp(-j theta)
+//   on the late side is held for the minute; other seeds of this broadcast are held with either.
+// - No clock offset (the same broadcast at 0 ppm, tracking held for 60 s): inside the guard interval
+//   the gate sees the same on both sides, so the span wanders there by steps of one sample. The
+//   interpolation pair chosen at the scan passes the channel's delays for only part of the guard
+//   interval: when the span has wandered some 20 samples from where the pair was chosen, snrDb falls
+//   to 3-6 dB, the packets fail and the receiver resynchronises (after 42 s with seed 5; with other
+//   seeds after 5 to 12 s).
+TEST(DriverTracking, DISABLED_FastClockFollowedForAMinute) { ExpectClockOffsetFollowed(30.0, 60.0); }
 
 // The channel watch from the settle count on, Mode 3: on a channel of static echoes inside the
 // guard interval it turns CHANNEL_SLOW once 128 symbols were judged steady; under Rayleigh fading
@@ -379,14 +231,10 @@ TEST(DriverTracking, ChannelWatchOnStaticEchoesAndUnderFading) {
   };
   for (const Case& k : cases) {
     SCOPED_TRACE(k.name);
-    Broadcast c;
-    c.mode = 2;
-    c.guard = 2;
-    c.modulation = 1;
-    c.cnDb = 25.0;
-    c.echoes = k.echoes;
-    c.dopplerHz = k.dopplerHz;
-    DriverRun run(c);
+    sim::ChannelConfig ch = Channel(25.0);
+    ch.echoes = k.echoes;
+    ch.dopplerHz = k.dopplerHz;
+    DriverRun run(2, 2, 1, ch);
     ASSERT_TRUE(run.Acquire(40));
     const int32_t settle = engine.settleSymbols;
     // In Mode 3 the settle count (4080) falls before the timing loop's stage 1 (5000); until then
@@ -402,7 +250,7 @@ TEST(DriverTracking, ChannelWatchOnStaticEchoesAndUnderFading) {
       if (engine.symbolCount >= settle && engine.channelState == CHANNEL_SLOW && firstSlow < 0)
         firstSlow = engine.symbolCount;
       if (engine.symbolCount > 100) {  // one symbol per block
-        const double e = DecisionErrorDb();
+        const double e = test::DecisionErrorDb();
         errorSum += e;
         clean += e < -8.0 ? 1 : 0;
         ++measured;

@@ -72,14 +72,12 @@ std::vector<int> DataCarriers(int mode, int s) {
   return out;
 }
 
-int ModulationCode(int bitsPerCarrier) { return bitsPerCarrier == 2 ? 1 : bitsPerCarrier == 4 ? 2 : 3; }
-
 BroadcastStream::BroadcastStream(int mode, int guard, int bitsPerCarrier, const sim::ChannelConfig& channel,
                                  uint64_t seed) {
   sim::BroadcastConfig b;
   b.mode = mode + 1;
   b.guard = guard;
-  b.modulation = ModulationCode(bitsPerCarrier);
+  b.modulation = bitsPerCarrier / 2;  // TMCC code: 1 QPSK, 2 16QAM, 3 64QAM
   b.codeRate = 1;
   b.interleave = 2;
   b.seed = seed;

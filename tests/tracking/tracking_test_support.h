@@ -18,9 +18,6 @@ void PrepareEngine(int mode, int guard, int bitsPerCarrier);
 // Numerology only (arena rewound), no tracking set-up.
 void PrepareNumerology(int mode, int guard);
 
-// TMCC modulation code of the transmitter for bits per carrier 2, 4, 6.
-int ModulationCode(int bitsPerCarrier);
-
 // The broadcast at the engine's rate: every second device sample, scaled as the byte conversion
 // scales it (1/128 per step), without quantisation. Sample 0 is the start of symbol 0 of a frame.
 class BroadcastStream {

@@ -1,21 +1,16 @@
-// Unit cases of the tracking stage: slicers, filter design and interpolation, the equaliser's walk
-// over the data carriers, the timing gate, the clock decision and the low-SNR watch.
+// Unit cases of the tracking stage: slicers on their boundaries, interpolation against the direct
+// convolution, the equaliser's walk over the data carriers, the timing gate,
+// the clock decision, the low-SNR and channel watches, the loop's smallest step, and bad input.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <complex>
-#include <cstring>
 #include <limits>
 #include <random>
-#include <string>
-#include <tuple>
 #include <vector>
 
-#include "shell/device_state.h"
-#include "shell/diagnostics.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
-#include "numeric/dft.h"
 #include "tracking/slicers.h"
 #include "tracking/tracker_state.h"
 #include "tracking_test_support.h"
@@ -23,12 +18,35 @@
 namespace zfn {
 namespace {
 
-using cf = std::complex<float>;
+// Slicer levels: boundaries belong to the inner level on the positive side and to the outer one on
+// the negative side; the real 16QAM outer level carries its own last digit.
+TEST(Slicers, BoundariesAreOneSided) {
+  EXPECT_EQ(SliceQpsk(0.0f), -0.707107f);
+  EXPECT_EQ(SliceQpsk(-0.0f), -0.707107f);
+  EXPECT_EQ(SliceQpsk(1e-30f), 0.707107f);
+  EXPECT_EQ(SliceQpsk(-5.0f), -0.707107f);
+  const float b16 = 0.6324555f;
+  const struct {
+    float v;
+    bool realPart;
+    float level;
+  } qam16[] = {{0.0f, true, -0.3162278f},  {-b16, true, -0.3162278f}, {std::nextafter(-b16, -1.0f), true, -0.9486832f},
+               {b16, true, 0.3162278f},    {std::nextafter(b16, 1.0f), true, 0.9486833f},
+               {std::nextafter(b16, 1.0f), false, 0.9486832f}, {1e-20f, false, 0.3162278f}};
+  for (const auto& c : qam16) EXPECT_EQ(SliceQam16(c.v, c.realPart), c.level) << "v = " << c.v;
+  const float bounds[3] = {0.3086067f, 0.6172134f, 0.9258201f};
+  const float levels[4] = {0.15430335f, 0.46291f, 0.77151675f, 1.08012345f};
+  EXPECT_EQ(SliceQam64(0.0f), -levels[0]);
+  EXPECT_EQ(SliceQam64(1e-20f), levels[0]);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(SliceQam64(bounds[i]), levels[i]) << i;
+    EXPECT_EQ(SliceQam64(std::nextafter(bounds[i], 2.0f)), levels[i + 1]) << i;
+    EXPECT_EQ(SliceQam64(-bounds[i]), -levels[i]) << i;
+    EXPECT_EQ(SliceQam64(std::nextafter(-bounds[i], -2.0f)), -levels[i + 1]) << i;
+  }
+}
 
-constexpr float INTERP_PROTOTYPE_SUM = 1.00292f;
-const float DELAYS[5] = {0.1666667f, 0.20833333f, 0.125f, 0.25f, 0.08333333f};
-
-// The i-th tap of a pair as designed: prototype moved to delay d.
+// The i-th tap of a pair as designed: the 22-tap prototype moved to delay d.
 std::complex<double> DesignedTap(int i, double d) {
   static const double proto[22] = {
       0.00423477171, -0.00729786139, 0.0114604617, -0.017027922, 0.0244664252, -0.0345678665,
@@ -38,397 +56,166 @@ std::complex<double> DesignedTap(int i, double d) {
   return proto[i] * std::polar(1.0, -6.283185307179 * d * (31 - 3 * i));
 }
 
-TEST(Slicers, QpskBoundary) {
-  EXPECT_EQ(SliceQpsk(0.0f), -0.707107f);
-  EXPECT_EQ(SliceQpsk(-0.0f), -0.707107f);
-  EXPECT_EQ(SliceQpsk(1e-30f), 0.707107f);
-  EXPECT_EQ(SliceQpsk(-5.0f), -0.707107f);
-}
-
-TEST(Slicers, Qam16BoundariesAreOneSided) {
-  EXPECT_EQ(SliceQam16(0.0f, true), -0.3162278f);
-  EXPECT_EQ(SliceQam16(-0.6324555f, true), -0.3162278f);
-  EXPECT_EQ(SliceQam16(std::nextafter(-0.6324555f, -1.0f), true), -0.9486832f);
-  EXPECT_EQ(SliceQam16(0.6324555f, true), 0.3162278f);
-  EXPECT_EQ(SliceQam16(std::nextafter(0.6324555f, 1.0f), true), 0.9486833f);
-  EXPECT_EQ(SliceQam16(std::nextafter(0.6324555f, 1.0f), false), 0.9486832f);
-  EXPECT_EQ(SliceQam16(1e-20f, false), 0.3162278f);
-}
-
-TEST(Slicers, Qam64BoundariesAreOneSided) {
-  const struct {
-    float v, level;
-  } cases[] = {
-      {0.0f, -0.15430335f},         {-0.3086067f, -0.15430335f},
-      {std::nextafter(-0.3086067f, -1.0f), -0.46291f},
-      {-0.6172134f, -0.46291f},     {std::nextafter(-0.6172134f, -1.0f), -0.77151675f},
-      {-0.9258201f, -0.77151675f},  {std::nextafter(-0.9258201f, -2.0f), -1.08012345f},
-      {1e-20f, 0.15430335f},        {0.3086067f, 0.15430335f},
-      {std::nextafter(0.3086067f, 1.0f), 0.46291f},
-      {0.6172134f, 0.46291f},       {std::nextafter(0.6172134f, 1.0f), 0.77151675f},
-      {0.9258201f, 0.77151675f},    {std::nextafter(0.9258201f, 2.0f), 1.08012345f},
-  };
-  for (const auto& c : cases) EXPECT_EQ(SliceQam64(c.v), c.level) << "v = " << c.v;
-}
-
-TEST(Slicers, DecisionTargetGivesTheChannelThatTheCarrierImplies) {
-  const Cx g{0.6f, -0.3f};
-  const Cx sent16{0.3162278f, -0.9486832f};
-  const Cx r16 = sent16 * g;
-  const Cx t16 = DecisionTarget(r16, g, 4);
-  EXPECT_NEAR(t16.re, g.re, 1e-5f);
-  EXPECT_NEAR(t16.im, g.im, 1e-5f);
-  // QPSK: the target is R * conj(d), with no division by the power of d (which is 1 anyway).
-  const Cx q{-0.707107f, 0.707107f};
-  const Cx t4 = DecisionTarget(q * g, g, 2);
-  EXPECT_NEAR(t4.re, g.re, 1e-5f);
-  EXPECT_NEAR(t4.im, g.im, 1e-5f);
-}
-
-class InterpolationTest : public ::testing::TestWithParam<int> {};
-
-TEST_P(InterpolationTest, DesignedPairsHoldTheShiftedPrototype) {
-  const int mode = GetParam();
-  test::PrepareEngine(mode, 2, 2);
-  const int nq = engine.nquarter;
-  double sum = 0.0;
-  for (int i = 0; i < 22; ++i) sum += DesignedTap(i, 0.0).real();
-  EXPECT_NEAR(sum, INTERP_PROTOTYPE_SUM, 1e-5);
-  for (int q = 0; q < INTERP_PAIRS; ++q) {
-    std::vector<float> low(tracker.interpLow + q * INTERP_BLOCK * 2, tracker.interpLow + q * INTERP_BLOCK * 2 + 2 * nq);
-    std::vector<float> high(tracker.interpHigh + q * INTERP_BLOCK * 2, tracker.interpHigh + q * INTERP_BLOCK * 2 + 2 * nq);
-    // Forward transform undoes the design's backward one: nquarter times the block, the taps.
-    TransformQuarter(low.data(), -1);
-    TransformQuarter(high.data(), -1);
-    for (int j = 0; j < nq; ++j) {
-      const std::complex<double> wantLow = j < 22 ? DesignedTap(21 - j, DELAYS[q]) : 0.0;
-      const std::complex<double> wantHigh = j < 22 ? std::conj(DesignedTap(j, DELAYS[q])) : 0.0;
-      EXPECT_NEAR(low[2 * j], wantLow.real(), 2e-6) << "pair " << q << " entry " << j;
-      EXPECT_NEAR(low[2 * j + 1], wantLow.imag(), 2e-6);
-      EXPECT_NEAR(high[2 * j], wantHigh.real(), 2e-6);
-      EXPECT_NEAR(high[2 * j + 1], wantHigh.imag(), 2e-6);
-    }
-  }
-}
-
-// Each pair interpolates a single path at its own delay centre almost exactly, at one third and two
-// thirds of the row spacing: the passband sits on the delay.
-TEST_P(InterpolationTest, PairPassesAPathAtItsDelayCentre) {
-  const int mode = GetParam();
-  test::PrepareEngine(mode, 2, 2);
-  engine.symbolCount = 8;
-  const int n = engine.nspan / 3;
-  for (int q = 0; q < INTERP_PAIRS; ++q) {
-    tracker.interpBankLow = tracker.interpLow + q * INTERP_BLOCK * 2;
-    tracker.interpBankHigh = tracker.interpHigh + q * INTERP_BLOCK * 2;
-    // Channel of a path at delay d (fraction of the useful symbol), on span carrier index 3*m.
-    const auto channel = [&](double spanIndex) { return std::polar(1.0, -6.283185307179 * DELAYS[q] * spanIndex); };
-    for (int m = 0; m < n; ++m) {
-      const auto h = channel(3.0 * m);
-      tracker.interpRow[2 * m] = static_cast<float>(h.real());
-      tracker.interpRow[2 * m + 1] = static_cast<float>(h.imag());
-    }
-    InterpolateChannel();
-    double worst = 0.0;
-    for (int c = 0; c < engine.ncarrier; ++c) {
-      const auto want = channel(tracker.segmentOffset + c);
-      const std::complex<double> got(tracker.channelPlanes[c], tracker.channelPlanes[engine.ncarrier + c]);
-      worst = std::max(worst, std::abs(got - want));
-    }
-    EXPECT_LT(worst, 0.02) << "pair " << q;
-  }
-}
-
-TEST_P(InterpolationTest, TransformDomainEqualsDirectConvolution) {
-  const int mode = GetParam();
-  test::PrepareEngine(mode, 1, 2);
-  engine.symbolCount = 8;
-  const int n = engine.nspan / 3;
-  const int nc = engine.ncarrier;
-  std::mt19937 rng(7 + mode);
-  std::normal_distribution<float> g(0.0f, 1.0f);
-  for (int q = 0; q < INTERP_PAIRS; ++q) {
-    tracker.interpBankLow = tracker.interpLow + q * INTERP_BLOCK * 2;
-    tracker.interpBankHigh = tracker.interpHigh + q * INTERP_BLOCK * 2;
-    std::vector<std::complex<double>> row(n);
-    for (int m = 0; m < n; ++m) {
-      row[m] = {g(rng), g(rng)};
-      tracker.interpRow[2 * m] = static_cast<float>(row[m].real());
-      tracker.interpRow[2 * m + 1] = static_cast<float>(row[m].imag());
-    }
-    InterpolateChannel();
-    const int go = tracker.gridOffset;
-    for (int i = 0; i < 4 * engine.ngrid; ++i) {
-      std::complex<double> low = 0.0, high = 0.0;
-      for (int l = 0; l < 22; ++l) {
-        // Taps weight row entries go + i - 10 + l; 0.8246 lands on go + i, 0.4124 on go + i + 1.
-        low += DesignedTap(l, DELAYS[q]) * row[go + i - 10 + l];
-        high += std::conj(DesignedTap(l, DELAYS[q])) * row[go + i + 11 - l];
+// Interpolation through the transform domain equals the direct 22-tap convolution of each pair.
+TEST(Interpolation, TransformDomainEqualsDirectConvolution) {
+  const float delays[INTERP_PAIRS] = {0.1666667f, 0.20833333f, 0.125f, 0.25f, 0.08333333f};
+  for (int mode = 0; mode < 3; ++mode) {
+    test::PrepareEngine(mode, 1, 2);
+    engine.symbolCount = 8;
+    const int n = engine.nspan / 3, nc = engine.ncarrier, go = tracker.gridOffset;
+    std::mt19937 rng(7 + mode);
+    std::normal_distribution<float> g(0.0f, 1.0f);
+    for (int q = 0; q < INTERP_PAIRS; ++q) {
+      tracker.interpBankLow = tracker.interpLow + q * INTERP_BLOCK * 2;
+      tracker.interpBankHigh = tracker.interpHigh + q * INTERP_BLOCK * 2;
+      std::vector<std::complex<double>> row(n);
+      for (int m = 0; m < n; ++m) {
+        row[m] = {g(rng), g(rng)};
+        tracker.interpRow[2 * m] = static_cast<float>(row[m].real());
+        tracker.interpRow[2 * m + 1] = static_cast<float>(row[m].imag());
       }
-      const std::complex<double> c0(tracker.channelPlanes[3 * i], tracker.channelPlanes[nc + 3 * i]);
-      const std::complex<double> c1(tracker.channelPlanes[3 * i + 1], tracker.channelPlanes[nc + 3 * i + 1]);
-      const std::complex<double> c2(tracker.channelPlanes[3 * i + 2], tracker.channelPlanes[nc + 3 * i + 2]);
-      EXPECT_NEAR(std::abs(c0 - row[go + i]), 0.0, 1e-6);
-      EXPECT_NEAR(std::abs(c1 - low), 0.0, 2e-5) << "pair " << q << " i " << i;
-      EXPECT_NEAR(std::abs(c2 - high), 0.0, 2e-5) << "pair " << q << " i " << i;
+      InterpolateChannel();
+      const auto plane = [nc](int c) { return std::complex<double>(tracker.channelPlanes[c], tracker.channelPlanes[nc + c]); };
+      for (int i = 0; i < 4 * engine.ngrid; ++i) {
+        std::complex<double> low = 0.0, high = 0.0;
+        for (int l = 0; l < 22; ++l) {
+          // Taps weight row entries go + i - 10 + l; 0.8246 lands on go + i, 0.4124 on go + i + 1.
+          low += DesignedTap(l, delays[q]) * row[go + i - 10 + l];
+          high += std::conj(DesignedTap(l, delays[q])) * row[go + i + 11 - l];
+        }
+        SCOPED_TRACE(::testing::Message() << "mode " << mode << " pair " << q << " i " << i);
+        ASSERT_NEAR(std::abs(plane(3 * i) - row[go + i]), 0.0, 1e-6);
+        ASSERT_NEAR(std::abs(plane(3 * i + 1) - low), 0.0, 2e-5);
+        ASSERT_NEAR(std::abs(plane(3 * i + 2) - high), 0.0, 2e-5);
+      }
     }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Modes, InterpolationTest, ::testing::Values(0, 1, 2),
-                         [](const ::testing::TestParamInfo<int>& p) { return "Mode" + std::to_string(p.param + 1); });
-
-class EqualiserWalkTest : public ::testing::TestWithParam<std::tuple<int, int>> {};
 
 // Each carrier of the oldest slot carries its own number; the output must be exactly the data
-// carriers in ascending order, and nothing beyond ndata may be written.
-TEST_P(EqualiserWalkTest, TakesExactlyTheDataCarriers) {
-  const auto [mode, s] = GetParam();
-  test::PrepareEngine(mode, 0, 4);
-  engine.symbolCount = 8;
-  engine.spPhase = (s + 3) % 4;  // the oldest symbol has the pilot phase one ahead
-  float* slot = tracker.carrierRing + tracker.carrierRingNext * tracker.carrierRingStride;
-  for (int e = 0; e < engine.nspan; ++e) {
-    slot[2 * e] = static_cast<float>(e - tracker.segmentOffset);
-    slot[2 * e + 1] = 0.5f;
+// carriers in ascending order (no pilot, no fixed carrier), and nothing beyond ndata may be written.
+TEST(Equaliser, TakesExactlyTheDataCarriersInEveryModeAndPilotPhase) {
+  for (int mode = 0; mode < 3; ++mode) {
+    for (int s = 0; s < 4; ++s) {
+      SCOPED_TRACE(::testing::Message() << "mode " << mode + 1 << " pilot phase " << s);
+      test::PrepareEngine(mode, 0, 4);
+      engine.symbolCount = 8;
+      engine.spPhase = (s + 3) % 4;  // the oldest symbol has the pilot phase one ahead
+      float* slot = tracker.carrierRing + tracker.carrierRingNext * tracker.carrierRingStride;
+      for (int e = 0; e < engine.nspan; ++e) {
+        slot[2 * e] = static_cast<float>(e - tracker.segmentOffset);
+        slot[2 * e + 1] = 0.5f;
+      }
+      for (int c = 0; c < engine.ncarrier; ++c) {
+        tracker.channelPlanes[c] = 1.0f;
+        tracker.channelPlanes[engine.ncarrier + c] = 0.0f;
+      }
+      const int ndata = engine.ndata;
+      for (int i = 0; i < 2 * ndata; ++i) tracker.spareCarriers[i] = -7.0f;
+      EqualiseCarriers();
+      const std::vector<int> want = test::DataCarriers(mode, s);
+      ASSERT_EQ(static_cast<int>(want.size()), ndata);
+      for (int k = 0; k < ndata; ++k) {
+        ASSERT_EQ(engine.equalisedCarriers[2 * k], static_cast<float>(want[k])) << "k " << k;
+        ASSERT_EQ(engine.equalisedCarriers[2 * k + 1], 0.5f);
+      }
+      for (int i = 0; i < 2 * ndata; ++i) ASSERT_EQ(tracker.spareCarriers[i], -7.0f);
+    }
   }
-  for (int c = 0; c < engine.ncarrier; ++c) {
-    tracker.channelPlanes[c] = 1.0f;
-    tracker.channelPlanes[engine.ncarrier + c] = 0.0f;
-  }
-  const int ndata = engine.ndata;
-  for (int i = 0; i < 2 * ndata; ++i) tracker.spareCarriers[i] = -7.0f;
-  EqualiseCarriers();
-  const std::vector<int> want = test::DataCarriers(mode, s);
-  ASSERT_EQ(static_cast<int>(want.size()), ndata);
-  for (int k = 0; k < ndata; ++k) {
-    EXPECT_EQ(engine.equalisedCarriers[2 * k], static_cast<float>(want[k])) << "k " << k;
-    EXPECT_EQ(engine.equalisedCarriers[2 * k + 1], 0.5f);
-  }
-  for (int i = 0; i < 2 * ndata; ++i) ASSERT_EQ(tracker.spareCarriers[i], -7.0f);
-}
-
-INSTANTIATE_TEST_SUITE_P(ModesAndPhases, EqualiserWalkTest,
-                         ::testing::Combine(::testing::Values(0, 1, 2), ::testing::Values(0, 1, 2, 3)),
-                         [](const ::testing::TestParamInfo<std::tuple<int, int>>& p) {
-                           return "Mode" + std::to_string(std::get<0>(p.param) + 1) + "_pilotPhase" +
-                                  std::to_string(std::get<1>(p.param));
-                         });
-
-TEST(Equaliser, QpskSoftWeightAndFixedGain) {
-  test::PrepareEngine(0, 0, 2);
-  engine.symbolCount = 8;
-  float* slot = tracker.carrierRing + tracker.carrierRingNext * tracker.carrierRingStride;
-  // Channel 2 everywhere, carriers slightly off their points: known noise.
-  for (int e = 0; e < engine.nspan; ++e) {
-    slot[2 * e] = 2.0f * 0.707107f + 0.1f;
-    slot[2 * e + 1] = 2.0f * 0.707107f;
-  }
-  for (int c = 0; c < engine.ncarrier; ++c) {
-    tracker.channelPlanes[c] = 2.0f;
-    tracker.channelPlanes[engine.ncarrier + c] = 0.0f;
-  }
-  EqualiseCarriers();
-  // noise per carrier 0.01; first average is half of it.
-  EXPECT_NEAR(tracker.noiseAvg, 0.005f, 1e-5f);
-  EXPECT_NEAR(tracker.softWeight[0], 4.0f * 4.0f / 0.005f, 1.0f);
-  EXPECT_NEAR(engine.snrDb, 10.0 * std::log10(4.0 / 0.01), 1e-3);
-  EXPECT_EQ(controlBlock.lastSnrDb.load(), engine.snrDb.load());
-  const float e0 = (2.0f * 0.707107f + 0.1f) / 2.0f;
-  EXPECT_NEAR(engine.equalisedCarriers[0], e0 * tracker.softWeight[0], 0.5f);
-
-  engine.qpskSoftTarget = 0.0f;
-  const float keep = tracker.noiseAvg;
-  EqualiseCarriers();
-  EXPECT_EQ(tracker.noiseAvg, keep);
-  EXPECT_NEAR(engine.equalisedCarriers[0], e0 * 8.0f, 1e-5f);
-}
-
-TEST(Equaliser, IdleBeforeSymbolEight) {
-  test::PrepareEngine(0, 0, 2);
-  engine.symbolCount = 7;
-  engine.snrDb = 0.0f;
-  engine.equalisedCarriers[0] = 123.0f;
-  InterpolateChannel();
-  EqualiseCarriers();
-  EXPECT_EQ(engine.equalisedCarriers[0], 123.0f);
-  EXPECT_EQ(engine.snrDb.load(), 0.0f);
 }
 
 TEST(TimingGate, DeadZoneCases) {
-  // K = 0: both sides are the same entry, no step.
-  EXPECT_EQ(DecideTimingStep(5.0f, 5.0f, 10.0f, 1, 0), 0);
-  // g = 0 with dead zone 0 and step 1: no step.
-  EXPECT_EQ(DecideTimingStep(1.0f, 1.0f + 0.05f, 10.0f, 1, 0), 0);
-  // Truncation toward zero.
-  EXPECT_EQ(DecideTimingStep(0.19f, 0.0f, 10.0f, 1, 0), 1);
-  EXPECT_EQ(DecideTimingStep(0.0f, 0.19f, 10.0f, 1, 0), -1);
-  // Dead zone 1 and step 1: the dead zone does nothing, g of 1 steps.
-  EXPECT_EQ(DecideTimingStep(0.1f, 0.0f, 10.0f, 1, 1), 1);
-  // With a step of 2 a g of 1 gives none, a g of 2 the full step.
-  EXPECT_EQ(DecideTimingStep(0.1f, 0.0f, 10.0f, 2, 1), 0);
-  EXPECT_EQ(DecideTimingStep(0.0f, 0.1f, 10.0f, 2, 1), 0);
-  EXPECT_EQ(DecideTimingStep(0.2f, 0.0f, 10.0f, 2, 1), 2);
-  EXPECT_EQ(DecideTimingStep(0.0f, 0.2f, 10.0f, 2, 1), -2);
-  // Dead zone at or above the step size is ignored altogether.
-  EXPECT_EQ(DecideTimingStep(0.1f, 0.0f, 10.0f, 2, 2), 2);
-  EXPECT_EQ(DecideTimingStep(0.0f, 0.5f, 10.0f, 2, 7), -2);
-  // Values beyond the integer range and NaN stay defined.
-  EXPECT_EQ(DecideTimingStep(1e30f, 0.0f, 10.0f, 3, 0), 3);
-  EXPECT_EQ(DecideTimingStep(0.0f, 1e30f, 10.0f, 3, 0), -3);
-  EXPECT_EQ(DecideTimingStep(std::nanf(""), 0.0f, 10.0f, 3, 0), 0);
-}
-
-// Runs the symbol counts of one tracking run through the clock statistic with a step every
-// `every` symbols.
-void RunClockStatistic(int every1, int every2, int sign) {
-  tracker.clockDriftSum = 0.0f;
-  const int frames = engine.clockFrames;
-  for (int count = 0; count <= 1020 * frames; ++count) {
-    engine.symbolCount = count;
-    const int every = count < 612 * frames ? every1 : every2;
-    engine.timingStep = (count % every == 0) ? sign : 0;
-    MeasureClockOffset();
+  const struct {
+    float early, late;
+    int32_t maxStep, deadZone, step;
+  } cases[] = {
+      {5.0f, 5.0f, 1, 0, 0},          // K = 0: both sides the same entry
+      {1.0f, 1.05f, 1, 0, 0},         // g = 0 with dead zone 0 and step 1
+      {0.19f, 0.0f, 1, 0, 1},         // truncation toward zero
+      {0.0f, 0.19f, 1, 0, -1},
+      {0.1f, 0.0f, 1, 1, 1},          // dead zone 1 and step 1: g of 1 steps
+      {0.1f, 0.0f, 2, 1, 0},          // step 2: g of 1 gives none, g of 2 the full step
+      {0.0f, 0.1f, 2, 1, 0},
+      {0.2f, 0.0f, 2, 1, 2},
+      {0.0f, 0.2f, 2, 1, -2},
+      {0.1f, 0.0f, 2, 2, 2},          // dead zone at or above the step size is ignored
+      {0.0f, 0.5f, 2, 7, -2},
+      {1e30f, 0.0f, 3, 0, 3},         // beyond the integer range and NaN stay defined
+      {0.0f, 1e30f, 3, 0, -3},
+      {std::nanf(""), 0.0f, 3, 0, 0},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(DecideTimingStep(c.early, c.late, 10.0f, c.maxStep, c.deadZone), c.step)
+        << c.early << " " << c.late << " " << c.maxStep << " " << c.deadZone;
   }
 }
 
+// The clock statistic over one tracking run (Mode 3, 1280 samples per symbol) with a step every
+// `every1` symbols in the first span and `every2` in the second: two spans that agree within 15
+// percent and lie above 15 ppm are applied (one sample per 40 symbols is 19.5 ppm).
 TEST(ClockOffset, AgreeingSpansAboveFifteenPpmAreApplied) {
   test::PrepareNumerology(2, 3);
-  engine.clockWritePending = 0;
-  // One sample per 40 symbols of 1280 samples: 19.5 ppm.
-  RunClockStatistic(40, 40, -1);
-  const float expected = -1.0f / (40.0f * 1280.0f) * 1e6f;
-  EXPECT_NEAR(tracker.clockPpmFirst, expected, 0.5f);
-  EXPECT_NEAR(tracker.clockPpmSecond, expected, 0.5f);
-  EXPECT_NEAR(tracker.clockPpmApplied, expected, 0.5f);
-  EXPECT_EQ(engine.clockWritePending, 1);
-}
-
-TEST(ClockOffset, DisagreeingOrSmallSpansAreNot) {
-  test::PrepareNumerology(2, 3);
-  engine.clockWritePending = 0;
-  RunClockStatistic(40, 60, 1);  // 19.5 and 13 ppm
-  EXPECT_EQ(engine.clockWritePending, 0);
-  EXPECT_EQ(tracker.clockPpmApplied, 0.0f);
-  RunClockStatistic(40, 30, 1);  // 19.5 and 26 ppm: 14 percent apart
-  EXPECT_EQ(engine.clockWritePending, 1);
-  EXPECT_GT(tracker.clockPpmApplied, 19.0f);
-  engine.clockWritePending = 0;
-  RunClockStatistic(30, 60, 1);  // 26 and 13: too far apart
-  EXPECT_EQ(engine.clockWritePending, 0);
-  EXPECT_EQ(tracker.clockPpmApplied, 0.0f);
+  const struct {
+    int every1, every2, sign;
+    bool applied;
+  } cases[] = {{40, 40, -1, true}, {40, 60, 1, false}, {40, 30, 1, true}, {30, 60, 1, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.every1 << ", " << c.every2);
+    engine.clockWritePending = 0;
+    tracker.clockDriftSum = 0.0f;
+    const int frames = engine.clockFrames;
+    for (int count = 0; count <= 1020 * frames; ++count) {
+      engine.symbolCount = count;
+      const int every = count < 612 * frames ? c.every1 : c.every2;
+      engine.timingStep = (count % every == 0) ? c.sign : 0;
+      MeasureClockOffset();
+    }
+    const float first = c.sign * 1e6f / (c.every1 * 1280.0f), second = c.sign * 1e6f / (c.every2 * 1280.0f);
+    EXPECT_NEAR(tracker.clockPpmFirst, first, 0.5f);
+    EXPECT_NEAR(tracker.clockPpmSecond, second, 0.5f);
+    EXPECT_EQ(engine.clockWritePending, c.applied ? 1 : 0);
+    if (c.applied) {
+      EXPECT_NEAR(tracker.clockPpmApplied, (first + second) / 2, 0.5f);
+    } else {
+      EXPECT_EQ(tracker.clockPpmApplied, 0.0f);
+    }
+  }
 }
 
 TEST(LowSnrWatch, CountsAndBoundaries) {
   test::PrepareEngine(0, 0, 2);
   engine.decodeStage = DECODE_EARLY;
-  engine.symbolCount = 50;
-  engine.snrDb = 0.0f;
-  WatchLowSnr();
+  const auto watch = [](int32_t symbol, float snr, int times = 1) {
+    engine.symbolCount = symbol;
+    engine.snrDb = snr;
+    for (int i = 0; i < times; ++i) WatchLowSnr();
+  };
+  watch(50, 0.0f);
   EXPECT_EQ(tracker.snrLowCount, 0);  // 50 is not yet watched
-  engine.symbolCount = 51;
-  engine.snrDb = 2.0f;
-  WatchLowSnr();
-  engine.snrDb = 4.0f;
-  WatchLowSnr();
+  watch(51, 2.0f);
+  watch(51, 4.0f);
   EXPECT_EQ(tracker.snrLowCount, 0);
   EXPECT_EQ(tracker.snrHighCount, 0);
   // 19 high ones, then 101 low ones: the mark is set; then a 20th high clears the counters only.
-  engine.snrDb = 4.5f;
-  for (int i = 0; i < 19; ++i) WatchLowSnr();
-  engine.snrDb = 1.0f;
-  for (int i = 0; i < 100; ++i) WatchLowSnr();
+  watch(51, 4.5f, 19);
+  watch(51, 1.0f, 100);
   EXPECT_EQ(engine.snrFailed, 0);
-  WatchLowSnr();
+  watch(51, 1.0f);
   EXPECT_EQ(engine.snrFailed, 1);
-  engine.snrDb = 10.0f;
-  WatchLowSnr();
+  watch(51, 10.0f);
   EXPECT_EQ(tracker.snrLowCount, 0);
   EXPECT_EQ(tracker.snrHighCount, 0);
   EXPECT_EQ(engine.snrFailed, 1);
-  // Not watched outside the early decode stage.
-  engine.decodeStage = DECODE_SCAN;
-  engine.snrDb = 1.0f;
-  WatchLowSnr();
+  engine.decodeStage = DECODE_SCAN;  // not watched outside the early decode stage
+  watch(51, 1.0f);
   EXPECT_EQ(tracker.snrLowCount, 0);
 }
 
-TEST(SetUp, ArenaOrderAndSizes) {
-  test::PrepareNumerology(1, 2);
-  uint8_t* base = engine.arenaNext;
-  const int32_t freeBefore = engine.arenaFree;
-  LoadParameterSet(PARAM_DEFAULTS);
-  engine.bitsPerCarrier = 2;
-  SetUpTracking();
-  const int nspan = engine.nspan, row = nspan / 3;
-  const auto at = [&](const float* p) { return reinterpret_cast<const uint8_t*>(p) - base; };
-  EXPECT_EQ(at(tracker.carrierRing), 0);
-  EXPECT_EQ(at(tracker.channelPlanes), 32 * nspan);
-  EXPECT_EQ(at(engine.equalisedCarriers), at(tracker.channelPlanes) + 8 * engine.ncarrier);
-  EXPECT_EQ(at(tracker.spareCarriers), at(engine.equalisedCarriers) + 8 * engine.ndata);
-  EXPECT_EQ(at(tracker.pastRow1), at(tracker.spareCarriers) + 8 * engine.ndata);
-  EXPECT_EQ(at(tracker.pilotRow), at(tracker.pastRow1) + 3 * 8 * row);
-  EXPECT_EQ(at(tracker.timeTaps), at(tracker.pilotRow) + 8 * row);
-  EXPECT_EQ(at(tracker.freqTaps), at(tracker.timeTaps) + 72);
-  EXPECT_EQ(at(tracker.spectrumA), at(tracker.freqTaps) + 56);
-  EXPECT_EQ(at(tracker.spectrumB), at(tracker.spectrumA) + 8 * engine.nsymbol);
-  EXPECT_EQ(at(tracker.pilotHistory), at(tracker.spectrumB) + 8 * engine.nsymbol);
-  const int32_t used = 32 * nspan + 8 * engine.ncarrier + 16 * engine.ndata + 32 * row + 72 + 56 +
-                       16 * engine.nsymbol + 4 * 13 * (nspan / 12) * 2;
-  EXPECT_EQ(freeBefore - engine.arenaFree, used);
-  // Mode constants and the by-mode stage table.
-  EXPECT_EQ(tracker.segmentOffset, 72);
-  EXPECT_EQ(tracker.gridOffset, 24);
-  EXPECT_EQ(tracker.spanCentre, -180);
-  EXPECT_EQ(tracker.ceStepA, 0.0002f);
-  EXPECT_EQ(tracker.timeTaps[0], 1.0f);
-  EXPECT_EQ(tracker.timeTaps[2], 0.0f);
-  EXPECT_EQ(tracker.freqTaps[6], 1.0f);
-  EXPECT_EQ(engine.decodeStage, DECODE_EARLY);
-}
-
-TEST(Schedule, SmallestStepIsOneSample) {
-  test::PrepareEngine(0, 0, 2);  // nguard 8: floor(8/32) = 0 is raised to 1
-  test::BroadcastStream stream(0, 0, 2, sim::ChannelConfig{});
-  test::SymbolWalker walker(stream, 4);
-  walker.Step();
-  EXPECT_EQ(tracker.timingSpan, 1);
-  EXPECT_EQ(tracker.timingMaxStep, 1);
-  EXPECT_EQ(tracker.timingPeriod, 8);
-  EXPECT_EQ(tracker.timingDeadZone, 0);
-}
-
-TEST(Schedule, StagesTapsAndScan) {
-  test::PrepareEngine(2, 0, 2);  // Mode 3, guard 1/32: step fraction 1/16 in stage 0
-  test::BroadcastStream stream(2, 0, 2, sim::ChannelConfig{});
-  test::SymbolWalker walker(stream, 4);
-  walker.Step();
-  EXPECT_EQ(tracker.timingSpan, 4);      // floor(32/8)
-  EXPECT_EQ(tracker.timingMaxStep, 2);   // floor(32/16)
-  EXPECT_EQ(tracker.rotateCount, 1024 + 8);
-  EXPECT_EQ(tracker.rotateStart, 12);
-  EXPECT_EQ(engine.timingEnabled, 0);
-  walker.Run(8);  // counts 1..8
-  EXPECT_EQ(engine.timingEnabled, 1);
-  EXPECT_EQ(tracker.timeTaps[0], engine.interpTapsC[0]);
-  EXPECT_EQ(tracker.timeTaps[12], engine.interpTapsA[0]);
-
-  // Status words of every symbol.
-  DebugParaBlock* keep = device.debugPara;
-  device.debugPara = &debugParaBlock;
-  engine.channelState = CHANNEL_FAST;
-  engine.failsThisSecond = 7;
-  walker.Step();
-  EXPECT_EQ(debugParaBlock.Float(0), engine.snrDb.load());
-  EXPECT_NEAR(debugParaBlock.Float(1), engine.nfft * engine.ncoStep / 6.283185307179, 1e-9);
-  EXPECT_EQ(debugParaBlock.Int(10), CHANNEL_FAST);
-  EXPECT_EQ(debugParaBlock.Float(11), 7.0f);
-  device.debugPara = keep;
-  engine.failsThisSecond = -1;
-}
-
-// Fills every row of the pilot history with the same pilots: a channel that does not change.
-void SteadyPilotHistory() {
+// Pilot history rows that do not change turn a fast channel slow at exactly the 128th good symbol;
+// pilots that change completely from symbol to symbol (every lag regresses to 0) turn a slow one
+// fast after ten.
+TEST(ChannelWatch, SlowAfter128GoodSymbolsFastAfterTenBad) {
+  test::PrepareEngine(2, 2, 2);
   const int groups = engine.nspanGrid;
   for (int r = 0; r < PILOT_HISTORY_ROWS; ++r) {
     float* row = tracker.pilotHistory + r * tracker.pilotHistoryStride;
@@ -437,20 +224,17 @@ void SteadyPilotHistory() {
       row[groups + p] = (p % 2 == 0) ? 0.5f : 0.8f;
     }
   }
-}
-
-TEST(ChannelWatch, ASteadyChannelTurnsSlowAtExactly128GoodSymbols) {
-  test::PrepareEngine(2, 2, 2);
-  SteadyPilotHistory();
-  engine.channelState = CHANNEL_FAST;
-  tracker.jumpAge = 0;
-  int good = 0, calls = 0;
-  while (engine.channelState == CHANNEL_FAST && calls < 5000) {
+  const auto next = [] {
     tracker.pilotHistorySlot = (tracker.pilotHistorySlot + 1) % PILOT_HISTORY_ROWS;
     tracker.pilotHistoryNow = tracker.pilotHistory + tracker.pilotHistorySlot * tracker.pilotHistoryStride;
+  };
+  engine.channelState = CHANNEL_FAST;
+  tracker.jumpAge = 0;
+  int good = 0;
+  for (int calls = 0; engine.channelState == CHANNEL_FAST && calls < 5000; ++calls) {
+    next();
     const int goodBefore = tracker.watchGood;
     WatchChannelChange();
-    ++calls;
     if (engine.channelState == CHANNEL_FAST) {
       good = tracker.watchGood;
       EXPECT_GE(good, goodBefore);
@@ -467,39 +251,16 @@ TEST(ChannelWatch, ASteadyChannelTurnsSlowAtExactly128GoodSymbols) {
     EXPECT_GT(tracker.lagTapAvg[l], 0.5f);
     EXPECT_LE(tracker.lagTap[l], 1.0f);
   }
-}
 
-TEST(ChannelWatch, LagsShortenAfterAJumpAndNothingMovesInItsFirstSymbols) {
-  test::PrepareEngine(2, 2, 2);
-  SteadyPilotHistory();
-  engine.channelState = CHANNEL_FAST;
-  tracker.jumpAge = 1;
-  WatchChannelChange();
-  EXPECT_EQ(tracker.watchBad + tracker.watchGood, 0);
-  EXPECT_EQ(tracker.lagTapAvg[0], 0.0f);
-  tracker.jumpAge = 2;  // one lag only
-  WatchChannelChange();
-  EXPECT_GT(tracker.lagTap[0], 0.0f);
-  EXPECT_EQ(tracker.lagTap[1], 0.0f);
-  EXPECT_EQ(tracker.lagTap[2], 0.0f);
-  EXPECT_EQ(tracker.watchBad, 1);  // lag averages below their floors
-  tracker.jumpAge = 3;  // two lags
-  WatchChannelChange();
-  EXPECT_GT(tracker.lagTap[1], 0.0f);
-  EXPECT_EQ(tracker.lagTap[2], 0.0f);
-}
-
-TEST(ChannelWatch, TenBadSymbolsTurnASlowChannelFast) {
+  // From a fresh start (lag averages at 0) on a slow channel.
   test::PrepareEngine(2, 2, 2);
   engine.channelState = CHANNEL_SLOW;
   tracker.jumpAge = 0;
-  // Pilots that change completely from symbol to symbol: every lag regresses to 0.
   std::mt19937 rng(3);
   std::normal_distribution<float> g(0.0f, 1.0f);
   for (int i = 0; i < 10; ++i) {
-    tracker.pilotHistorySlot = (tracker.pilotHistorySlot + 1) % PILOT_HISTORY_ROWS;
-    tracker.pilotHistoryNow = tracker.pilotHistory + tracker.pilotHistorySlot * tracker.pilotHistoryStride;
-    for (int p = 0; p < 2 * engine.nspanGrid; ++p) tracker.pilotHistoryNow[p] = g(rng);
+    next();
+    for (int p = 0; p < 2 * groups; ++p) tracker.pilotHistoryNow[p] = g(rng);
     EXPECT_EQ(engine.channelState, CHANNEL_SLOW);
     WatchChannelChange();
   }
@@ -508,9 +269,18 @@ TEST(ChannelWatch, TenBadSymbolsTurnASlowChannelFast) {
   EXPECT_EQ(tracker.watchBad, 0);
 }
 
-// Samples that are not numbers, and stage values from a parameter file out of all range: tracking
+// The loop's smallest step is one sample (Mode 1, guard 1/32: floor(8/32) = 0 is raised to 1); then
+// samples that are not numbers, and stage values from a parameter file out of all range: tracking
 // goes on without a crash, a hang or a step outside the buffer.
-TEST(BadInput, NonFiniteSamplesAndAbsurdStageValues) {
+TEST(BadInput, SmallestStepNonFiniteSamplesAndAbsurdStageValues) {
+  test::PrepareEngine(0, 0, 2);
+  test::BroadcastStream clean(0, 0, 2, sim::ChannelConfig{});
+  test::SymbolWalker(clean, 4).Step();
+  EXPECT_EQ(tracker.timingSpan, 1);
+  EXPECT_EQ(tracker.timingMaxStep, 1);
+  EXPECT_EQ(tracker.timingPeriod, 8);
+  EXPECT_EQ(tracker.timingDeadZone, 0);
+
   test::PrepareEngine(0, 2, 2);
   engine.stageSpanFraction[0] = std::numeric_limits<float>::infinity();
   engine.stageStepFraction[0] = 1e30f;
