@@ -5,6 +5,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -13,10 +14,6 @@
 #include "shell/device_state.h"
 #include "shell/stages.h"
 #include "tests/support/test_device/test_device_control.h"
-
-namespace zfn {
-// The shell defines the device record; this stands in when its object is not linked.
-}  // namespace zfn
 
 namespace zfn {
 namespace {
@@ -157,20 +154,10 @@ ExpectedSequence ProgrammeFor(int tunerType) {
   const uint8_t filter[20] = {0xCA, 0xDC, 0xD7, 0xD8, 0xE0, 0xF2, 0x0E, 0x35, 0x06, 0x50,
                               0x9C, 0x0D, 0x71, 0x11, 0x14, 0x71, 0x74, 0x19, 0x41, 0xA5};
   for (int i = 0; i < 20; ++i) e.W(1, 0x1C + i, {filter[i]});
-  e.W(0, 0x17, {0x08});
-  e.W(0, 0x18, {0x10});
-  e.W(0, 0x19, {0x21});
-  e.W(0, 0x1F, {0x02});
-  e.W(0, 0x1E, {0x02});
-  e.W(0, 0x1D, {0xFA});
-  e.W(0, 0x1C, {0xF9});
-  e.W(0, 0x1B, {0x13});
-  e.W(0, 0x1A, {0x37});
-  e.W(1, 0x92, {0x00});
-  e.W(1, 0x93, {0xF0});
-  e.W(1, 0x94, {0x0F});
-  e.W(0, 0x61, {0x60});
-  e.W(0, 0x20, {0x40});
+  const int singles[][3] = {{0, 0x17, 0x08}, {0, 0x18, 0x10}, {0, 0x19, 0x21}, {0, 0x1F, 0x02}, {0, 0x1E, 0x02},
+                            {0, 0x1D, 0xFA}, {0, 0x1C, 0xF9}, {0, 0x1B, 0x13}, {0, 0x1A, 0x37}, {1, 0x92, 0x00},
+                            {1, 0x93, 0xF0}, {1, 0x94, 0x0F}, {0, 0x61, 0x60}, {0, 0x20, 0x40}};
+  for (const auto& [page, address, value] : singles) e.W(page, address, {static_cast<uint8_t>(value)});
   e.W(0, 0x06, {static_cast<uint8_t>(tunerType == 3 ? 0x90 : 0x80)});
 
   const std::string head =
@@ -185,13 +172,9 @@ ExpectedSequence ProgrammeFor(int tunerType) {
   switch (tunerType) {
     case 1:
       e.SetBits(0, 0x0E, 0x03);
-      e.W(1, 0x08, {0x80});
-      e.W(1, 0x09, {0xB0});
-      e.W(1, 0x04, {0xDE});
-      e.W(1, 0xCB, {0x38});
-      e.W(1, 0x06, {0x20});
-      e.W(1, 0xC9, {0x80});
-      e.W(1, 0xCA, {0x80});
+      for (const auto& [address, value] : {std::pair{0x08, 0x80}, {0x09, 0xB0}, {0x04, 0xDE}, {0xCB, 0x38},
+                                           {0x06, 0x20}, {0xC9, 0x80}, {0xCA, 0x80}})
+        e.W(1, address, {static_cast<uint8_t>(value)});
       break;
     case 2:
       e.ClearBits(0, 0x0E, 0x03);
@@ -293,25 +276,16 @@ TEST_F(Demodulator, RetuneSetsTunerThenIfWordClockOffsetAndReset) {
 }
 
 TEST_F(Demodulator, RetuneResultTellsWhichStepFailed) {
-  TestDevice_FailFunction("ZFN_Set_Frequency", 0, 1);
-  EXPECT_EQ(TuneFrontEnd(473143, 6, 0), 1);
-  EXPECT_EQ(RecordedCalls().size(), 1u);  // nothing after a failed tuner call
-
-  TestDevice_Reset();
-  TestDevice_FailFunction("ZFN_Set_Bandwidth", 0, 1);
-  EXPECT_EQ(TuneFrontEnd(473143, 6, 0), 1);
-  EXPECT_EQ(RecordedCalls().size(), 2u);
-
-  TestDevice_Reset();
-  TestDevice_FailFunction("ZFN_DeviceUpdate", 0, 1);
-  EXPECT_EQ(TuneFrontEnd(473143, 6, 0), 2);
-  EXPECT_EQ(RecordedCalls().size(), 3u);
-
-  // A failed register write still lets the later writes and the reset pulse through.
-  TestDevice_Reset();
-  TestDevice_FailFunction("ZFN_Demod_Byte_Write", 0, 1);
-  EXPECT_EQ(TuneFrontEnd(473143, 6, 0), 2);
-  EXPECT_EQ(RecordedCalls().size(), 8u);
+  // Nothing follows a failed tuner call; a failed register write still lets the later writes and
+  // the reset pulse through.
+  const std::tuple<const char*, int32_t, size_t> cases[] = {
+      {"ZFN_Set_Frequency", 1, 1}, {"ZFN_Set_Bandwidth", 1, 2}, {"ZFN_DeviceUpdate", 2, 3}, {"ZFN_Demod_Byte_Write", 2, 8}};
+  for (const auto& [function, result, calls] : cases) {
+    TestDevice_Reset();
+    TestDevice_FailFunction(function, 0, 1);
+    EXPECT_EQ(TuneFrontEnd(473143, 6, 0), result) << function;
+    EXPECT_EQ(RecordedCalls().size(), calls) << function;
+  }
 }
 
 TEST_F(Demodulator, SampleClockOffsetAbsoluteForm) {
