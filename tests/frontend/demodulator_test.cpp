@@ -61,7 +61,9 @@ class ExpectedSequence {
     W(page, address, {static_cast<uint8_t>(R(page, address) & ~bits)});
   }
 
-  // Record lists as "id=value" rows. Fields: page, address, top bit, bottom bit.
+  // Record lists as "id=value" rows. Fields: page, address, top bit, bottom bit. The records wider
+  // than a byte (25, 30, 31) are cut to their low byte, written over the whole address, and the
+  // byte above is never touched: the exact comparison of the programme holds that cut.
   void Records(const std::string& rows) {
     static const std::map<int, std::array<int, 4>> fields = {
         {0, {0, 0x0E, 1, 1}},   {1, {0, 0x0E, 0, 0}},   {5, {1, 0x08, 7, 0}},   {6, {1, 0x09, 7, 0}},
@@ -214,29 +216,6 @@ TEST_F(Demodulator, ProgrammeOfEveryTunerTypeRegisterByRegister) {
     device.tunerType = tunerType;
     EXPECT_NE(ProgramDemodulator(), 0);
     ExpectSameSequence(ProgrammeFor(tunerType).accesses, RecordedAccesses());
-    TearDown();
-  }
-}
-
-// The fields wider than a byte: only their low byte is written, over the whole address, and the
-// byte above is left alone.
-TEST_F(Demodulator, WideRecordsWriteOneByteAndLoseTheRest) {
-  for (int tunerType : {4, 5, 6}) {
-    SCOPED_TRACE("tuner type " + std::to_string(tunerType));
-    SetUp();
-    device.tunerType = tunerType;
-    ProgramDemodulator();
-    for (const Access& a : RecordedAccesses()) {
-      EXPECT_FALSE(a.page == 0 && a.address == 0x12) << Describe(a);
-      if (a.write && a.page == 0 && a.address == 0x11) {
-        EXPECT_EQ(a.bytes, std::vector<uint8_t>{0xD4});
-      }
-      if (a.write && a.page == 1 && (a.address == 0xD9 || a.address == 0xDB)) {
-        EXPECT_EQ(a.bytes, std::vector<uint8_t>{0x00});
-      }
-    }
-    EXPECT_EQ(TestDevice_GetRegister(0, 0x12), InitialRegister(0, 0x12));
-    EXPECT_EQ(TestDevice_GetRegister(0, 0x11), tunerType == 6 ? InitialRegister(0, 0x11) : 0xD4);
     TearDown();
   }
 }
