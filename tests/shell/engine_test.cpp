@@ -157,8 +157,8 @@ TEST_F(SyncEngine, ParameterRequestsAreHonouredBetweenBlocks) {
   rmdir(dir.c_str());
 }
 
-TEST_F(SyncEngine, AnAcceptedTmccRunsBothSetUpsAndTrackingWalksTheNextBlocks) {
-  script.frameSync = {{0, 0}, {1, 1}};
+TEST_F(SyncEngine, AcceptedTmccTracksUntilAResyncAndARejectedOneIsASinkUntilTheNextRetune) {
+  script.frameSync = {{0, 0}, {1, 1}, {1, 0}};
   SyncDriverRetune();
   FeedFrom(1, 4);
   EXPECT_EQ(script.calls,
@@ -187,20 +187,17 @@ TEST_F(SyncEngine, AnAcceptedTmccRunsBothSetUpsAndTrackingWalksTheNextBlocks) {
   EXPECT_EQ(engine.resyncRequest, 0);
   EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
   EXPECT_EQ(engine.tsResetPhase, 2);
-}
 
-TEST_F(SyncEngine, ARejectedTmccIsASinkUntilTheNextRetune) {
-  script.frameSync = {{1, 0}};
-  SyncDriverRetune();
-  FeedFrom(1, 3);
+  // Acquisition again, and this time the TMCC is rejected: nothing runs until the next retune.
+  FeedFrom(8, 9);
   EXPECT_EQ(engine.blockState, BLOCK_NO_SIGNAL);
   EXPECT_EQ(SignalPresentStatus(), -1);
   EXPECT_EQ(debugParaBlock.Int(5), BLOCK_NO_SIGNAL);
   const size_t callsBefore = script.calls.size();
-  FeedFrom(4, 5);
+  FeedFrom(10, 11);
   EXPECT_EQ(script.calls.size(), callsBefore) << "no stage runs on an unreceivable channel";
   SyncDriverRetune();
-  Feed(6);
+  Feed(12);
   EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
   EXPECT_EQ(script.calls.back(), "detect");
 }
