@@ -18,20 +18,13 @@
 namespace zfn {
 namespace {
 
-struct Access {
-  bool write;
-  int page;
-  int address;
-  std::vector<uint8_t> bytes;
-  bool operator==(const Access&) const = default;
-};
-
-std::string Describe(const Access& a) {
+// One register access as "W|R page address bytes...".
+std::string Describe(bool write, int page, int address, const uint8_t* bytes, size_t count) {
   char text[64];
-  std::snprintf(text, sizeof text, "%s %d %02x", a.write ? "W" : "R", a.page, a.address);
+  std::snprintf(text, sizeof text, "%s %d %02x", write ? "W" : "R", page, address);
   std::string s = text;
-  for (uint8_t b : a.bytes) {
-    std::snprintf(text, sizeof text, " %02x", b);
+  for (size_t i = 0; i < count; ++i) {
+    std::snprintf(text, sizeof text, " %02x", bytes[i]);
     s += text;
   }
   return s;
@@ -50,10 +43,10 @@ class ExpectedSequence {
 
   void W(int page, int address, std::vector<uint8_t> bytes) {
     for (size_t i = 0; i < bytes.size(); ++i) registers_[page][address + i] = bytes[i];
-    accesses.push_back({true, page, address, std::move(bytes)});
+    accesses.push_back(Describe(true, page, address, bytes.data(), bytes.size()));
   }
   uint8_t R(int page, int address) {
-    accesses.push_back({false, page, address, {registers_[page][address]}});
+    accesses.push_back(Describe(false, page, address, &registers_[page][address], 1));
     return registers_[page][address];
   }
   void SetBits(int page, int address, uint8_t bits) { W(page, address, {static_cast<uint8_t>(R(page, address) | bits)}); }
@@ -89,19 +82,19 @@ class ExpectedSequence {
     }
   }
 
-  std::vector<Access> accesses;
+  std::vector<std::string> accesses;
 
  private:
   uint8_t registers_[2][256];
 };
 
-std::vector<Access> RecordedAccesses() {
-  std::vector<Access> list;
+std::vector<std::string> RecordedAccesses() {
+  std::vector<std::string> list;
   for (int i = 0; i < TestDevice_AccessCount(); ++i) {
     int32_t isWrite = 0, page = 0, address = 0, count = 0, ok = 0;
     uint8_t bytes[4] = {};
     TestDevice_GetAccess(i, &isWrite, &page, &address, &count, bytes, &ok);
-    list.push_back({isWrite != 0, page, address, std::vector<uint8_t>(bytes, bytes + count)});
+    list.push_back(Describe(isWrite != 0, page, address, bytes, static_cast<size_t>(count)));
   }
   return list;
 }
@@ -116,10 +109,10 @@ std::vector<std::string> RecordedCalls() {
   return calls;
 }
 
-void ExpectSameSequence(const std::vector<Access>& expected, const std::vector<Access>& actual) {
+void ExpectSameSequence(const std::vector<std::string>& expected, const std::vector<std::string>& actual) {
   const size_t n = std::min(expected.size(), actual.size());
   for (size_t i = 0; i < n; ++i) {
-    ASSERT_EQ(Describe(actual[i]), Describe(expected[i])) << "access " << i;
+    ASSERT_EQ(actual[i], expected[i]) << "access " << i;
   }
   EXPECT_EQ(actual.size(), expected.size());
 }
