@@ -5,9 +5,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstring>
-#include <thread>
 #include <string>
 #include <vector>
 
@@ -53,16 +51,13 @@ struct TestEvent {
 // BindSimulator gets, since the loader shares an already loaded library.
 void* TestSimulatorHandle() { return dlopen("libBDA_simu.so", RTLD_NOW | RTLD_LOCAL); }
 
-TEST(BindingAbsent, DeviceLibraryNowhereGivesZero) {
+TEST(BindingAbsent, DeviceLibraryNowhereGivesZeroAndTheSimulatorMinusOne) {
   deviceBinding.GetData = reinterpret_cast<ZfnGetDataFn>(1);  // a stale pointer from an earlier binding
   EXPECT_EQ(BindDeviceLibrary(), 0);
   EXPECT_EQ(deviceBinding.library, nullptr);
   EXPECT_EQ(deviceBinding.GetData, nullptr);
   UnbindDeviceLibrary();
   EXPECT_EQ(deviceBinding.library, nullptr);
-}
-
-TEST(BindingAbsent, SimulatorNowhereGivesMinusOne) {
   TestEvent event;
   EXPECT_EQ(BindSimulator(&event.fd), -1);
 }
@@ -91,81 +86,7 @@ TEST(BindingPlainName, FindsAllElevenFunctionsThroughTheSearchPath) {
   UnbindDeviceLibrary();
 }
 
-TEST(BindingPlainName, DeviceEventThreadRunsBetweenInitAndRelease) {
-  ASSERT_EQ(BindDeviceLibrary(), 1);
-  void* library = deviceBinding.library;
-  Symbol<void (*)()>(library, "TestDevice_Reset")();
-  auto threadRunning = Symbol<int32_t (*)()>(library, "TestDevice_EventThreadRunning");
-  TestEvent event;
-  ASSERT_EQ(deviceBinding.BDAFilterInit(0), 1);
-  EXPECT_EQ(threadRunning(), 0);  // no event yet
-  ASSERT_EQ(deviceBinding.SetDABEventHandle(&event.fd), 1);
-  EXPECT_EQ(threadRunning(), 1);
-  EXPECT_TRUE(event.WaitSet(1000));
-
-  std::vector<uint8_t> buffer(240648);
-  int32_t length = -1;
-  int32_t aux = 0;
-  EXPECT_EQ(deviceBinding.GetData(buffer.data(), 240648, &length, &aux), 1);
-  ASSERT_EQ(length, 240648);
-  auto pattern = Symbol<uint8_t (*)(int64_t)>(library, "TestDevice_PatternByte");
-  for (int32_t k = 0; k < length; k += 997) ASSERT_EQ(buffer[k], pattern(k)) << k;
-
-  EXPECT_EQ(deviceBinding.ReleaseDABEventHandle(&event.fd), 1);
-  EXPECT_EQ(threadRunning(), 0);
-  EXPECT_EQ(deviceBinding.BDAFilterRelease(0), 1);
-  UnbindDeviceLibrary();
-}
-
-// The receiver calls the device from three threads at once with no lock of its own: reception
-// (GetData on each event), demodulation (register writes) and the API caller. Run under
-// ThreadSanitizer this shows the test library safe for that, and its thread gone after release.
-TEST(BindingPlainName, DeviceTakesCallsFromSeveralThreads) {
-  ASSERT_EQ(BindDeviceLibrary(), 1);
-  void* library = deviceBinding.library;
-  Symbol<void (*)()>(library, "TestDevice_Reset")();
-  Symbol<void (*)(int32_t, uint32_t, int32_t)>(library, "TestDevice_SetReadLength")(0, 3, 1);
-  Symbol<void (*)(int32_t)>(library, "TestDevice_SetEventPeriod")(1);
-  TestEvent event;
-  ASSERT_EQ(deviceBinding.BDAFilterInit(0), 1);
-  ASSERT_EQ(deviceBinding.SetDABEventHandle(&event.fd), 1);
-
-  std::atomic<bool> stop{false};
-  int64_t received = 0;
-  std::thread reception([&] {
-    std::vector<uint8_t> buffer(240648);
-    while (!stop.load()) {
-      if (!event.WaitSet(300)) continue;
-      int32_t length = 0;
-      int32_t aux = 0;
-      deviceBinding.GetData(buffer.data(), 240648, &length, &aux);
-      received += length;
-    }
-  });
-  std::thread demodulation([&] {
-    for (int i = 0; i < 200; ++i) {
-      uint8_t bytes[2] = {static_cast<uint8_t>(i), 0};
-      deviceBinding.Demod_Byte_Write(1, 0x3E, 2, bytes);
-      deviceBinding.Demod_Byte_Read(1, 0x01, 1, bytes);
-    }
-  });
-  for (int i = 0; i < 50; ++i) {
-    deviceBinding.Set_Frequency(500000 + i);
-    Symbol<int32_t (*)()>(library, "TestDevice_CallCount")();
-  }
-  demodulation.join();
-  while (Symbol<int64_t (*)()>(library, "TestDevice_EventsSignalled")() < 5) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  stop.store(true);
-  reception.join();
-  EXPECT_EQ(deviceBinding.ReleaseDABEventHandle(&event.fd), 1);
-  EXPECT_EQ(deviceBinding.BDAFilterRelease(0), 1);
-  EXPECT_EQ(Symbol<int32_t (*)()>(library, "TestDevice_EventThreadRunning")(), 0);
-  EXPECT_EQ(received, Symbol<int64_t (*)()>(library, "TestDevice_BytesServed")());
-  EXPECT_EQ(Symbol<int32_t (*)(int32_t, int32_t)>(library, "TestDevice_GetRegister")(1, 0x3E), 199);
-  UnbindDeviceLibrary();
-}
-
-TEST(BindingPlainName, SimulatorStartsAndServesThePattern) {
+TEST(BindingPlainName, SimulatorStartsRestartsAndFailsWithMinusOne) {
   void* own = TestSimulatorHandle();
   ASSERT_NE(own, nullptr);
   Symbol<void (*)()>(own, "TestSim_Reset")();
@@ -174,19 +95,11 @@ TEST(BindingPlainName, SimulatorStartsAndServesThePattern) {
   EXPECT_EQ(simulatorBinding.library, own);
   EXPECT_TRUE(event.WaitSet(1000));
 
-  auto pattern = Symbol<uint8_t (*)(int64_t)>(own, "TestSim_PatternByte");
-  Symbol<void (*)(int32_t, uint32_t, int32_t)>(own, "TestSim_SetReadLength")(0, 7, 1);
   std::vector<uint8_t> buffer(240648);
-  int64_t position = 0;
-  for (int call = 0; call < 20; ++call) {
-    int32_t length = -1;
-    ASSERT_EQ(simulatorBinding.GetData(buffer.data(), &length), 0);
-    ASSERT_GE(length, 4);
-    ASSERT_LE(length, 240648);
-    ASSERT_EQ(length % 4, 0);
-    for (int32_t i = 0; i < length; i += 131) ASSERT_EQ(buffer[i], pattern(position + i));
-    position += length;
-  }
+  int32_t length = -1;
+  ASSERT_EQ(simulatorBinding.GetData(buffer.data(), &length), 0);
+  ASSERT_GT(length, 0);
+  EXPECT_EQ(buffer[0], Symbol<uint8_t (*)(int64_t)>(own, "TestSim_PatternByte")(0));
   EXPECT_EQ(simulatorBinding.BDA_Stop_simulate(), 0);
   EXPECT_EQ(Symbol<int32_t (*)()>(own, "TestSim_EventThreadRunning")(), 0);
 
@@ -195,17 +108,12 @@ TEST(BindingPlainName, SimulatorStartsAndServesThePattern) {
   EXPECT_EQ(simulatorBinding.library, own);
   EXPECT_EQ(Symbol<int64_t (*)()>(own, "TestSim_BytesServed")(), 0);
   EXPECT_EQ(simulatorBinding.BDA_Stop_simulate(), 0);
-}
 
-TEST(BindingPlainName, SimulatorFailuresGiveMinusOne) {
-  void* own = TestSimulatorHandle();
-  ASSERT_NE(own, nullptr);
+  // Failures of registration or start give -1.
   auto reset = Symbol<void (*)()>(own, "TestSim_Reset");
   auto fail = Symbol<int32_t (*)(const char*)>(own, "TestSim_FailFunction");
   auto started = Symbol<int32_t (*)()>(own, "TestSim_Started");
   auto calls = Symbol<int32_t (*)(const char*)>(own, "TestSim_CallCount");
-  TestEvent event;
-
   reset();
   ASSERT_EQ(fail("BDA_Start_simulate"), 1);
   EXPECT_EQ(BindSimulator(&event.fd), -1);

@@ -1,4 +1,4 @@
-// The operating-system layer: auto-reset events, threads, library loading, the debug sink.
+// The operating-system layer: auto-reset events, threads, the debug sink.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -18,10 +18,11 @@
 namespace zfn::platform {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-TEST(AutoResetEvent, SetsMergeIntoOneWakeAndTheWaitResets) {
+TEST(AutoResetEvent, SetsMergeTimedWaitsAndForeignWrites) {
   AutoResetEvent event;
+  EXPECT_FALSE(event.Exists());
+  event.Set();  // harmless while absent
+  EXPECT_FALSE(event.Wait(0));
   ASSERT_TRUE(event.Create());
   EXPECT_FALSE(event.Wait(0)) << "created not signalled";
   event.Set();
@@ -29,23 +30,9 @@ TEST(AutoResetEvent, SetsMergeIntoOneWakeAndTheWaitResets) {
   event.Set();
   EXPECT_TRUE(event.Wait(0));
   EXPECT_FALSE(event.Wait(0)) << "three sets before one wait are one wake";
-}
-
-TEST(AutoResetEvent, CreatedSignalledServesAsAFreeLock) {
-  AutoResetEvent lock;
-  ASSERT_TRUE(lock.Create(true));
-  EXPECT_TRUE(lock.Wait(WAIT_INFINITE));  // take
-  EXPECT_FALSE(lock.Wait(10));            // held
-  lock.Set();                             // release
-  EXPECT_TRUE(lock.Wait(0));
-}
-
-TEST(AutoResetEvent, TimedWaitTimesOutAndWakesOnAForeignWrite) {
-  AutoResetEvent event;
-  ASSERT_TRUE(event.Create());
-  const auto t0 = Clock::now();
+  const auto t0 = std::chrono::steady_clock::now();
   EXPECT_FALSE(event.Wait(50));
-  EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(45));
+  EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(45));
 
   // A sample source signals through the descriptor alone, from a thread of its own.
   int* fd = event.DescriptorAddress();
@@ -56,29 +43,25 @@ TEST(AutoResetEvent, TimedWaitTimesOutAndWakesOnAForeignWrite) {
   });
   EXPECT_TRUE(event.Wait(5000));
   source.join();
-}
-
-TEST(AutoResetEvent, AbsentEventIsHarmless) {
-  AutoResetEvent event;
-  EXPECT_FALSE(event.Exists());
-  event.Set();
-  EXPECT_FALSE(event.Wait(0));
-  event.Close();
-  ASSERT_TRUE(event.Create());
   event.Close();
   EXPECT_EQ(event.Descriptor(), -1);
+
+  // Created signalled, an event serves as a free lock.
+  ASSERT_TRUE(event.Create(true));
+  EXPECT_TRUE(event.Wait(WAIT_INFINITE));  // take
+  EXPECT_FALSE(event.Wait(10));            // held
+  event.Set();                             // release
+  EXPECT_TRUE(event.Wait(0));
 }
 
 std::atomic<int> threadRuns{0};
-void CountRun() {
-  SetCurrentThreadPriority(ThreadPriority::Reception);  // may be refused: carries on either way
-  threadRuns += 1;
-}
 
 TEST(Thread, StartsRunsAndJoinsWhateverThePriorityRequestGives) {
   Thread thread;
-  threadRuns = 0;
-  ASSERT_TRUE(thread.Start(CountRun));
+  ASSERT_TRUE(thread.Start([] {
+    SetCurrentThreadPriority(ThreadPriority::Reception);  // may be refused: carries on either way
+    threadRuns += 1;
+  }));
   EXPECT_TRUE(thread.Exists());
   EXPECT_NE(thread.Id(), 0u);
   thread.Join();
@@ -88,14 +71,7 @@ TEST(Thread, StartsRunsAndJoinsWhateverThePriorityRequestGives) {
   thread.Join();  // harmless when absent
 }
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-TEST(DebugOutput, SilentUnlessNamedThenAppendsEachTextWhole) {
+TEST(DebugOutput, SilentUnlessNamedThenAppendsEachTextWholeOrGoesToStderr) {
   const std::string path = testing::TempDir() + "zfn_debug_output_test.log";
   std::remove(path.c_str());
   unsetenv(DEBUG_OUTPUT_VARIABLE);
@@ -106,12 +82,11 @@ TEST(DebugOutput, SilentUnlessNamedThenAppendsEachTextWhole) {
   DebugOutput("ISDBT API: one\n");
   DebugOutput("two, no newline");
   DebugOutput(nullptr);
-  unsetenv(DEBUG_OUTPUT_VARIABLE);
-  EXPECT_EQ(ReadFile(path), "ISDBT API: one\ntwo, no newline");
+  std::stringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  EXPECT_EQ(text.str(), "ISDBT API: one\ntwo, no newline");
   std::remove(path.c_str());
-}
 
-TEST(DebugOutput, StderrTarget) {
   setenv(DEBUG_OUTPUT_VARIABLE, "stderr", 1);
   testing::internal::CaptureStderr();
   DebugOutput("to standard error\n");

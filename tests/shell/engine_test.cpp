@@ -1,10 +1,8 @@
-// Engine memory, the block state machine driven synchronously, the status functions and the
+// The block state machine driven synchronously, the resync rule, the status functions and the
 // debug command, all without threads or a sample source.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <bit>
-#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,47 +25,6 @@ std::vector<uint8_t> Block(uint8_t tag) {
   return b;
 }
 
-TEST(EngineMemory, InitSetsTheMarksAndFreeReleasesEverything) {
-  engine.autoResync = 0;
-  engine.rsDecoderFull = 0;
-  engine.forcedCarrierOffset = 12;
-  engine.tmccFailed = 1;
-  engine.straddleFlag = 1;
-  engine.snrDb = 9.0f;
-  engine.jumpListCount = 3;
-  ASSERT_EQ(EngineInit(), 1);
-  EXPECT_EQ(engine.arenaFree, WORK_ARENA_BYTES - 40384) << "the packet stage's two buffers";
-  EXPECT_EQ(engine.arenaAfterInit, engine.arenaBase + 40384);
-  EXPECT_EQ(engine.arenaFreeAfterInit, engine.arenaFree);
-  EXPECT_EQ(engine.blockState, BLOCK_IDLE);
-  EXPECT_EQ(engine.modeGuard, &engine.modeGuardRecord);
-  EXPECT_EQ(engine.layerParams, &engine.layerParamsRecord);
-  EXPECT_EQ(engine.modeIndexLast, -1);
-  EXPECT_EQ(engine.autoResync, 1);
-  EXPECT_EQ(engine.rsDecoderFull, 1);
-  EXPECT_EQ(engine.forcedCarrierOffset, 12) << "kept over open";
-  EXPECT_EQ(engine.tmccFailed, 0);
-  EXPECT_EQ(engine.straddleFlag, 0);
-  EXPECT_EQ(engine.snrDb, 0.0f);
-  EXPECT_EQ(engine.jumpListCount, 0);
-  EXPECT_EQ(engine.timingEnabled, 1);
-  EXPECT_EQ(engine.stageUpdatePeriod[1], 32) << "defaults loaded";
-
-  engine.blockState = BLOCK_TRACKING;
-  engine.tmccAccepted = 1;
-  EngineFree();
-  EXPECT_EQ(engine.arenaBase, nullptr);
-  EXPECT_EQ(engine.arenaNext, nullptr);
-  EXPECT_EQ(engine.arenaFree, 0);
-  EXPECT_EQ(engine.rawBlock, nullptr);
-  EXPECT_EQ(engine.sampleBlock, nullptr);
-  EXPECT_EQ(engine.modeGuard, nullptr);
-  EXPECT_EQ(engine.blockState, BLOCK_IDLE);
-  EXPECT_EQ(engine.tmccAccepted, 0);
-  EngineFree();  // safe twice
-  engine.forcedCarrierOffset = -46;
-}
-
 // Scripted stand-ins for the acquisition stages and set-ups, so that the state machine is tested
 // on its own, whatever the real stages make of the test blocks.
 struct StageScript {
@@ -80,8 +37,6 @@ struct StageScript {
 };
 StageScript script;
 
-void ScriptedDetect() { script.calls.push_back("detect"); }
-void ScriptedCoarse() { script.calls.push_back("coarse"); }
 int32_t ScriptedFrameSync() {
   script.calls.push_back("frame");
   if (script.frameSyncNext >= script.frameSync.size()) return 0;
@@ -98,20 +53,19 @@ void ScriptedTracking() {
   engine.readPos = 0;
   engine.timingStep = 0;
 }
-int32_t ScriptedDecoder() {
-  script.calls.push_back("decoder");
-  return 1;
-}
-void ScriptedSymbol() {
-  if (script.symbols++ == script.resyncAtSymbol) engine.resyncRequest = 1;
-}
 
 class SyncEngine : public testing::Test {
  protected:
   void SetUp() override {
     script = StageScript{};
-    blockStages = {ScriptedDetect, ScriptedCoarse, ScriptedFrameSync, ScriptedTracking, ScriptedDecoder};
-    symbolStepHandler = ScriptedSymbol;
+    blockStages = {[] { script.calls.push_back("detect"); }, [] { script.calls.push_back("coarse"); },
+                   ScriptedFrameSync, ScriptedTracking, [] {
+                     script.calls.push_back("decoder");
+                     return int32_t{1};
+                   }};
+    symbolStepHandler = [] {
+      if (script.symbols++ == script.resyncAtSymbol) engine.resyncRequest = 1;
+    };
     ASSERT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
   }
   void TearDown() override {
@@ -125,12 +79,14 @@ class SyncEngine : public testing::Test {
     const auto b = Block(tag);
     ASSERT_EQ(SyncDriverFeed(b.data(), b.size()), 1);
   }
+  static void FeedFrom(uint8_t first, uint8_t last) {
+    for (uint8_t tag = first; tag <= last; ++tag) Feed(tag);
+  }
 };
 
 TEST_F(SyncEngine, IdleUntilTheFirstRetuneThenOneStatePerBlock) {
   debugParaBlock.SetInt(5, 77);
-  Feed(1);
-  Feed(2);
+  FeedFrom(1, 2);
   EXPECT_EQ(SyncDriverBlockState(), BLOCK_IDLE);
   EXPECT_EQ(debugParaBlock.Int(5), 77) << "idle blocks are not even converted";
   EXPECT_EQ(SyncDriverEngine().rawBlock[0], 2) << "but they are taken from the ring";
@@ -144,35 +100,21 @@ TEST_F(SyncEngine, IdleUntilTheFirstRetuneThenOneStatePerBlock) {
   EXPECT_EQ(debugParaBlock.Int(5), BLOCK_COARSE_SYNC);
   Feed(4);
   EXPECT_EQ(SyncDriverBlockState(), BLOCK_FRAME_SYNC);
-  Feed(5);
-  Feed(6);
+  FeedFrom(5, 6);
   EXPECT_EQ(SyncDriverBlockState(), BLOCK_FRAME_SYNC) << "frame sync has not ended";
   EXPECT_EQ(SyncDriverBlocksHandled(), 6u);
 }
 
-TEST_F(SyncEngine, ConversionKeepsBytesZeroAndOneOfEachFour) {
-  SyncDriverRetune();
-  std::vector<uint8_t> b(RAW_BLOCK_BYTES);
-  for (int32_t k = 0; k < BLOCK_SAMPLES; ++k) {
-    b[4 * k] = static_cast<uint8_t>(k);
-    b[4 * k + 1] = static_cast<uint8_t>(255 - k);
-    b[4 * k + 2] = 0;
-    b[4 * k + 3] = 255;
-  }
-  ASSERT_EQ(SyncDriverFeed(b.data(), b.size()), 1);
-  const float* s = SyncDriverEngine().sampleBlock;
-  for (int32_t k = 0; k < BLOCK_SAMPLES; k += 37) {
-    ASSERT_EQ(s[2 * k], (static_cast<float>(k & 255) - 127.0f) * 0.0078125f);
-    ASSERT_EQ(s[2 * k + 1], (static_cast<float>(255 - (k & 255)) - 127.0f) * 0.0078125f);
-  }
-  EXPECT_EQ(s[2 * 127], 0.0f) << "zero level 127";
-  EXPECT_EQ(s[1], 1.0f);
-}
-
-TEST_F(SyncEngine, ARetuneJumpsToTheNewestBlockAndTheNextFollowsInOrder) {
+TEST_F(SyncEngine, ARetuneJumpsToTheNewestBlockButNotWhileTheTunerChanges) {
   // Blocks pile up in the ring while the thread is away, then a retune arrives.
   for (uint8_t tag = 1; tag <= 3; ++tag) BlockRingPublish(Block(tag).data());
   SyncDriverRetune();
+  controlBlock.tuningNow = 1;
+  ProcessPendingBlocks();
+  EXPECT_EQ(engine.blockState, BLOCK_IDLE) << "no block is consumed while the tuner changes";
+  EXPECT_NE(blockRing.readIndex, blockRing.writeIndex);
+  EXPECT_EQ(controlBlock.retuneRequest, 1) << "the request waits for the tuner";
+  SyncDriverRetune();  // clears tuningNow with the new request
   ProcessPendingBlocks();
   EXPECT_EQ(engine.rawBlock[0], 3);
   EXPECT_EQ(blockRing.readCount, blockRing.writeCount);
@@ -183,30 +125,12 @@ TEST_F(SyncEngine, ARetuneJumpsToTheNewestBlockAndTheNextFollowsInOrder) {
   ProcessPendingBlocks();
   EXPECT_EQ(engine.rawBlock[0], 4);
   EXPECT_EQ(engine.blockState, BLOCK_FRAME_SYNC);
-}
 
-TEST_F(SyncEngine, NoBlockIsConsumedWhileTheTunerChanges) {
-  SyncDriverRetune();
-  controlBlock.tuningNow = 1;
-  BlockRingPublish(Block(9).data());
-  ProcessPendingBlocks();
-  EXPECT_EQ(engine.blockState, BLOCK_IDLE);
-  EXPECT_NE(blockRing.readIndex, blockRing.writeIndex);
-  EXPECT_EQ(controlBlock.retuneRequest, 1) << "the request waits for the tuner";
-  SyncDriverRetune();  // clears tuningNow with the new request
-  ProcessPendingBlocks();
-  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
-}
-
-TEST_F(SyncEngine, AFailedTmccRestartsOnTheSameNewestBlock) {
-  SyncDriverRetune();
-  Feed(1);
-  Feed(2);
-  ASSERT_EQ(engine.blockState, BLOCK_FRAME_SYNC);
+  // A failed TMCC restarts on the same newest block.
   engine.tmccFailed = 1;
   engine.tsResetPhase = 3;
   ProcessPendingBlocks();  // no new block: the jump path takes the newest again
-  EXPECT_EQ(engine.rawBlock[0], 2);
+  EXPECT_EQ(engine.rawBlock[0], 4);
   EXPECT_EQ(engine.tmccFailed, 0);
   EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
   EXPECT_EQ(engine.tsResetPhase, 2);
@@ -233,26 +157,10 @@ TEST_F(SyncEngine, ParameterRequestsAreHonouredBetweenBlocks) {
   rmdir(dir.c_str());
 }
 
-TEST_F(SyncEngine, ProbeSwitchIsCopiedBetweenBlocksAndFeedsTheStateCell) {
-  double stateCell = 0.0;
-  MatlabProbe probe{};
-  probe.stateCell = &stateCell;
-  matlabProbe = &probe;
-  probeEnable = 1;
+TEST_F(SyncEngine, AcceptedTmccTracksUntilAResyncAndARejectedOneIsASinkUntilTheNextRetune) {
+  script.frameSync = {{0, 0}, {1, 1}, {1, 0}};
   SyncDriverRetune();
-  Feed(1);
-  EXPECT_EQ(engine.probeActive, 1);
-  EXPECT_EQ(stateCell, static_cast<double>(BLOCK_COARSE_SYNC));
-  probeEnable = 0;
-  Feed(2);
-  EXPECT_EQ(engine.probeActive, 0);
-  matlabProbe = nullptr;
-}
-
-TEST_F(SyncEngine, AnAcceptedTmccRunsBothSetUpsAndTrackingWalksTheNextBlocks) {
-  script.frameSync = {{0, 0}, {1, 1}};
-  SyncDriverRetune();
-  for (uint8_t tag = 1; tag <= 4; ++tag) Feed(tag);
+  FeedFrom(1, 4);
   EXPECT_EQ(script.calls,
             (std::vector<std::string>{"detect", "coarse", "frame", "frame", "tracking", "decoder"}));
   EXPECT_EQ(engine.blockState, BLOCK_TRACKING);
@@ -264,84 +172,35 @@ TEST_F(SyncEngine, AnAcceptedTmccRunsBothSetUpsAndTrackingWalksTheNextBlocks) {
   Feed(6);
   EXPECT_EQ(script.symbols, 113);
   EXPECT_EQ(debugParaBlock.Int(5), BLOCK_TRACKING);
-}
 
-TEST_F(SyncEngine, ARejectedTmccIsASinkUntilTheNextRetune) {
-  script.frameSync = {{1, 0}};
-  SyncDriverRetune();
-  for (uint8_t tag = 1; tag <= 3; ++tag) Feed(tag);
-  EXPECT_EQ(engine.blockState, BLOCK_NO_SIGNAL);
-  EXPECT_EQ(SignalPresentStatus(), -1);
-  EXPECT_EQ(debugParaBlock.Int(5), BLOCK_NO_SIGNAL);
-  const size_t callsBefore = script.calls.size();
-  Feed(4);
-  Feed(5);
-  EXPECT_EQ(script.calls.size(), callsBefore) << "no stage runs on an unreceivable channel";
-  SyncDriverRetune();
-  Feed(6);
-  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
-  EXPECT_EQ(script.calls.back(), "detect");
-}
-
-TEST_F(SyncEngine, AResyncFromTrackingUndoesTheClockCorrectionAndRestartsOnTheSameBlock) {
-  script.frameSync = {{1, 1}};
-  SyncDriverRetune();
-  for (uint8_t tag = 1; tag <= 3; ++tag) Feed(tag);
-  ASSERT_EQ(engine.blockState, BLOCK_TRACKING);
-  script.resyncAtSymbol = 10;
+  // A resync from tracking hands back the clock correction and restarts on the same block.
+  script.resyncAtSymbol = 120;
   engine.clockWritePending = 1;
   engine.tsResetPhase = 3;
   script.calls.clear();
   // One pass of the demodulation thread, without the packet thread's answer to the restart.
-  BlockRingPublish(Block(4).data());
+  BlockRingPublish(Block(7).data());
   ProcessPendingBlocks();
   EXPECT_EQ(engine.clockWritePending, 0) << "the sample clock correction was handed back";
-  // The same pass jumps to the newest block, which is this one, and starts acquisition on it.
   EXPECT_EQ(script.calls, std::vector<std::string>{"detect"});
-  EXPECT_EQ(engine.rawBlock[0], 4);
+  EXPECT_EQ(engine.rawBlock[0], 7);
   EXPECT_EQ(engine.resyncRequest, 0);
   EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
   EXPECT_EQ(engine.tsResetPhase, 2);
-}
 
-TEST(SyncDriver, DeliveriesGoToTheConsumerAndTheHostCallbackComesBack) {
-  auto host = [](const uint8_t*, int32_t) {};
-  device.tsCallback = host;
-  struct Seen {
-    int calls = 0;
-    int32_t bytes = 0;
-  } seen;
-  ASSERT_EQ(SyncDriverOpen(
-                [](const uint8_t*, int32_t length, void* context) {
-                  auto* s = static_cast<Seen*>(context);
-                  s->calls += 1;
-                  s->bytes += length;
-                },
-                &seen),
-            1);
-  // The transport stage delivers through the host callback; the driver routes it.
-  const std::vector<uint8_t> packets(24064, 0x47);
-  device.tsCallback.load()(packets.data(), 24064);
-  EXPECT_EQ(seen.calls, 1);
-  EXPECT_EQ(seen.bytes, 24064);
-  SyncDriverClose();
-  EXPECT_EQ(device.tsCallback.load(), static_cast<ZFISDBT_TsCallback>(host));
-  device.tsCallback = nullptr;
+  // Acquisition again, and this time the TMCC is rejected: nothing runs until the next retune.
+  FeedFrom(8, 9);
+  EXPECT_EQ(engine.blockState, BLOCK_NO_SIGNAL);
+  EXPECT_EQ(SignalPresentStatus(), -1);
+  EXPECT_EQ(debugParaBlock.Int(5), BLOCK_NO_SIGNAL);
+  const size_t callsBefore = script.calls.size();
+  FeedFrom(10, 11);
+  EXPECT_EQ(script.calls.size(), callsBefore) << "no stage runs on an unreceivable channel";
+  SyncDriverRetune();
+  Feed(12);
+  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
+  EXPECT_EQ(script.calls.back(), "detect");
 }
-
-TEST(SyncDriver, RefusesASecondOpenAndCloseIsHarmless) {
-  SyncDriverClose();
-  ASSERT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
-  EXPECT_EQ(SyncDriverOpen(nullptr, nullptr), 0);
-  SyncDriverClose();
-  SyncDriverClose();
-  EXPECT_FALSE(SyncDriverIsOpen());
-  EXPECT_EQ(SyncDriverFeed(Block(1).data(), RAW_BLOCK_BYTES), 0);
-  EXPECT_EQ(engine.arenaBase, nullptr);
-  EXPECT_EQ(blockRing.slots[0], nullptr);
-}
-
-// --- The resync rule of each symbol -----------------------------------------------------------
 
 TEST(SymbolStepRule, ResyncFollowsTheDecodeStageUnlessSwitchedOff) {
   struct Case {
@@ -376,61 +235,40 @@ TEST(SymbolStepRule, ResyncFollowsTheDecodeStageUnlessSwitchedOff) {
 
 // --- Status functions and the debug command ----------------------------------------------------
 
-class StatusTest : public testing::Test {
- protected:
-  void TearDown() override {
-    engine.blockState = BLOCK_IDLE;
-    engine.snrDb = 0.0f;
-    engine.decodeStage = 0;
-    engine.goodFrameRun = 0;
-    engine.badFrameRun = 0;
-    engine.anyGoodMark = 0;
-  }
-};
-
-TEST_F(StatusTest, PresentAndLockDifferInWhatNotSureDoesToTheCallersWord) {
+TEST(Status, PresentLockAndQuality) {
+  // Not sure: present leaves the caller's word untouched, lock writes 0.
   engine.blockState = BLOCK_FRAME_SYNC;
   int32_t present = 55, locked = 55;
   EXPECT_EQ(GetSignalPresent(&present), 0);
-  EXPECT_EQ(present, 55) << "left untouched";
+  EXPECT_EQ(present, 55);
   EXPECT_EQ(GetSignalLock(&locked), 0);
-  EXPECT_EQ(locked, 0) << "written with 0";
-
+  EXPECT_EQ(locked, 0);
   engine.blockState = BLOCK_NO_SIGNAL;
   EXPECT_EQ(GetSignalPresent(&present), 1);
   EXPECT_EQ(present, 0);
-
   engine.blockState = BLOCK_TRACKING;
   EXPECT_EQ(GetSignalPresent(&present), 1);
   EXPECT_EQ(present, 1);
   EXPECT_EQ(GetSignalPresent(nullptr), 0);
   EXPECT_EQ(GetSignalLock(nullptr), 0);
   EXPECT_EQ(GetSignalQuality(nullptr), 0);
-}
 
-TEST_F(StatusTest, LockByDecodeStage) {
-  engine.blockState = BLOCK_TRACKING;
-  engine.decodeStage = 1;
-  EXPECT_EQ(SignalLockStatus(), 0);
-  engine.anyGoodMark = 1;
-  EXPECT_EQ(SignalLockStatus(), 1);
-  engine.decodeStage = 2;
-  engine.goodFrameRun = 2;
-  engine.badFrameRun = 2;
-  EXPECT_EQ(SignalLockStatus(), 1);
-  engine.goodFrameRun = 1;
-  EXPECT_EQ(SignalLockStatus(), 0);
-  engine.badFrameRun = 20;
-  EXPECT_EQ(SignalLockStatus(), -1);
-  engine.badFrameRun = 19;
-  EXPECT_EQ(SignalLockStatus(), 0);
-  engine.blockState = BLOCK_FRAME_SYNC;
-  engine.goodFrameRun = 5;
-  engine.badFrameRun = 0;
-  EXPECT_EQ(SignalLockStatus(), 0) << "only while tracking";
-}
+  struct LockCase {
+    int32_t state, stage, anyGood, goodRun, badRun, expected;
+  };
+  for (const LockCase& c : {LockCase{BLOCK_TRACKING, 1, 0, 0, 0, 0}, {BLOCK_TRACKING, 1, 1, 0, 0, 1},
+                            {BLOCK_TRACKING, 2, 1, 2, 2, 1}, {BLOCK_TRACKING, 2, 1, 1, 2, 0},
+                            {BLOCK_TRACKING, 2, 1, 1, 20, -1}, {BLOCK_TRACKING, 2, 1, 1, 19, 0},
+                            {BLOCK_FRAME_SYNC, 2, 1, 5, 0, 0}}) {
+    engine.blockState = c.state;
+    engine.decodeStage = c.stage;
+    engine.anyGoodMark = c.anyGood;
+    engine.goodFrameRun = c.goodRun;
+    engine.badFrameRun = c.badRun;
+    EXPECT_EQ(SignalLockStatus(), c.expected) << c.state << " " << c.stage << " " << c.goodRun << " " << c.badRun;
+  }
 
-TEST_F(StatusTest, QualityThresholdsAreStrict) {
+  // Quality thresholds are strict.
   engine.blockState = BLOCK_TRACKING;
   const std::pair<float, int32_t> table[] = {
       {-3.0f, 0}, {0.0f, 0}, {5.0f, 0}, {6.0f, 0}, {6.000001f, 20}, {8.0f, 20}, {8.5f, 40},
@@ -443,7 +281,14 @@ TEST_F(StatusTest, QualityThresholdsAreStrict) {
   }
   engine.blockState = BLOCK_FRAME_SYNC;
   engine.snrDb = 30.0f;
-  EXPECT_EQ(SignalQualityStatus(), 0);
+  EXPECT_EQ(SignalQualityStatus(), 0) << "only while tracking";
+
+  engine.blockState = BLOCK_IDLE;
+  engine.snrDb = 0.0f;
+  engine.decodeStage = 0;
+  engine.goodFrameRun = 0;
+  engine.badFrameRun = 0;
+  engine.anyGoodMark = 0;
 }
 
 TEST(DebugCommand, CommandsAndTheirValues) {
@@ -464,6 +309,15 @@ TEST(DebugCommand, CommandsAndTheirValues) {
   EXPECT_EQ(DebugCommand(9, 1), 1);
   EXPECT_EQ(DebugCommand(8, -12), 1);
   EXPECT_EQ(engine.forcedCarrierOffset, -12);
+  // The forced carrier offset is kept over open; the switches are set again.
+  engine.autoResync = 0;
+  engine.rsDecoderFull = 0;
+  ASSERT_EQ(EngineInit(), 1);
+  EXPECT_EQ(engine.arenaFree, WORK_ARENA_BYTES - 40384) << "the packet stage's two buffers";
+  EXPECT_EQ(engine.forcedCarrierOffset, -12);
+  EXPECT_EQ(engine.autoResync, 1);
+  EXPECT_EQ(engine.rsDecoderFull, 1);
+  EngineFree();
   EXPECT_EQ(DebugCommand(8, -46), 1);
   EXPECT_EQ(DebugCommand(5, 2), 1);
   EXPECT_EQ(device.simulationMode, 2);

@@ -9,7 +9,6 @@
 
 #include "lifecycle_support.h"
 #include "tests/support/test_device/test_device_control.h"
-#include "tests/support/test_simulator/test_simulator_control.h"
 #include "zfnisdbt.h"
 
 namespace {
@@ -60,7 +59,14 @@ TEST(HostLibrary, LifecycleWithExactLogLines) {
   EXPECT_EQ(ZFISDBT_DebugGetParaPtr(&para), 0);
   EXPECT_EQ(ZFISDBT_DebugGetParaValue(words), 0);
   EXPECT_EQ(ZFISDBT_SetTSCallBack(OnPackets), 1);
+  EXPECT_EQ(ZFISDBT_SetTSCallBack(nullptr), 0);
   EXPECT_EQ(ZFISDBT_SetACCallBack(OnAc), 1);
+  EXPECT_EQ(ZFISDBT_SetACCallBack(nullptr), 0);
+  // A retune before open fails, except in simulation.
+  EXPECT_EQ(ZFISDBT_SetFrequency(500000), 0);
+  EXPECT_EQ(ZFISDBT_DebugCMD(5, 1), 1);
+  EXPECT_EQ(ZFISDBT_SetFrequency(500000), 1);
+  EXPECT_EQ(ZFISDBT_DebugCMD(5, 0), 1);
   EXPECT_EQ(ZFISDBT_StartAC(), 1);
   EXPECT_EQ(ZFISDBT_StopAC(), 1);
 
@@ -95,7 +101,13 @@ TEST(HostLibrary, LifecycleWithExactLogLines) {
 
   const std::string expected =
       "ISDBT API: <--> Set TS CallBack OK\n"
+      "ISDBT API: <--> Set TS CallBack Fail\n"
       "ISDBT API: <--> Set AC CallBack OK\n"
+      "ISDBT API: <--> Set AC CallBack Fail\n"
+      "ISDBT API: --> Set frequency 500000 and bandwidth\n"
+      "ISDBT API: <-- Set frequency Fail\n"
+      "ISDBT API: --> Set frequency 500000 and bandwidth\n"
+      "ISDBT API: <-- Set frequency and bandwidth OK\n"
       "ISDBT API: --> Device On\n"
       "ISDBT API: <-- OPEN DAB DEVICE SUCCEED\n"
       "ISDBT API: --> Set frequency 557143 and bandwidth\n"
@@ -117,25 +129,6 @@ TEST(HostLibrary, LifecycleWithExactLogLines) {
       "ISDBT API: --> ISDBT_DeviceOff()\n"
       "ISDBT API: <-- ISDBT_DeviceOff() OK\n";
   EXPECT_EQ(log.Text(), expected);
-}
-
-TEST(HostLibrary, SimulationIsChosenAnewBeforeEveryOpen) {
-  TestSim_Reset();
-  TestSim_SetByteRate(8126984);
-  LogCapture log;
-  EXPECT_EQ(ZFISDBT_DebugCMD(5, 1), 1);
-  ASSERT_EQ(ZFISDBT_OpenDevice(), 1);
-  EXPECT_EQ(TestSim_Started(), 1);
-  EXPECT_EQ(ZFISDBT_SetFrequency(0), 1);
-  EXPECT_TRUE(WaitFor(BlockHandledSinceRetune));
-  EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
-  EXPECT_EQ(TestSim_Started(), 0);
-  // Close cleared the choice: this open takes the device.
-  TestDevice_Reset();
-  ASSERT_EQ(ZFISDBT_OpenDevice(), 1);
-  EXPECT_EQ(TestDevice_CallCount() > 0, true);
-  EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
-  EXPECT_EQ(log.Lines()[3], "ISDBT API: <-- Set frequency and bandwidth OK");
 }
 
 }  // namespace

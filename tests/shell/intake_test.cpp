@@ -16,89 +16,55 @@ namespace {
 
 uint8_t StreamByte(int64_t k) { return static_cast<uint8_t>((k * 2654435761ll) >> 11); }
 
-struct BlockLog {
-  std::vector<std::vector<uint8_t>> blocks;
-  static void Add(const uint8_t* block, void* self) {
-    static_cast<BlockLog*>(self)->blocks.emplace_back(block, block + RAW_BLOCK_BYTES);
-  }
-};
+void AddBlock(const uint8_t* block, void* self) {
+  static_cast<std::vector<std::vector<uint8_t>>*>(self)->emplace_back(block, block + RAW_BLOCK_BYTES);
+}
 
+// Reads of any length 1..SOURCE_READ_BYTES, starting with the edge cases (a read ending exactly at
+// a block edge; one byte short, then a full request completing two blocks and keeping 7 bytes),
+// then random ones including short reads of a few bytes: the same block stream every time.
 TEST(BlockAssembly, AnyReadLengthGivesTheSameBlockStream) {
-  constexpr int64_t kBlocks = 9;
+  constexpr int64_t kBlocks = 12;
   constexpr int64_t kBytes = kBlocks * RAW_BLOCK_BYTES + 12345;  // ends inside a block
   std::vector<uint8_t> stream(kBytes);
   for (int64_t k = 0; k < kBytes; ++k) stream[k] = StreamByte(k);
-
   for (uint32_t seed : {1u, 2u, 3u}) {
     std::mt19937 rng(seed);
     std::uniform_int_distribution<int32_t> length(1, SOURCE_READ_BYTES);
     std::vector<uint8_t> assembly(RAW_BLOCK_BYTES);
     BlockAssembler assembler;
     assembler.Reset(assembly.data());
-    BlockLog log;
-    int64_t at = 0;
+    std::vector<std::vector<uint8_t>> blocks;
+    auto feed = [&](int64_t at, int64_t n) { return assembler.Append(stream.data() + at, n, AddBlock, &blocks); };
+    EXPECT_EQ(feed(0, RAW_BLOCK_BYTES), 1);
+    EXPECT_EQ(assembler.remaining, RAW_BLOCK_BYTES);
+    EXPECT_EQ(feed(RAW_BLOCK_BYTES, RAW_BLOCK_BYTES - 1), 0);
+    EXPECT_EQ(feed(2 * RAW_BLOCK_BYTES - 1, SOURCE_READ_BYTES), 2);
+    EXPECT_EQ(assembler.remaining, RAW_BLOCK_BYTES - 7);
+    int64_t at = 2 * RAW_BLOCK_BYTES - 1 + SOURCE_READ_BYTES;
     while (at < kBytes) {
-      // Short reads too, as a source may give a few bytes at a time.
       int64_t n = (rng() % 4 == 0) ? 1 + rng() % 7 : length(rng);
       if (n > kBytes - at) n = kBytes - at;
-      assembler.Append(stream.data() + at, n, BlockLog::Add, &log);
+      feed(at, n);
       at += n;
     }
-    ASSERT_EQ(log.blocks.size(), static_cast<size_t>(kBlocks)) << "seed " << seed;
+    ASSERT_EQ(blocks.size(), static_cast<size_t>(kBlocks)) << "seed " << seed;
     for (int64_t b = 0; b < kBlocks; ++b) {
-      ASSERT_EQ(0, std::memcmp(log.blocks[b].data(), stream.data() + b * RAW_BLOCK_BYTES, RAW_BLOCK_BYTES))
+      ASSERT_EQ(0, std::memcmp(blocks[b].data(), stream.data() + b * RAW_BLOCK_BYTES, RAW_BLOCK_BYTES))
           << "block " << b << " seed " << seed;
     }
     EXPECT_EQ(assembler.remaining, RAW_BLOCK_BYTES - 12345);
   }
 }
 
-TEST(BlockAssembly, LongReadsAroundTheEdgeNeverOverflow) {
-  std::vector<uint8_t> assembly(RAW_BLOCK_BYTES);
-  std::vector<uint8_t> read(SOURCE_READ_BYTES);
-  BlockAssembler assembler;
-  assembler.Reset(assembly.data());
-  BlockLog log;
-  int64_t at = 0;
-  auto feed = [&](int32_t n) {
-    for (int32_t i = 0; i < n; ++i) read[i] = StreamByte(at + i);
-    const int32_t blocks = assembler.Append(read.data(), n, BlockLog::Add, &log);
-    at += n;
-    return blocks;
-  };
-  // A read that ends exactly at a block edge leaves nothing over.
-  EXPECT_EQ(feed(RAW_BLOCK_BYTES), 1);
-  EXPECT_EQ(assembler.remaining, RAW_BLOCK_BYTES);
-  // One byte short of a block, then a full read request: the request completes this block and a
-  // whole further one, and keeps the last 7 bytes.
-  EXPECT_EQ(feed(RAW_BLOCK_BYTES - 1), 0);
-  EXPECT_EQ(feed(SOURCE_READ_BYTES), 2);
-  EXPECT_EQ(assembler.remaining, RAW_BLOCK_BYTES - 7);
-  EXPECT_EQ(feed(RAW_BLOCK_BYTES - 7), 1);
-  ASSERT_EQ(log.blocks.size(), 4u);
-  for (size_t b = 0; b < log.blocks.size(); ++b) {
-    for (int32_t i = 0; i < RAW_BLOCK_BYTES; i += 997) {
-      ASSERT_EQ(log.blocks[b][i], StreamByte(static_cast<int64_t>(b) * RAW_BLOCK_BYTES + i));
-    }
-  }
+void Publish(uint8_t tag) { BlockRingPublish(std::vector<uint8_t>(RAW_BLOCK_BYTES, tag).data()); }
+int Take() {
+  std::vector<uint8_t> block(RAW_BLOCK_BYTES, 0);
+  return BlockRingTakeNext(block.data()) ? block[RAW_BLOCK_BYTES - 1] : -1;
 }
 
-class RingTest : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(BlockRingAlloc(), 1); }
-  void TearDown() override { BlockRingFree(); }
-  static void Publish(uint8_t tag) {
-    std::vector<uint8_t> block(RAW_BLOCK_BYTES, tag);
-    BlockRingPublish(block.data());
-  }
-  static int Take() {
-    std::vector<uint8_t> block(RAW_BLOCK_BYTES, 0);
-    if (!BlockRingTakeNext(block.data())) return -1;
-    return block[RAW_BLOCK_BYTES - 1];
-  }
-};
-
-TEST_F(RingTest, ReaderFollowsInOrderAndALapOverwritesUnread) {
+TEST(BlockRing, InOrderLapsAndTheJumpToTheNewest) {
+  ASSERT_EQ(BlockRingAlloc(), 1);
   Publish(1);
   Publish(2);
   EXPECT_EQ(Take(), 1);
@@ -111,32 +77,23 @@ TEST_F(RingTest, ReaderFollowsInOrderAndALapOverwritesUnread) {
   EXPECT_EQ(Take(), -1);
   EXPECT_EQ(blockRing.writeCount, 8u);
   EXPECT_EQ(blockRing.readCount, 4u);
-}
-
-TEST_F(RingTest, ALapOfExactlyFourLooksEmptyUntilTheNextBlock) {
-  for (uint8_t tag = 1; tag <= 4; ++tag) Publish(tag);
+  // A lap of exactly four looks empty until the next block.
+  for (uint8_t tag = 9; tag <= 12; ++tag) Publish(tag);
   EXPECT_EQ(Take(), -1);
-  Publish(5);
-  EXPECT_EQ(Take(), 5);
-}
-
-TEST_F(RingTest, JumpTakesTheNewestAndTheNextFollowsInOrder) {
-  for (uint8_t tag = 1; tag <= 3; ++tag) Publish(tag);
+  Publish(13);
+  EXPECT_EQ(Take(), 13);
+  // The jump takes the newest; the next block follows in order.
+  for (uint8_t tag = 14; tag <= 16; ++tag) Publish(tag);
   std::vector<uint8_t> block(RAW_BLOCK_BYTES);
   BlockRingTakeNewest(block.data());
-  EXPECT_EQ(block[0], 3);
+  EXPECT_EQ(block[0], 16);
   EXPECT_EQ(blockRing.readCount, blockRing.writeCount);
   EXPECT_EQ(Take(), -1);
-  Publish(4);
-  EXPECT_EQ(Take(), 4);
-}
-
-TEST_F(RingTest, FreeIsSafeTwiceAndAfterAPartialAlloc) {
+  Publish(17);
+  EXPECT_EQ(Take(), 17);
   BlockRingFree();
-  EXPECT_EQ(blockRing.readBuffer, nullptr);
+  EXPECT_EQ(BlockRingFree(), 1) << "safe twice";
   EXPECT_EQ(blockRing.slots[3], nullptr);
-  EXPECT_EQ(BlockRingFree(), 1);
-  ASSERT_EQ(BlockRingAlloc(), 1);
 }
 
 // --- The walk of symbols across block edges -------------------------------------------------
@@ -160,8 +117,6 @@ class SymbolWalk : public testing::Test {
     engine.timingStep = 0;
     engine.symbolIndex = 0;
     engine.spPhase = 0;
-    starts_.clear();
-    broken_ = 0;
     self_ = this;
     symbolStepHandler = Record;
   }
@@ -170,7 +125,6 @@ class SymbolWalk : public testing::Test {
     engine.sampleBlock = nullptr;
     engine.symbolBuffer = nullptr;
   }
-
   static void Record() {
     const float first = self_->buffer_[0];
     for (int32_t i = 1; i < S; ++i) {
@@ -182,21 +136,21 @@ class SymbolWalk : public testing::Test {
     self_->starts_.push_back(static_cast<int64_t>(first));
     engine.timingStep = self_->stepFor_ ? self_->stepFor_(self_->starts_.size() - 1) : 0;
   }
-
-  void WalkBlock(int64_t block) {
-    for (int32_t i = 0; i < BLOCK_FLOATS; ++i) samples_[i] = static_cast<float>(block * BLOCK_FLOATS + i);
-    WalkSymbols();
-  }
-
-  // The starts a walk must produce: each symbol N + 2 * step floats after the last.
-  std::vector<int64_t> Expected(int64_t first, size_t count) const {
-    std::vector<int64_t> out;
-    int64_t p = first;
-    for (size_t k = 0; k < count; ++k) {
-      out.push_back(p);
-      p += S + 2 * (stepFor_ ? stepFor_(k) : 0);
+  void WalkBlocks(int64_t from, int64_t to) {
+    for (int64_t block = from; block < to; ++block) {
+      for (int32_t i = 0; i < BLOCK_FLOATS; ++i) samples_[i] = static_cast<float>(block * BLOCK_FLOATS + i);
+      WalkSymbols();
     }
-    return out;
+  }
+  // Every symbol whole, each N + 2 * step floats after the last.
+  void ExpectTheArithmetic(int64_t first) const {
+    EXPECT_EQ(broken_, 0);
+    std::vector<int64_t> expected;
+    for (size_t k = 0; k < starts_.size(); ++k) {
+      expected.push_back(first);
+      first += S + 2 * (stepFor_ ? stepFor_(k) : 0);
+    }
+    EXPECT_EQ(starts_, expected);
   }
 
   std::vector<float> samples_;
@@ -208,30 +162,18 @@ class SymbolWalk : public testing::Test {
 };
 SymbolWalk* SymbolWalk::self_ = nullptr;
 
-TEST_F(SymbolWalk, SteadyWalkOverManyBlocksLosesNoSample) {
-  engine.readPos = 100;
-  for (int64_t b = 0; b < 6; ++b) WalkBlock(b);
-  EXPECT_EQ(broken_, 0);
-  const auto expected = Expected(100, starts_.size());
-  EXPECT_EQ(starts_, expected);
-  // 6 blocks hold 341 whole symbols from float 100 on (the 342nd straddles into block 6).
-  EXPECT_EQ(starts_.size(), 341u);
-}
-
 TEST_F(SymbolWalk, SymbolEndingExactlyAtTheBlockEndTakesTheStraddlePathWithNothingToAppend) {
-  // Start so that 56 symbols fill the block up to its last float.
   const int32_t start = BLOCK_FLOATS - 56 * S;  // 56 symbols fill the block to its last float
   engine.readPos = start;
-  WalkBlock(0);
+  WalkBlocks(0, 1);
   EXPECT_EQ(starts_.size(), 55u) << "the last symbol of the block waits for the next block";
   EXPECT_EQ(engine.straddleFlag, 1);
   EXPECT_EQ(engine.straddleFloats, S);
-  WalkBlock(1);
-  EXPECT_EQ(broken_, 0);
+  WalkBlocks(1, 2);
   ASSERT_GE(starts_.size(), 57u);
   EXPECT_EQ(starts_[55], BLOCK_FLOATS - S) << "the held symbol comes first in the next block";
   EXPECT_EQ(starts_[56], BLOCK_FLOATS) << "then the symbol at the very start of the new block";
-  EXPECT_EQ(starts_, Expected(start, starts_.size()));
+  ExpectTheArithmetic(start);
 }
 
 TEST_F(SymbolWalk, NegativeStepAfterAStraddleBuildsTheNextSymbolFromTheHeldTail) {
@@ -242,16 +184,14 @@ TEST_F(SymbolWalk, NegativeStepAfterAStraddleBuildsTheNextSymbolFromTheHeldTail)
   engine.readPos = first;
   const size_t straddler = 10;
   stepFor_ = [straddler](size_t k) { return k == straddler ? -4 : (k == straddler + 1 ? 3 : 0); };
-  WalkBlock(0);
+  WalkBlocks(0, 1);
   EXPECT_EQ(engine.straddleFlag, 1);
   EXPECT_EQ(engine.straddleFloats, S - 4);
-  WalkBlock(1);
-  WalkBlock(2);
-  EXPECT_EQ(broken_, 0);
+  WalkBlocks(1, 3);
   ASSERT_GT(starts_.size(), straddler + 2);
   EXPECT_EQ(starts_[straddler], straddleStart);
   EXPECT_EQ(starts_[straddler + 1], BLOCK_FLOATS - 4) << "starts in the previous block";
-  EXPECT_EQ(starts_, Expected(first, starts_.size()));
+  ExpectTheArithmetic(first);
 }
 
 TEST_F(SymbolWalk, RandomStepsOverManyEdgesFollowTheArithmetic) {
@@ -259,10 +199,9 @@ TEST_F(SymbolWalk, RandomStepsOverManyEdgesFollowTheArithmetic) {
   std::vector<int32_t> steps(4000);
   for (auto& s : steps) s = (rng() % 3 == 0) ? static_cast<int32_t>(rng() % 33) - 16 : 0;
   stepFor_ = [&steps](size_t k) { return steps[k % steps.size()]; };
-  engine.readPos = 0;
-  for (int64_t b = 0; b < 30; ++b) WalkBlock(b);
-  EXPECT_EQ(broken_, 0);
-  EXPECT_EQ(starts_, Expected(0, starts_.size()));
+  engine.readPos = 100;
+  WalkBlocks(0, 30);
+  ExpectTheArithmetic(100);
   EXPECT_GT(starts_.size(), 1650u);
 }
 

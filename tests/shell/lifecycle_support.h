@@ -52,7 +52,6 @@ class LogCapture {
     for (std::string line; std::getline(s, line);) out.push_back(line);
     return out;
   }
-  void Clear() { std::remove(path_.c_str()); }
 
  private:
   std::string path_;

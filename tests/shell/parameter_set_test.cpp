@@ -16,7 +16,6 @@
 namespace zfn {
 namespace {
 
-
 // Runs each case in a fresh directory of its own, since the files are read from the current one.
 class ParameterFiles : public testing::Test {
  protected:
@@ -47,29 +46,13 @@ class ParameterFiles : public testing::Test {
   std::string dir_;
 };
 
-TEST_F(ParameterFiles, DefaultsCarryTheirExactBitPatterns) {
-  EXPECT_EQ(engine.stageStartSymbol[1], 5000);
-  EXPECT_EQ(engine.stageStepFraction[0], 0.125f);
-  EXPECT_EQ(engine.stageStepFraction[1], 0.03125f);
-  EXPECT_EQ(engine.stageDeadZone[1], 1);
-  EXPECT_EQ(std::bit_cast<uint32_t>(engine.spareTapSets[6]), 0x3EA8F5C3u);
-  EXPECT_EQ(std::bit_cast<uint32_t>(engine.interpTapsB[2]), 0x3FAA9FBEu);
-  EXPECT_EQ(std::bit_cast<uint32_t>(engine.interpTapsC[4]), 0xBEAA7EFAu);
-  EXPECT_EQ(std::bit_cast<uint32_t>(engine.lmsStep), 0x3951B717u);
-  EXPECT_EQ(std::bit_cast<uint32_t>(engine.freqLoopGain), 0x31ABCC77u);
-  EXPECT_EQ(engine.qpskSoftTarget, 4.0f);
-  EXPECT_EQ(engine.mixWeightSlow, 0.25f);
-}
-
-TEST_F(ParameterFiles, MissingFilesChangeNothing) {
+TEST_F(ParameterFiles, MissingFilesChangeNothingAndWellFormedFilesSetEveryField) {
   engine.pilotGainScaleA = 1.5f;
   LoadParameterSet(PARAM_FROM_FILES);
   EXPECT_EQ(engine.pilotGainScaleA, 1.5f);
   EXPECT_EQ(engine.stageUpdatePeriod[1], 32);
   EXPECT_EQ(std::bit_cast<uint32_t>(engine.freqLoopGain), 0x31ABCC77u);
-}
 
-TEST_F(ParameterFiles, WellFormedFilesSetEveryField) {
   std::vector<std::string> timing;
   for (int s = 0; s < 3; ++s) {
     for (const char* v : {"100", "0.25", "3.5", "16", "0.5", "7", "2"}) timing.push_back(v);
@@ -131,7 +114,7 @@ TEST_F(ParameterFiles, TextInAValueMisalignsTheRestOfTheFileAndTheEndRepeatsTheL
   EXPECT_EQ(engine.stageStepFraction[2], 14.0f);
 }
 
-TEST_F(ParameterFiles, MissingValuesAndAnEmptyFileRepeatOrZero) {
+TEST_F(ParameterFiles, MissingValuesAnEmptyFileAndLongLabels) {
   Write("ParaSetOther.txt", "a\n3.0\nb\n");
   LoadParameterSet(PARAM_FROM_FILES);
   EXPECT_EQ(engine.freqLoopGain, 1.0f) << "b repeats a";
@@ -141,17 +124,13 @@ TEST_F(ParameterFiles, MissingValuesAndAnEmptyFileRepeatOrZero) {
   Write("ParaSetOther.txt", "a\n1.0\nb\n0\n");
   LoadParameterSet(PARAM_FROM_FILES);
   EXPECT_TRUE(std::isinf(engine.freqLoopGain)) << "b = 0 is not refused";
-}
-
-TEST_F(ParameterFiles, ALabelLongerThan99CharactersSpillsIntoTheValueRead) {
-  const std::string longLabel(150, 'x');
-  Write("ParaSetOther.txt", longLabel + "\n8.0\nb\n2.0\n");
+  // A label longer than 99 characters spills into the value read.
+  Write("ParaSetOther.txt", std::string(150, 'x') + "\n8.0\nb\n2.0\n");
   LoadParameterSet(PARAM_FROM_FILES);
   // 99 characters are the label; the rest is scanned as a, fails (a stays 0), and is then read
   // as the label of b, which takes the 8.0: 0 / 8.
   EXPECT_EQ(engine.freqLoopGain, 0.0f);
-  const std::string label99(99, 'y');
-  Write("ParaSetOther.txt", label99 + "\n8.0\nb\n2.0\n");
+  Write("ParaSetOther.txt", std::string(99, 'y') + "\n8.0\nb\n2.0\n");
   LoadParameterSet(PARAM_FROM_FILES);
   EXPECT_EQ(engine.freqLoopGain, 4.0f) << "99 characters still fit";
 }
