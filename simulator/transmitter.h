@@ -44,7 +44,7 @@ struct BroadcastConfig {
   double deviceFilterHz = 780e3;
   bool wideDeviceFilter = false;
   uint64_t seed = 1;    // neighbour data and the initial contents of the delay lines
-  std::vector<int> tmccFlips;  // test hook: TMCC word bits (0 = B20) sent inverted in every frame
+  std::vector<int> tmccFlips{};  // test hook: TMCC word bits (0 = B20) sent inverted in every frame
 };
 
 struct EchoPath {
