@@ -89,22 +89,14 @@ DeviceModel model;
 // anything it could touch goes away. The thread itself touches only the eventfd.
 zfn_test::EventTicker ticker;
 
-template <class Action>
-auto Locked(Action action) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  return action();
-}
-
-bool ValidCell(int32_t page, int32_t address) { return page >= 0 && page < kPages && address >= 0 && address < kAddresses; }
-
 void StartTickerIfReady() {
   if (model.initialised && model.eventRegistered) ticker.Start(model.eventFd, model.eventPeriodMs);
 }
 
 int32_t RegisterAccess(bool isWrite, int32_t page, int32_t address, int32_t byteCount, uint8_t* bytes) {
   std::lock_guard<std::mutex> hold(model.lock);
-  const bool valid = bytes != nullptr && ValidCell(page, address) && byteCount >= 1 && byteCount <= 4 &&
-                     address + byteCount <= kAddresses;
+  const bool valid = bytes != nullptr && page >= 0 && page < kPages && address >= 0 && byteCount >= 1 &&
+                     byteCount <= 4 && address + byteCount <= kAddresses;
   std::string hex;
   for (int32_t i = 0; isWrite && valid && i < byteCount; ++i) {
     char piece[4];
@@ -128,34 +120,35 @@ int32_t RegisterAccess(bool isWrite, int32_t page, int32_t address, int32_t byte
 // ---- The device functions ------------------------------------------------------------------------
 
 ZFN_DEVICE_EXPORT int32_t ZFN_BDAFilterInit(int32_t zero) {
-  return Locked([=] {
-    if (model.Call(kInit, "ZFN_BDAFilterInit %d", zero)) return 0;
-    model.initialised = true;
-    model.stream.Restart();
-    StartTickerIfReady();
-    return 1;
-  });
+  std::lock_guard<std::mutex> hold(model.lock);
+  if (model.Call(kInit, "ZFN_BDAFilterInit %d", zero)) return 0;
+  model.initialised = true;
+  model.stream.Restart();
+  StartTickerIfReady();
+  return 1;
 }
 
 ZFN_DEVICE_EXPORT int32_t ZFN_BDAFilterRelease(int32_t zero) {
-  return Locked([=] {
-    if (model.Call(kRelease, "ZFN_BDAFilterRelease %d", zero)) return 0;
-    model.initialised = false;
-    ticker.Stop();
-    return 1;
-  });
+  std::lock_guard<std::mutex> hold(model.lock);
+  if (model.Call(kRelease, "ZFN_BDAFilterRelease %d", zero)) return 0;
+  model.initialised = false;
+  ticker.Stop();
+  return 1;
 }
 
-ZFN_DEVICE_EXPORT int32_t ZFN_Set_Frequency(int32_t kHz) {
-  return Locked([=] { return model.Call(kSetFrequency, "ZFN_Set_Frequency %d", kHz) ? 0 : 1; });
+ZFN_DEVICE_EXPORT int32_t ZFN_Set_Frequency(int32_t frequencyKHz) {
+  std::lock_guard<std::mutex> hold(model.lock);
+  return model.Call(kSetFrequency, "ZFN_Set_Frequency %d", frequencyKHz) ? 0 : 1;
 }
 
-ZFN_DEVICE_EXPORT int32_t ZFN_Set_Bandwidth(int32_t MHz) {
-  return Locked([=] { return model.Call(kSetBandwidth, "ZFN_Set_Bandwidth %d", MHz) ? 0 : 1; });
+ZFN_DEVICE_EXPORT int32_t ZFN_Set_Bandwidth(int32_t bandwidthMHz) {
+  std::lock_guard<std::mutex> hold(model.lock);
+  return model.Call(kSetBandwidth, "ZFN_Set_Bandwidth %d", bandwidthMHz) ? 0 : 1;
 }
 
 ZFN_DEVICE_EXPORT int32_t ZFN_DeviceUpdate(void) {
-  return Locked([] { return model.Call(kUpdate, "ZFN_DeviceUpdate") ? 0 : 1; });
+  std::lock_guard<std::mutex> hold(model.lock);
+  return model.Call(kUpdate, "ZFN_DeviceUpdate") ? 0 : 1;
 }
 
 ZFN_DEVICE_EXPORT int32_t ZFN_Demod_Byte_Read(int32_t page, int32_t address, int32_t byteCount, uint8_t* bytes) {
@@ -167,46 +160,51 @@ ZFN_DEVICE_EXPORT int32_t ZFN_Demod_Byte_Write(int32_t page, int32_t address, in
 }
 
 ZFN_DEVICE_EXPORT int32_t ZFN_GetData(uint8_t* buffer, int32_t bufferSize, int32_t* length, int32_t* aux) {
-  return Locked([=] {
-    const bool fails = model.Call(kGetData, "ZFN_GetData %d %d", bufferSize, aux != nullptr ? *aux : -1);
-    if (length == nullptr) return 0;
-    *length = 0;
-    if (fails) return 0;
-    if (model.initialised) *length = model.stream.Serve(buffer, bufferSize);
-    return 1;
-  });
+  std::lock_guard<std::mutex> hold(model.lock);
+  const bool fails = model.Call(kGetData, "ZFN_GetData %d %d", bufferSize, aux != nullptr ? *aux : -1);
+  if (length == nullptr) return 0;
+  *length = 0;
+  if (fails) return 0;
+  if (model.initialised) *length = model.stream.Serve(buffer, bufferSize);
+  return 1;
 }
 
 ZFN_DEVICE_EXPORT int32_t ZFN_SetDABEventHandle(int* event) {
-  return Locked([=] {
-    if (model.Call(kSetEvent, "ZFN_SetDABEventHandle") || event == nullptr) return 0;
-    model.eventFd = *event;  // copied now: the thread never reads the caller's word
-    model.eventRegistered = true;
-    StartTickerIfReady();
-    return 1;
-  });
+  std::lock_guard<std::mutex> hold(model.lock);
+  if (model.Call(kSetEvent, "ZFN_SetDABEventHandle") || event == nullptr) return 0;
+  model.eventFd = *event;  // copied now: the thread never reads the caller's word
+  model.eventRegistered = true;
+  StartTickerIfReady();
+  return 1;
 }
 
 ZFN_DEVICE_EXPORT int32_t ZFN_ReleaseDABEventHandle(int* /*event*/) {
-  return Locked([] {
-    if (model.Call(kReleaseEvent, "ZFN_ReleaseDABEventHandle")) return 0;
-    model.eventRegistered = false;
-    ticker.Stop();
-    return 1;
-  });
+  std::lock_guard<std::mutex> hold(model.lock);
+  if (model.Call(kReleaseEvent, "ZFN_ReleaseDABEventHandle")) return 0;
+  model.eventRegistered = false;
+  ticker.Stop();
+  return 1;
 }
 
 #ifndef ZFN_TEST_DEVICE_WITHOUT_TUNER_TYPE
 ZFN_DEVICE_EXPORT int32_t ZFN_Get_TunerType(int32_t* tunerType) {
-  return Locked([=] {
-    if (model.Call(kTunerType, "ZFN_Get_TunerType") || tunerType == nullptr) return 0;
-    *tunerType = model.tunerType;
-    return 1;
-  });
+  std::lock_guard<std::mutex> hold(model.lock);
+  if (model.Call(kTunerType, "ZFN_Get_TunerType") || tunerType == nullptr) return 0;
+  *tunerType = model.tunerType;
+  return 1;
 }
 #endif
 
 // ---- Control -------------------------------------------------------------------------------------
+
+namespace {
+template <class Action>
+auto Locked(Action action) {
+  std::lock_guard<std::mutex> hold(model.lock);
+  return action();
+}
+bool ValidCell(int32_t page, int32_t address) { return page >= 0 && page < kPages && address >= 0 && address < kAddresses; }
+}  // namespace
 
 ZFN_DEVICE_EXPORT void TestDevice_Reset(void) { Locked([] { model.ResetLocked(); }); }
 

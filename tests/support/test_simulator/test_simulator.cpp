@@ -56,49 +56,45 @@ zfn_test::EventTicker ticker;  // destroyed first at unload, which joins its thr
 
 }  // namespace
 
+ZFN_SIM_EXPORT int32_t SetEventHandle(int* event) {
+  std::lock_guard<std::mutex> hold(model.lock);
+  if (model.Fails(kSetEvent) || event == nullptr) return -1;
+  model.eventFd = *event;
+  model.eventSet = true;
+  return 0;
+}
+
+ZFN_SIM_EXPORT int32_t BDA_Start_simulate(void) {
+  std::lock_guard<std::mutex> hold(model.lock);
+  if (model.Fails(kStart) || !model.eventSet) return -1;
+  model.stream.Restart();
+  model.started = true;
+  ticker.Start(model.eventFd, 5);
+  return 0;
+}
+
+ZFN_SIM_EXPORT int32_t GetData(uint8_t* buffer, int32_t* length) {
+  std::lock_guard<std::mutex> hold(model.lock);
+  const bool fails = model.Fails(kGetData);
+  if (length == nullptr) return -1;
+  *length = 0;
+  if (fails) return -1;
+  if (model.started) *length = model.stream.Serve(buffer, zfn_test::kMaxRead);
+  return 0;
+}
+
+ZFN_SIM_EXPORT int32_t BDA_Stop_simulate(void) {
+  std::lock_guard<std::mutex> hold(model.lock);
+  if (model.Fails(kStop)) return -1;
+  model.started = false;
+  ticker.Stop();
+  return 0;
+}
+
 template <class Action>
 auto Locked(Action action) {
   std::lock_guard<std::mutex> hold(model.lock);
   return action();
-}
-
-ZFN_SIM_EXPORT int32_t SetEventHandle(int* event) {
-  return Locked([=] {
-    if (model.Fails(kSetEvent) || event == nullptr) return -1;
-    model.eventFd = *event;
-    model.eventSet = true;
-    return 0;
-  });
-}
-
-ZFN_SIM_EXPORT int32_t BDA_Start_simulate(void) {
-  return Locked([] {
-    if (model.Fails(kStart) || !model.eventSet) return -1;
-    model.stream.Restart();
-    model.started = true;
-    ticker.Start(model.eventFd, 5);
-    return 0;
-  });
-}
-
-ZFN_SIM_EXPORT int32_t GetData(uint8_t* buffer, int32_t* length) {
-  return Locked([=] {
-    const bool fails = model.Fails(kGetData);
-    if (length == nullptr) return -1;
-    *length = 0;
-    if (fails) return -1;
-    if (model.started) *length = model.stream.Serve(buffer, zfn_test::kMaxRead);
-    return 0;
-  });
-}
-
-ZFN_SIM_EXPORT int32_t BDA_Stop_simulate(void) {
-  return Locked([] {
-    if (model.Fails(kStop)) return -1;
-    model.started = false;
-    ticker.Stop();
-    return 0;
-  });
 }
 
 ZFN_SIM_EXPORT void TestSim_Reset(void) { Locked([] { model.ResetFromEnvironmentLocked(); }); }
