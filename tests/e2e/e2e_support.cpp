@@ -75,12 +75,7 @@ StreamCheck CheckAcquisition(const Acquisition& a, const std::vector<uint8_t>& t
 }
 
 EndToEndRun::EndToEndRun(const Layer& layer, const sim::ChannelConfig& channel, const Front& front, uint64_t seed) {
-  sim::BroadcastConfig b;
-  b.mode = layer.mode;
-  b.guard = layer.guard;
-  b.modulation = layer.modulation;
-  b.codeRate = layer.codeRate;
-  b.interleave = layer.interleave;
+  sim::BroadcastConfig b = layer;
   b.seed = seed;
   b.deviceFilterHz = front.deviceFilterHz;
   b.neighbourModulation = front.neighbourModulation;

@@ -19,13 +19,10 @@ namespace zfn::e2e {
 // whose byte deinterleaver branches still reach back into that block or into the stale store.
 constexpr int kStalePackets = 12;
 
-struct Layer {
-  int mode = 3;        // 1..3
-  int guard = 2;       // 0..3: 1/32, 1/16, 1/8, 1/4
-  int modulation = 1;  // TMCC code: 1 QPSK, 2 16QAM, 3 64QAM
-  int codeRate = 1;    // 0..4: 1/2 .. 7/8
-  int interleave = 3;  // 0..3
-};
+// The received layer: mode, guard (0..3: 1/32 .. 1/4), modulation (TMCC code: 1 QPSK, 2 16QAM,
+// 3 64QAM), code rate (0..4: 1/2 .. 7/8) and interleaving index (0..3), the broadcast's first five
+// fields; the rest of the broadcast comes from Front and the run's seed.
+using Layer = sim::BroadcastConfig;
 
 // The rest of the broadcast and the device: the device filter of the transmitter's front-end
 // model and the modulation of the twelve other segments (TMCC code).
