@@ -1,6 +1,6 @@
 // The picture-writing bridge (build/lib/libISDBT_MatlabWrap.so), loaded by debug command 1 and fed
 // by the engine's fill with a synthetic frame: QPSK with noise, a smooth channel, a timing peak.
-// The picture is read back with libpng; the CSV files are counted and read.
+// The picture is read back with libpng; the status and step files are read.
 #include <gtest/gtest.h>
 #include <png.h>
 
