@@ -4,7 +4,6 @@
 
 #include <sys/stat.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -18,8 +17,8 @@ namespace zfn {
 namespace {
 
 using zfn_test::FileExists;
+using zfn_test::OpenDescriptors;
 using zfn_test::ReadBytes;
-using zfn_test::ScratchDirectory;
 using zfn_test::WaitFor;
 
 std::string CaptureName(int32_t number) { return "BBStore" + std::to_string(number); }
@@ -33,28 +32,30 @@ std::vector<uint8_t> PatternBlock(uint32_t block) {
 
 class Capture : public ::testing::Test {
  protected:
-  void SetUp() override {
+  static void Clear() {
     captureFault = 0;
     device.running = 0;
     captureOn = 0;
   }
+  void SetUp() override { Clear(); }
   void TearDown() override {
     StopCapture();
-    captureFault = 0;
-    device.running = 0;
-    captureOn = 0;
+    Clear();
     CaptureRingFree();
   }
-  ScratchDirectory scratch_{true};
+  zfn_test::ScratchDirectory scratch_{true};
 };
 
-TEST_F(Capture, FilesAreNumberedOnOverStopsAndStartsAndTheThreadEndsAtOnceWhenClosed) {
+// Files 0, 1, 2 over stops and starts with the device closed (the thread finds running = 0 and
+// ends by itself); then the number advances when a later step of the start fails, but not when the
+// file does not open.
+TEST_F(Capture, FilesAreNumberedOnOverStopsStartsAndFailedStarts) {
   capture.captureFileNumber = 0;
+  const int descriptors = OpenDescriptors();
   for (int32_t n = 0; n < 3; ++n) {
     ASSERT_EQ(StartCapture(), 1);
     EXPECT_TRUE(FileExists(CaptureName(n)));
     EXPECT_EQ(capture.captureFileNumber, n + 1);
-    // The device is closed: the thread finds running = 0 and ends by itself.
     EXPECT_TRUE(WaitFor([] { return capture.threadEnded.load() == 1; }, 1000));
     EXPECT_EQ(StopCapture(), 1);
     EXPECT_EQ(captureOn, 0);
@@ -65,12 +66,8 @@ TEST_F(Capture, FilesAreNumberedOnOverStopsAndStartsAndTheThreadEndsAtOnceWhenCl
   // The file pointer survives the stop; a second stop in a row must not close it again.
   EXPECT_NE(capture.captureFile, nullptr);
   EXPECT_EQ(StopCapture(), 1);
-}
 
-TEST_F(Capture, TheNumberAdvancesWhenALaterStepFailsButNotWhenTheFileDoesNotOpen) {
-  const int32_t first = capture.captureFileNumber;
-  const int descriptors = zfn_test::OpenDescriptors();
-
+  const int32_t first = 3;
   captureFault = static_cast<int32_t>(CaptureFault::Event);
   EXPECT_EQ(StartCapture(), 0);
   EXPECT_TRUE(FileExists(CaptureName(first)));
@@ -93,65 +90,47 @@ TEST_F(Capture, TheNumberAdvancesWhenALaterStepFailsButNotWhenTheFileDoesNotOpen
 
   EXPECT_EQ(StopCapture(), 1);
   EXPECT_EQ(StopCapture(), 1);
-  // The file left open by the failed start was closed when the next start replaced it, and the
-  // last one by the stop: nothing is left open.
-  EXPECT_EQ(zfn_test::OpenDescriptors(), descriptors);
+  // Each file left open (by a stop, or a failed start) was closed when the next start replaced
+  // it, and the last one by the stop: nothing is left open.
+  EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
-TEST_F(Capture, TheFileHoldsTheBlocksFedByReceptionByteForByte) {
+// The file holds the blocks fed by reception byte for byte; a start without a stop replaces the
+// capture; a close ends the thread by itself.
+TEST_F(Capture, TheFileHoldsTheBlocksFedAndASecondStartOrACloseEndsIt) {
   ASSERT_EQ(CaptureRingAlloc(), 1);
   const int32_t number = capture.captureFileNumber;
+  const int descriptors = OpenDescriptors();
   device.running = 1;
-
-  // Capture off: reception's feed does nothing.
   const std::vector<uint8_t> early = PatternBlock(99);
-  CaptureFeed(early.data());
+  CaptureFeed(early.data());  // capture off: reception's feed does nothing
   EXPECT_EQ(capture.captureWritten.load(), 0u);
 
   ASSERT_EQ(StartCapture(), 1);
-  std::vector<uint8_t> expected;
+  std::vector<uint8_t> expected, second;
   uint32_t fed = 0;
   // Seven blocks one at a time, then bursts of three (what the ring holds), each time waiting for
   // the writer to catch up, as a disk that keeps up would.
-  auto feed = [&](int32_t count) {
-    for (int32_t i = 0; i < count; ++i) {
+  auto feed = [&](int32_t count, std::vector<uint8_t>& into) {
+    for (int32_t i = 0; i < count; ++i, ++fed) {
       const std::vector<uint8_t> block = PatternBlock(fed);
       CaptureFeed(block.data());
-      expected.insert(expected.end(), block.begin(), block.end());
-      ++fed;
+      into.insert(into.end(), block.begin(), block.end());
     }
-    ASSERT_TRUE(WaitFor([&] { return capture.captureRead.load() == fed; }, 2000));
+    ASSERT_TRUE(WaitFor([&] { return capture.captureRead.load() == static_cast<uint32_t>(into.size() / RAW_BLOCK_BYTES); }, 2000));
   };
-  for (int32_t i = 0; i < 7; ++i) feed(1);
-  for (int32_t i = 0; i < 3; ++i) feed(3);
+  for (int32_t i = 0; i < 7; ++i) feed(1, expected);
+  for (int32_t i = 0; i < 3; ++i) feed(3, expected);
   EXPECT_EQ(capture.captureWritten.load(), 16u);
+
+  ASSERT_EQ(StartCapture(), 1);  // no stop: the new file takes over, one writer remains
+  feed(1, second);
   EXPECT_EQ(StopCapture(), 1);
+  CaptureFeed(early.data());  // after the stop the feed does nothing again
+  EXPECT_EQ(capture.captureWritten.load(), 1u);
 
-  EXPECT_TRUE(ReadBytes(CaptureName(number)) == expected) << "capture file differs from the blocks fed";
-
-  // After the stop reception's feed does nothing again.
-  CaptureFeed(early.data());
-  EXPECT_EQ(capture.captureWritten.load(), 16u);
-}
-
-TEST_F(Capture, CloseEndsTheThreadAndASecondStartReplacesTheFirstCapture) {
-  ASSERT_EQ(CaptureRingAlloc(), 1);
-  device.running = 1;
-  const int descriptors = zfn_test::OpenDescriptors();
-  const int32_t number = capture.captureFileNumber;
-
+  // Close while capturing: running and the capture switch drop, the ring goes.
   ASSERT_EQ(StartCapture(), 1);
-  const std::vector<uint8_t> a = PatternBlock(1);
-  CaptureFeed(a.data());
-  ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 1; }, 2000));
-
-  // A start without a stop: the new file takes over, one writer remains.
-  ASSERT_EQ(StartCapture(), 1);
-  const std::vector<uint8_t> b = PatternBlock(2);
-  CaptureFeed(b.data());
-  ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 1; }, 2000));
-
-  // Close: running and the capture switch drop, the ring goes; the thread ends by itself.
   device.running = 0;
   captureOn = 0;
   CaptureRingFree();
@@ -159,9 +138,10 @@ TEST_F(Capture, CloseEndsTheThreadAndASecondStartReplacesTheFirstCapture) {
   EXPECT_EQ(StopCapture(), 1);
   EXPECT_FALSE(capture.captureThread.Exists());
 
-  EXPECT_TRUE(ReadBytes(CaptureName(number)) == a);
-  EXPECT_TRUE(ReadBytes(CaptureName(number + 1)) == b);
-  EXPECT_EQ(zfn_test::OpenDescriptors(), descriptors);
+  EXPECT_TRUE(ReadBytes(CaptureName(number)) == expected) << "capture file differs from the blocks fed";
+  EXPECT_TRUE(ReadBytes(CaptureName(number + 1)) == second);
+  EXPECT_TRUE(ReadBytes(CaptureName(number + 2)).empty());
+  EXPECT_EQ(OpenDescriptors(), descriptors);
 }
 
 }  // namespace

@@ -1,14 +1,11 @@
 #pragma once
 // Helpers of the diagnostics cases: a scratch directory (optionally the working directory for the
 // life of the object), whole-file reads, waiting for a condition with a limit, descriptor counts.
-#include <dirent.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -23,14 +20,14 @@ class ScratchDirectory {
     char pattern[] = "/tmp/zfn_diagnostics_XXXXXX";
     path_ = mkdtemp(pattern) != nullptr ? pattern : "";
     if (enter && !path_.empty()) {
-      char cwd[4096];
-      if (getcwd(cwd, sizeof cwd) != nullptr) previous_ = cwd;
-      entered_ = chdir(path_.c_str()) == 0;
+      previous_ = std::filesystem::current_path();
+      std::filesystem::current_path(path_);
     }
   }
   ~ScratchDirectory() {
-    if (entered_ && !previous_.empty() && chdir(previous_.c_str()) != 0) std::perror("chdir");
-    Remove(path_);
+    std::error_code ignored;
+    if (!previous_.empty()) std::filesystem::current_path(previous_, ignored);
+    if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
   }
   ScratchDirectory(const ScratchDirectory&) = delete;
   ScratchDirectory& operator=(const ScratchDirectory&) = delete;
@@ -39,35 +36,20 @@ class ScratchDirectory {
   std::string File(const std::string& name) const { return path_ + "/" + name; }
 
  private:
-  static void Remove(const std::string& path) {
-    if (path.empty()) return;
-    if (DIR* d = opendir(path.c_str())) {
-      while (dirent* e = readdir(d)) {
-        const std::string name = e->d_name;
-        if (name == "." || name == "..") continue;
-        const std::string child = path + "/" + name;
-        struct stat st {};
-        if (lstat(child.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) Remove(child);
-        else std::remove(child.c_str());
-      }
-      closedir(d);
-    }
-    rmdir(path.c_str());
-  }
-
   std::string path_;
-  std::string previous_;
-  bool entered_ = false;
+  std::filesystem::path previous_;
 };
 
-inline bool FileExists(const std::string& path) {
-  struct stat st {};
-  return stat(path.c_str(), &st) == 0;
-}
+inline bool FileExists(const std::string& path) { return std::filesystem::exists(path); }
 
 inline std::vector<uint8_t> ReadBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline std::string ReadText(const std::string& path) {
+  const std::vector<uint8_t> bytes = ReadBytes(path);
+  return std::string(bytes.begin(), bytes.end());
 }
 
 template <class Condition>
@@ -81,13 +63,8 @@ bool WaitFor(Condition condition, int timeoutMs) {
 }
 
 inline int OpenDescriptors() {
-  DIR* d = opendir("/proc/self/fd");
-  if (d == nullptr) return -1;
   int n = 0;
-  while (dirent* e = readdir(d)) {
-    if (e->d_name[0] != '.') ++n;
-  }
-  closedir(d);
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
   return n;
 }
 

@@ -1,15 +1,13 @@
 // The picture-writing bridge (build/lib/libISDBT_MatlabWrap.so), loaded by debug command 1 and fed
 // by the engine's fill with a synthetic frame: QPSK with noise, a smooth channel, a timing peak.
-// The picture is read back with libpng; the CSV files are counted and read.
+// The picture is read back with libpng; the status and step files are read.
 #include <gtest/gtest.h>
 #include <png.h>
 
+#include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,6 +20,7 @@
 namespace zfn {
 namespace {
 
+using zfn_test::ReadText;
 using zfn_test::ScratchDirectory;
 using zfn_test::WaitFor;
 
@@ -30,7 +29,6 @@ constexpr const char* DIR_VARIABLE = "ZFNISDBT_PROBE_DIR";
 struct Picture {
   uint32_t width = 0, height = 0;
   std::vector<uint8_t> rgb;
-  const uint8_t* At(uint32_t x, uint32_t y) const { return &rgb[(static_cast<size_t>(y) * width + x) * 3]; }
 };
 
 bool ReadPng(const std::string& path, Picture& picture) {
@@ -46,18 +44,7 @@ bool ReadPng(const std::string& path, Picture& picture) {
   return ok;
 }
 
-std::string ReadText(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-size_t CountLines(const std::string& text) {
-  size_t n = 0;
-  for (char c : text) n += c == '\n';
-  return n;
-}
+size_t CountLines(const std::string& text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
 
 class PngBridge : public ::testing::Test {
  protected:
@@ -75,22 +62,19 @@ class PngBridge : public ::testing::Test {
   }
 };
 
+// Without an output directory, or with a file in its place, the bridge fails with one clear line.
 TEST_F(PngBridge, InitialFailsWithOneClearLineWithoutAnOutputDirectory) {
-  unsetenv(DIR_VARIABLE);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(DebugProbeCommand(1), 1);
-  const std::string unset = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(probeEnable, 0);
-  EXPECT_EQ(probeBridge.bridgeLoaded, 0);
-  EXPECT_NE(unset.find(DIR_VARIABLE), std::string::npos) << unset;
-  EXPECT_EQ(CountLines(unset), 1u) << unset;
-
-  setenv(DIR_VARIABLE, "/proc/self/status", 1);  // not a directory
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(DebugProbeCommand(1), 1);
-  const std::string notDirectory = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(probeEnable, 0);
-  EXPECT_EQ(CountLines(notDirectory), 1u) << notDirectory;
+  for (const char* directory : {static_cast<const char*>(nullptr), "/proc/self/status"}) {
+    if (directory == nullptr) unsetenv(DIR_VARIABLE);
+    else setenv(DIR_VARIABLE, directory, 1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(DebugProbeCommand(1), 1);
+    const std::string message = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(probeEnable, 0);
+    EXPECT_EQ(probeBridge.bridgeLoaded, 0);
+    EXPECT_EQ(CountLines(message), 1u) << message;
+    EXPECT_TRUE(directory != nullptr || message.find(DIR_VARIABLE) != std::string::npos) << message;
+  }
 }
 
 TEST_F(PngBridge, AHostMayEndWithTheBridgeStillShowing) {
@@ -123,9 +107,8 @@ TEST_F(PngBridge, ASyntheticFrameBecomesAPictureAndNumberFiles) {
   std::vector<float> planes(2 * ncarrier), slot(2 * nspan), acc(257, 0.0f);
   for (int32_t c = 0; c < ncarrier; ++c) {
     const float magnitude = 1.0f + 0.4f * std::cos(6.2831853f * c / 150.0f);
-    const float phase = 0.05f * c;
-    planes[c] = magnitude * std::cos(phase);
-    planes[ncarrier + c] = magnitude * std::sin(phase);
+    planes[c] = magnitude * std::cos(0.05f * c);
+    planes[ncarrier + c] = magnitude * std::sin(0.05f * c);
   }
   for (float& v : slot) v = noise(random) * 10.0f;
   for (int32_t i = 0; i <= 2 * span; ++i) acc[128 - span + i] = std::exp(-0.01f * (i - span) * (i - span));
@@ -151,42 +134,23 @@ TEST_F(PngBridge, ASyntheticFrameBecomesAPictureAndNumberFiles) {
 
   const std::string status = out.File("status.csv");
   ASSERT_TRUE(WaitFor([&] { return ReadText(status).find("update,1\n") != std::string::npos; }, 10000));
-  if (const char* keep = std::getenv("ZFN_KEEP_PROBE_PICTURE")) {
-    std::ifstream in(out.File("probe.png"), std::ios::binary);
-    std::ofstream(keep, std::ios::binary) << in.rdbuf();
-  }
 
   Picture picture;
   ASSERT_TRUE(ReadPng(out.File("probe.png"), picture));
   EXPECT_EQ(picture.width, 640u);
   EXPECT_EQ(picture.height, 480u);
-  // The constellation panel (top left, centred near 160, 130): blue points in all four quadrants
-  // around the four QPSK points, none near the centre.
-  int32_t quadrant[4] = {0, 0, 0, 0};
-  int32_t centre = 0;
-  for (uint32_t y = 25; y < 230; ++y) {
-    for (uint32_t x = 15; x < 305; ++x) {
-      const uint8_t* p = picture.At(x, y);
-      const bool blue = p[2] > p[0] + 40 && p[2] > p[1] + 20;
-      if (!blue) continue;
-      quadrant[(x < 160 ? 0 : 1) + (y < 130 ? 0 : 2)] += 1;
-      if (std::abs(static_cast<int>(x) - 160) < 12 && std::abs(static_cast<int>(y) - 130) < 12) ++centre;
-    }
-  }
-  for (int32_t q = 0; q < 4; ++q) EXPECT_GT(quadrant[q], 100) << "quadrant " << q;
-  EXPECT_EQ(centre, 0);
   // Every panel has drawing in it beyond its frame.
   for (uint32_t panel = 0; panel < 4; ++panel) {
     const uint32_t x0 = (panel % 2) * 320 + 12, y0 = (panel / 2) * 240 + 22;
     int32_t inked = 0;
     for (uint32_t y = y0; y < y0 + 200; ++y)
-      for (uint32_t x = x0; x < x0 + 290; ++x) inked += picture.At(x, y)[0] < 200 || picture.At(x, y)[2] < 200;
+      for (uint32_t x = x0; x < x0 + 290; ++x) {
+        const uint8_t* p = &picture.rgb[(static_cast<size_t>(y) * picture.width + x) * 3];
+        inked += p[0] < 200 || p[2] < 200;
+      }
     EXPECT_GT(inked, 200) << "panel " << panel;
   }
 
-  EXPECT_EQ(CountLines(ReadText(out.File("carriers.csv"))), 1u + 101u * ndata);
-  EXPECT_EQ(CountLines(ReadText(out.File("channel.csv"))), 1u + ncarrier);
-  EXPECT_EQ(CountLines(ReadText(out.File("slot.csv"))), 1u + nspan);
   EXPECT_EQ(CountLines(ReadText(out.File("timing.csv"))), 1u + 2u * span + 1u);
   EXPECT_EQ(ReadText(out.File("jumps.csv")), "step\n1\n0\n-2\n");
   EXPECT_NE(ReadText(status).find("snr_db,18.5\n"), std::string::npos);
@@ -196,8 +160,7 @@ TEST_F(PngBridge, ASyntheticFrameBecomesAPictureAndNumberFiles) {
   runFrame(9.25f);
   ASSERT_TRUE(WaitFor([&] { return ReadText(status).find("update,2\n") != std::string::npos; }, 10000));
   EXPECT_NE(ReadText(status).find("snr_db,9.25\n"), std::string::npos);
-  EXPECT_EQ(zfn_test::FileExists(out.File("probe.png.tmp")), false);
-  EXPECT_EQ(zfn_test::FileExists(out.File("status.csv.tmp")), false);
+  for (const char* left : {"probe.png.tmp", "status.csv.tmp"}) EXPECT_FALSE(zfn_test::FileExists(out.File(left))) << left;
 
   EXPECT_EQ(DebugProbeCommand(2), 1);
   EXPECT_EQ(matlabProbe, nullptr);

@@ -19,13 +19,10 @@ namespace zfn::e2e {
 // whose byte deinterleaver branches still reach back into that block or into the stale store.
 constexpr int kStalePackets = 12;
 
-struct Layer {
-  int mode = 3;        // 1..3
-  int guard = 2;       // 0..3: 1/32, 1/16, 1/8, 1/4
-  int modulation = 1;  // TMCC code: 1 QPSK, 2 16QAM, 3 64QAM
-  int codeRate = 1;    // 0..4: 1/2 .. 7/8
-  int interleave = 3;  // 0..3
-};
+// The received layer: mode, guard (0..3: 1/32 .. 1/4), modulation (TMCC code: 1 QPSK, 2 16QAM,
+// 3 64QAM), code rate (0..4: 1/2 .. 7/8) and interleaving index (0..3), the broadcast's first five
+// fields; the rest of the broadcast comes from Front and the run's seed.
+using Layer = sim::BroadcastConfig;
 
 // The rest of the broadcast and the device: the device filter of the transmitter's front-end
 // model and the modulation of the twelve other segments (TMCC code).
@@ -34,7 +31,7 @@ struct Front {
   int neighbourModulation = 3;
 };
 
-std::string Describe(const Layer& l);
+std::string Describe(const Layer& l);  // e.g. "Mode3G2QpskR2_3I3"
 
 // One acquisition's delivery: the packets of its callbacks and the verdicts of the packets that
 // passed Reed-Solomon while it lasted (0 clean, -1 corrected, 1 not corrected), in order.
@@ -42,25 +39,25 @@ struct Acquisition {
   std::vector<uint8_t> packets;  // 188 bytes each
   std::vector<int> verdicts;
   size_t PacketCount() const { return packets.size() / 188; }
-  int Count(int verdict) const;
+  int Count(int verdict, size_t from = 0) const;
 };
 
 // What a stream check found.
 struct StreamCheck {
   bool ok = false;
-  std::string failure;           // first fault, empty if ok
-  int64_t firstTransmitted = -1; // transmitted packet that the first good delivered packet is
-  int64_t compared = 0;          // delivered packets found equal to the transmitted ones
+  std::string failure;            // first fault, empty if ok
+  int64_t firstTransmitted = -1;  // transmitted packet that the first compared packet is
+  int64_t compared = 0;           // delivered packets found equal to the transmitted ones
 };
+
+// The packets of one acquisition from packet `from` on: the transmitted ones in order, with none
+// missing, wherever that packet lies in the transmitted stream.
+StreamCheck CheckFrom(const Acquisition& a, size_t from, const std::vector<uint8_t>& transmitted);
 
 // The packets of one acquisition against the transmitted stream: exactly kStalePackets stale ones,
 // then the transmitted packets in order with none missing, the first of them at a packet frame
 // position that puts the frame start on the block after the stale one (packet 1).
 StreamCheck CheckAcquisition(const Acquisition& a, const std::vector<uint8_t>& transmitted, int packetsPerFrame);
-
-// The packets of one acquisition from packet `from` on: the transmitted ones in order, with none
-// missing, wherever that packet lies in the transmitted stream.
-StreamCheck CheckFrom(const Acquisition& a, size_t from, const std::vector<uint8_t>& transmitted);
 
 class EndToEndRun {
  public:
@@ -70,9 +67,8 @@ class EndToEndRun {
   EndToEndRun& operator=(const EndToEndRun&) = delete;
 
   bool valid() const { return generator_ != nullptr; }
-  // Feeds one block of device bytes; `cutBytes` bytes are first taken out of the stream (a host
-  // that lost them). Returns the block state after the block.
-  int32_t FeedBlock(int64_t cutBytes = 0);
+  // Feeds one block of device bytes; returns the block state after it.
+  int32_t FeedBlock();
   // Feeds blocks until the current acquisition has delivered `packets` packets; false if
   // `blockLimit` blocks pass first.
   bool RunUntilDelivered(size_t packets, int blockLimit);
@@ -81,28 +77,21 @@ class EndToEndRun {
   const Acquisition& current() const { return acquisitions_.back(); }
   const std::vector<uint8_t>& transmitted() const { return generator_->TransmittedPackets(); }
   int packetsPerFrame() const { return generator_->PacketsPerFrame(); }
-  int blocksFed() const { return blocks_; }
-  // Marks seen at the end of any block since the start.
-  bool sawStreamFailMark() const { return sawStreamFail_; }
-  bool sawEarlyFailMark() const { return sawEarlyFail_; }
-  // Block states after each block, in order.
-  const std::vector<int32_t>& states() const { return states_; }
+  int blocksFed() const { return static_cast<int>(states_.size()); }
+  bool sawStreamFailMark() const { return sawStreamFail_; }  // at the end of any block so far
+  const std::vector<int32_t>& states() const { return states_; }  // block states after each block
 
  private:
   static void Consume(const uint8_t* data, int32_t length, void* context);
-  void CollectVerdicts();
 
   std::unique_ptr<sim::SignalGenerator> generator_;
   std::vector<uint8_t> block_;
   std::vector<Acquisition> acquisitions_;
   std::vector<int32_t> states_;
   char* logText_ = nullptr;
-  size_t logSize_ = 0;
-  size_t logRead_ = 0;
+  size_t logSize_ = 0, logRead_ = 0;
   std::FILE* log_ = nullptr;
-  int blocks_ = 0;
   bool sawStreamFail_ = false;
-  bool sawEarlyFail_ = false;
 };
 
 }  // namespace zfn::e2e

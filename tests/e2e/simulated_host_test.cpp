@@ -50,6 +50,21 @@ bool WaitFor(const std::function<bool()>& condition, double seconds) {
   return condition();
 }
 
+// Waits for lock, then checks that the callbacks of `blocks` whole blocks after the one in flight
+// (which may still be the start-up) are all 24064 bytes of packets that start with 0x47.
+void ExpectLockAndSyncedPackets(int blocks) {
+  ASSERT_TRUE(WaitFor(Locked, 20.0)) << "block state " << BlockState();
+  EXPECT_EQ(BlockState(), 3);
+  const int before = callbacks.load();
+  ASSERT_TRUE(WaitFor([before] { return callbacks.load() >= before + 1; }, 10.0));
+  counting = true;
+  const int start = callbacks.load();
+  ASSERT_TRUE(WaitFor([start, blocks] { return callbacks.load() >= start + blocks; }, 10.0));
+  counting = false;
+  EXPECT_EQ(wrongLengths.load(), 0);
+  EXPECT_EQ(packetsWithoutSync.load(), 0);
+}
+
 TEST(SimulatedHost, LocksDeliversSyncedPacketsAndRetunes) {
   // The common broadcast with short time interleaving, at twice real time (real time under
   // ThreadSanitizer, which slows the engine and the simulator several times over: a receiver that
@@ -65,20 +80,8 @@ TEST(SimulatedHost, LocksDeliversSyncedPacketsAndRetunes) {
   ASSERT_EQ(ZFISDBT_SetTSCallBack(&OnPackets), 1);
   ASSERT_EQ(ZFISDBT_OpenDevice(), 1);
   EXPECT_FALSE(Locked());  // idle until the first tune
-
   ASSERT_EQ(ZFISDBT_SetFrequency(557143), 1);
-  ASSERT_TRUE(WaitFor(Locked, 20.0)) << "block state " << BlockState();
-  EXPECT_EQ(BlockState(), 3);
-  // Packets from here on: lock means the stream is aligned, so every packet starts with 0x47.
-  // One block in flight may still be the start-up; count from the next block of 128 on.
-  const int before = callbacks.load();
-  ASSERT_TRUE(WaitFor([before] { return callbacks.load() >= before + 1; }, 10.0));
-  counting = true;
-  const int start = callbacks.load();
-  ASSERT_TRUE(WaitFor([start] { return callbacks.load() >= start + 3; }, 10.0));
-  counting = false;
-  EXPECT_EQ(wrongLengths.load(), 0);
-  EXPECT_EQ(packetsWithoutSync.load(), 0);
+  ASSERT_NO_FATAL_FAILURE(ExpectLockAndSyncedPackets(3));
 
   // A retune: the request marks the status word (-1) and the next block starts acquisition over;
   // while it runs no lock is reported; then lock comes back.
@@ -86,17 +89,7 @@ TEST(SimulatedHost, LocksDeliversSyncedPacketsAndRetunes) {
   EXPECT_NE(BlockState(), 3);
   ASSERT_TRUE(WaitFor([] { return BlockState() >= 0 && BlockState() < 3; }, 5.0)) << "block state " << BlockState();
   EXPECT_FALSE(Locked());
-  ASSERT_TRUE(WaitFor(Locked, 20.0)) << "block state " << BlockState();
-  EXPECT_EQ(BlockState(), 3);
-  const int again = callbacks.load();
-  ASSERT_TRUE(WaitFor([again] { return callbacks.load() >= again + 1; }, 10.0));
-  counting = true;
-  const int restart = callbacks.load();
-  ASSERT_TRUE(WaitFor([restart] { return callbacks.load() >= restart + 2; }, 10.0));
-  counting = false;
-  EXPECT_EQ(wrongLengths.load(), 0);
-  EXPECT_EQ(packetsWithoutSync.load(), 0);
-
+  ASSERT_NO_FATAL_FAILURE(ExpectLockAndSyncedPackets(2));
   EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
 }
 

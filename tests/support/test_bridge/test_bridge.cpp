@@ -10,74 +10,42 @@
 #include <mutex>
 #include <thread>
 
+#include "tests/support/common/probe_arrays.h"
 #include "tests/support/test_bridge/test_bridge_control.h"
 
 #define ZFN_BRIDGE_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace {
 
-using zfn::MatlabProbe;
-
 struct BridgeModel {
-  // A process that ends with the bridge shown: stop the counter rather than destroy it running.
-  ~BridgeModel() {
-    if (counter.joinable()) {
-      const uint64_t one = 1;
-      [[maybe_unused]] const ssize_t n = write(stopEvent, &one, sizeof one);
-      counter.join();
-    }
+  // Stops the counting thread and closes the update event.
+  void StopCounter() {
+    counter = std::jthread{};
+    if (updateEvent > 0) close(updateEvent);
+    updateEvent = -1;
   }
 
   std::mutex lock;
   std::atomic<int32_t> initialCalls{0}, showCalls{0}, destroyCalls{0};
   std::atomic<int64_t> updates{0};
-  bool failInitial = false;
-  bool nullRecord = false;
-  bool noEvent = false;
-  MatlabProbe record{};
-  MatlabProbe* handed = nullptr;
-  double carrierRe[zfn::PROBE_CARRIER_CAPACITY], carrierIm[zfn::PROBE_CARRIER_CAPACITY];
-  double snr, frequency, rates[zfn::PROBE_RATES], state, channelState;
-  double channelRe[zfn::PROBE_CHANNEL_CAPACITY], channelIm[zfn::PROBE_CHANNEL_CAPACITY];
-  double slotRe[zfn::PROBE_SLOT_CAPACITY], slotIm[zfn::PROBE_SLOT_CAPACITY];
-  double timing[zfn::PROBE_TIMING_CAPACITY], jumps[zfn::PROBE_JUMP_CAPACITY];
+  bool failInitial = false, nullRecord = false;
+  zfn_test::ProbeArrays arrays;
+  zfn::MatlabProbe* handed = nullptr;
   int updateEvent = -1;
-  int stopEvent = -1;
-  std::thread counter;
+  std::jthread counter;  // last: a process that ends with the bridge shown joins it first
 };
 
 BridgeModel model;
 
-int NewEvent() {
-  int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (fd == 0) {  // descriptor 0 means "no event" in the record
-    const int moved = dup(fd);
-    close(fd);
-    fd = moved;
-  }
-  return fd;
-}
-
-void CountUpdates(int updateEvent, int stopEvent) {
-  for (;;) {
-    pollfd waits[2] = {{stopEvent, POLLIN, 0}, {updateEvent, POLLIN, 0}};
-    if (poll(waits, updateEvent > 0 ? 2 : 1, -1) < 0) continue;
-    if (waits[0].revents != 0) return;
+// Counts the update events until asked to stop (looked at every few milliseconds).
+void CountUpdates(std::stop_token stop, int updateEvent) {
+  while (!stop.stop_requested()) {
+    pollfd wait{updateEvent, POLLIN, 0};
     uint64_t value = 0;
-    if (read(updateEvent, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) model.updates += 1;
+    if (poll(&wait, 1, 5) > 0 && read(updateEvent, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) {
+      model.updates += 1;
+    }
   }
-}
-
-void StopCounterLocked() {
-  if (model.counter.joinable()) {
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t n = write(model.stopEvent, &one, sizeof one);
-    model.counter.join();
-  }
-  if (model.updateEvent > 0) close(model.updateEvent);
-  if (model.stopEvent > 0) close(model.stopEvent);
-  model.updateEvent = -1;
-  model.stopEvent = -1;
 }
 
 }  // namespace
@@ -88,52 +56,39 @@ ZFN_BRIDGE_EXPORT int32_t MATLAB_Initial(void) {
   return model.failInitial ? -1 : 0;
 }
 
-ZFN_BRIDGE_EXPORT int32_t MATLAB_Show(MatlabProbe** probe) {
+ZFN_BRIDGE_EXPORT int32_t MATLAB_Show(zfn::MatlabProbe** probe) {
   model.showCalls += 1;
   std::lock_guard<std::mutex> guard(model.lock);
   if (model.nullRecord) {
     *probe = nullptr;
     return 0;
   }
-  StopCounterLocked();
-  MatlabProbe& r = model.record;
-  r = MatlabProbe{};
-  r.carrierRe = model.carrierRe;
-  r.carrierIm = model.carrierIm;
-  r.snrCell = &model.snr;
-  r.frequencyCell = &model.frequency;
-  r.ratesCell = model.rates;
-  r.channelRe = model.channelRe;
-  r.channelIm = model.channelIm;
-  r.slotRe = model.slotRe;
-  r.slotIm = model.slotIm;
-  r.timingProfile = model.timing;
-  r.jumpList = model.jumps;
-  r.stateCell = &model.state;
-  r.channelStateCell = &model.channelState;
-  if (!model.noEvent) {
-    model.updateEvent = NewEvent();
-    r.updateEvent = model.updateEvent;
+  model.StopCounter();
+  model.arrays.Reset();
+  // Descriptor 0 means "no event" in the record: never hand it over.
+  model.updateEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (model.updateEvent == 0) {
+    model.updateEvent = dup(0);
+    close(0);
   }
-  model.stopEvent = NewEvent();
-  model.counter = std::thread(CountUpdates, model.updateEvent, model.stopEvent);
-  model.handed = &r;
-  *probe = &r;
+  model.arrays.record.updateEvent = model.updateEvent;
+  model.counter = std::jthread(CountUpdates, model.updateEvent);
+  *probe = model.handed = &model.arrays.record;
   return 0;
 }
 
 ZFN_BRIDGE_EXPORT int32_t MATLAB_Destroy(void) {
   model.destroyCalls += 1;
   std::lock_guard<std::mutex> guard(model.lock);
-  StopCounterLocked();
-  model.record = MatlabProbe{};
+  model.StopCounter();
+  model.arrays.record = zfn::MatlabProbe{};
   model.handed = nullptr;
   return 0;
 }
 
 ZFN_BRIDGE_EXPORT void TestBridge_Reset(void) {
   std::lock_guard<std::mutex> guard(model.lock);
-  model.failInitial = model.nullRecord = model.noEvent = false;
+  model.failInitial = model.nullRecord = false;
   model.initialCalls = model.showCalls = model.destroyCalls = 0;
   model.updates = 0;
 }
@@ -146,11 +101,6 @@ ZFN_BRIDGE_EXPORT void TestBridge_FailInitial(int32_t fail) {
 ZFN_BRIDGE_EXPORT void TestBridge_NullRecord(int32_t null) {
   std::lock_guard<std::mutex> guard(model.lock);
   model.nullRecord = null != 0;
-}
-
-ZFN_BRIDGE_EXPORT void TestBridge_NoEvent(int32_t none) {
-  std::lock_guard<std::mutex> guard(model.lock);
-  model.noEvent = none != 0;
 }
 
 ZFN_BRIDGE_EXPORT int32_t TestBridge_Calls(const char* name) {
@@ -172,7 +122,7 @@ ZFN_BRIDGE_EXPORT int32_t TestBridge_WaitUpdates(int64_t count, int32_t timeoutM
   return 1;
 }
 
-ZFN_BRIDGE_EXPORT MatlabProbe* TestBridge_Record(void) {
+ZFN_BRIDGE_EXPORT zfn::MatlabProbe* TestBridge_Record(void) {
   std::lock_guard<std::mutex> guard(model.lock);
   return model.handed;
 }

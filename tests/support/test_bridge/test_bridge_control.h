@@ -17,7 +17,6 @@ extern "C" {
 void TestBridge_Reset(void);                 // settings cleared, counts zeroed
 void TestBridge_FailInitial(int32_t fail);   // non-zero: MATLAB_Initial returns -1
 void TestBridge_NullRecord(int32_t null);    // non-zero: MATLAB_Show writes a null record
-void TestBridge_NoEvent(int32_t none);       // non-zero: the record has no update event (0)
 int32_t TestBridge_Calls(const char* name);  // "MATLAB_Initial", "MATLAB_Show", "MATLAB_Destroy"
 int64_t TestBridge_Updates(void);            // update events taken since the reset
 // Waits up to timeoutMs for at least count update events; 1 if they came.

@@ -22,15 +22,6 @@
 //   "ZFN_Demod_Byte_Write 1 3e 2 00 00" (address and bytes in hex), "ZFN_GetData 240648 0"
 //   (buffer size and the aux word as found on entry), "ZFN_SetDABEventHandle",
 //   "ZFN_ReleaseDABEventHandle", "ZFN_Get_TunerType".
-//
-// Environment, read when the library is loaded and at TestDevice_Reset:
-//   ZFN_TESTDEVICE_READ_LENGTH  bytes per ZFN_GetData call, or "random" for 1..240648 (default 240648)
-//   ZFN_TESTDEVICE_SEED         seed of the random lengths (default 1)
-//   ZFN_TESTDEVICE_UNALIGNED    1: do not round lengths down to groups of four
-//   ZFN_TESTDEVICE_BYTE_RATE    pace the stream to this many bytes per second (default unpaced)
-//   ZFN_TESTDEVICE_PERIOD_MS    event period (default 5)
-//   ZFN_TESTDEVICE_TUNER_TYPE   the tuner type reported (default 1)
-//   ZFN_TESTDEVICE_FAIL         name of a device function that fails on every call
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -38,8 +29,8 @@ extern "C" {
 #endif
 
 // Back to the state at load: logs empty, no failures, all registers 0, pattern stream with reads
-// of 240648 bytes aligned to 4, unpaced, event period 5 ms, tuner type 1, then the environment's
-// settings on top. Does not stop a running event thread.
+// of 240648 bytes aligned to 4, unpaced, event period 5 ms, tuner type 1. Does not stop a running
+// event thread.
 void TestDevice_Reset(void);
 
 // The call log.
@@ -62,16 +53,14 @@ int32_t TestDevice_FailFunction(const char* name, int32_t fromCall, int32_t coun
 void TestDevice_ClearFailures(void);
 
 void TestDevice_SetTunerType(int32_t tunerType);
-int32_t TestDevice_GetTunerType(void);
 
 // The register file. Set values before the code under test runs to check read-modify-write.
 void TestDevice_SetRegister(int32_t page, int32_t address, uint8_t value);
 int32_t TestDevice_GetRegister(int32_t page, int32_t address);  // -1 outside the file
 
-// The stream: a copy of a test-supplied buffer (served once, or round and round when loop is
-// non-zero), or the deterministic pattern, byte k = TestDevice_PatternByte(k).
+// The stream: the deterministic pattern, byte k = TestDevice_PatternByte(k), until a test supplies
+// a buffer, which is copied and served once (or round and round when loop is non-zero).
 int32_t TestDevice_SetStreamBuffer(const uint8_t* data, int64_t size, int32_t loop);
-void TestDevice_UsePattern(void);
 uint8_t TestDevice_PatternByte(int64_t k);
 // Bytes per ZFN_GetData call: length > 0 fixed (cut to the buffer size), 0 random 1..240648 from
 // seed. With keepGroupsOfFour the count is rounded down to a multiple of 4.

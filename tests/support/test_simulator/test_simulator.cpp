@@ -1,5 +1,7 @@
 // Test build of the simulator library: a deterministic byte stream behind the four simulator
 // functions, with settings from the environment or from TestSim_ calls. See test_simulator_control.h.
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -15,33 +17,35 @@ enum Function { kSetEvent, kStart, kGetData, kStop, kFunctionCount };
 constexpr const char* kFunctionNames[kFunctionCount] = {"SetEventHandle", "BDA_Start_simulate", "GetData",
                                                         "BDA_Stop_simulate"};
 
+int32_t FunctionIndex(const char* name) {
+  for (int32_t f = 0; name != nullptr && f < kFunctionCount; ++f) {
+    if (std::strcmp(name, kFunctionNames[f]) == 0) return f;
+  }
+  return -1;
+}
+
 struct SimulatorModel {
   std::mutex lock;
   zfn_test::ByteStream stream;
   bool fails[kFunctionCount] = {};
   int32_t callCounts[kFunctionCount] = {};
-  int32_t eventPeriodMs = 5;
   int eventFd = -1;
-  bool eventSet = false;
-  bool started = false;
-
-  int32_t FunctionIndex(const char* name) const {
-    if (name == nullptr) return -1;
-    for (int32_t f = 0; f < kFunctionCount; ++f) {
-      if (std::strcmp(name, kFunctionNames[f]) == 0) return f;
-    }
-    return -1;
-  }
+  bool eventSet = false, started = false;
 
   void ResetFromEnvironmentLocked() {
     stream = zfn_test::ByteStream{};
-    for (bool& fail : fails) fail = false;
-    for (int32_t& count : callCounts) count = 0;
-    eventPeriodMs = 5;
-    zfn_test::ApplyStreamEnvironment("ZFN_TESTSIM_", stream, eventPeriodMs);
+    std::fill(std::begin(fails), std::end(fails), false);
+    std::fill(std::begin(callCounts), std::end(callCounts), 0);
+    if (const char* rate = std::getenv("ZFN_TESTSIM_BYTE_RATE")) stream.bytesPerSecond = std::max(0ll, std::atoll(rate));
     const int32_t failing = FunctionIndex(std::getenv("ZFN_TESTSIM_FAIL"));
     if (failing >= 0) fails[failing] = true;
     stream.Restart();
+  }
+
+  // Counts the call and tells whether it is to fail.
+  bool Fails(Function function) {
+    ++callCounts[function];
+    return fails[function];
   }
 
   SimulatorModel() { ResetFromEnvironmentLocked(); }
@@ -54,8 +58,7 @@ zfn_test::EventTicker ticker;  // destroyed first at unload, which joins its thr
 
 ZFN_SIM_EXPORT int32_t SetEventHandle(int* event) {
   std::lock_guard<std::mutex> hold(model.lock);
-  ++model.callCounts[kSetEvent];
-  if (model.fails[kSetEvent] || event == nullptr) return -1;
+  if (model.Fails(kSetEvent) || event == nullptr) return -1;
   model.eventFd = *event;
   model.eventSet = true;
   return 0;
@@ -63,87 +66,66 @@ ZFN_SIM_EXPORT int32_t SetEventHandle(int* event) {
 
 ZFN_SIM_EXPORT int32_t BDA_Start_simulate(void) {
   std::lock_guard<std::mutex> hold(model.lock);
-  ++model.callCounts[kStart];
-  if (model.fails[kStart] || !model.eventSet) return -1;
+  if (model.Fails(kStart) || !model.eventSet) return -1;
   model.stream.Restart();
   model.started = true;
-  ticker.Start(model.eventFd, model.eventPeriodMs);
+  ticker.Start(model.eventFd, 5);
   return 0;
 }
 
 ZFN_SIM_EXPORT int32_t GetData(uint8_t* buffer, int32_t* length) {
   std::lock_guard<std::mutex> hold(model.lock);
-  ++model.callCounts[kGetData];
+  const bool fails = model.Fails(kGetData);
   if (length == nullptr) return -1;
   *length = 0;
-  if (model.fails[kGetData]) return -1;
+  if (fails) return -1;
   if (model.started) *length = model.stream.Serve(buffer, zfn_test::kMaxRead);
   return 0;
 }
 
 ZFN_SIM_EXPORT int32_t BDA_Stop_simulate(void) {
   std::lock_guard<std::mutex> hold(model.lock);
-  ++model.callCounts[kStop];
-  if (model.fails[kStop]) return -1;
+  if (model.Fails(kStop)) return -1;
   model.started = false;
   ticker.Stop();
   return 0;
 }
 
-ZFN_SIM_EXPORT void TestSim_Reset(void) {
+template <class Action>
+auto Locked(Action action) {
   std::lock_guard<std::mutex> hold(model.lock);
-  model.ResetFromEnvironmentLocked();
+  return action();
 }
 
+ZFN_SIM_EXPORT void TestSim_Reset(void) { Locked([] { model.ResetFromEnvironmentLocked(); }); }
+
 ZFN_SIM_EXPORT int32_t TestSim_FailFunction(const char* name) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  const int32_t f = model.FunctionIndex(name);
-  if (f < 0) return 0;
-  model.fails[f] = true;
-  return 1;
+  const int32_t f = FunctionIndex(name);
+  if (f >= 0) Locked([f] { model.fails[f] = true; });
+  return f >= 0 ? 1 : 0;
 }
 
 ZFN_SIM_EXPORT void TestSim_ClearFailures(void) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  for (bool& fail : model.fails) fail = false;
+  Locked([] { std::fill(std::begin(model.fails), std::end(model.fails), false); });
 }
 
 ZFN_SIM_EXPORT void TestSim_SetReadLength(int32_t length, uint32_t seed, int32_t keepGroupsOfFour) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  model.stream.fixedLength = length > 0 ? length : 0;
-  model.stream.seed = seed;
-  model.stream.rngState = seed != 0 ? seed : 1;
-  model.stream.keepGroupsOfFour = keepGroupsOfFour != 0;
+  Locked([=] { model.stream.SetReadLength(length, seed, keepGroupsOfFour); });
 }
 
 ZFN_SIM_EXPORT void TestSim_SetByteRate(int64_t bytesPerSecond) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  model.stream.bytesPerSecond = bytesPerSecond > 0 ? bytesPerSecond : 0;
-}
-
-ZFN_SIM_EXPORT void TestSim_SetEventPeriod(int32_t milliseconds) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  model.eventPeriodMs = milliseconds > 0 ? milliseconds : 1;
+  Locked([=] { model.stream.bytesPerSecond = std::max<int64_t>(bytesPerSecond, 0); });
 }
 
 ZFN_SIM_EXPORT uint8_t TestSim_PatternByte(int64_t k) { return zfn_test::PatternByte(static_cast<uint64_t>(k)); }
 
-ZFN_SIM_EXPORT int64_t TestSim_BytesServed(void) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  return static_cast<int64_t>(model.stream.position);
-}
+ZFN_SIM_EXPORT int64_t TestSim_BytesServed(void) { return Locked([] { return static_cast<int64_t>(model.stream.position); }); }
 
 ZFN_SIM_EXPORT int32_t TestSim_CallCount(const char* name) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  const int32_t f = model.FunctionIndex(name);
-  return f < 0 ? -1 : model.callCounts[f];
+  const int32_t f = FunctionIndex(name);
+  return f < 0 ? -1 : Locked([f] { return model.callCounts[f]; });
 }
 
-ZFN_SIM_EXPORT int32_t TestSim_Started(void) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  return model.started ? 1 : 0;
-}
+ZFN_SIM_EXPORT int32_t TestSim_Started(void) { return Locked([] { return model.started ? 1 : 0; }); }
 
 ZFN_SIM_EXPORT int32_t TestSim_EventThreadRunning(void) { return ticker.Running() ? 1 : 0; }
-
-ZFN_SIM_EXPORT int64_t TestSim_EventsSignalled(void) { return ticker.Signalled(); }

@@ -9,11 +9,7 @@
 //   more than 240648 bytes per call; 0 bytes while not started.
 //
 // Environment, read when the library is loaded and at TestSim_Reset:
-//   ZFN_TESTSIM_READ_LENGTH   bytes per GetData call, or "random" for 1..240648 (default 240648)
-//   ZFN_TESTSIM_SEED          seed of the random lengths (default 1)
-//   ZFN_TESTSIM_UNALIGNED     1: do not round lengths down to groups of four
 //   ZFN_TESTSIM_BYTE_RATE     pace the stream to this many bytes per second (default unpaced)
-//   ZFN_TESTSIM_PERIOD_MS     event period (default 5)
 //   ZFN_TESTSIM_FAIL          name of a function that returns -1 (e.g. BDA_Start_simulate)
 #include <stdint.h>
 
@@ -29,13 +25,11 @@ void TestSim_ClearFailures(void);
 // length > 0 fixed, 0 random 1..240648 from seed; keepGroupsOfFour rounds down to a multiple of 4.
 void TestSim_SetReadLength(int32_t length, uint32_t seed, int32_t keepGroupsOfFour);
 void TestSim_SetByteRate(int64_t bytesPerSecond);
-void TestSim_SetEventPeriod(int32_t milliseconds);  // takes effect at the next start
 uint8_t TestSim_PatternByte(int64_t k);
 int64_t TestSim_BytesServed(void);  // since the last start
 int32_t TestSim_CallCount(const char* name);  // calls of one of the four functions since load or reset
 int32_t TestSim_Started(void);  // 1 between a successful start and the stop
 int32_t TestSim_EventThreadRunning(void);
-int64_t TestSim_EventsSignalled(void);
 
 #ifdef __cplusplus
 }
