@@ -42,9 +42,22 @@ class ScratchDirectory {
 
 inline bool FileExists(const std::string& path) { return std::filesystem::exists(path); }
 
+// The whole file in one read: capture files are megabytes, and a byte-wise read is slow enough
+// under ThreadSanitizer to let a running capture outgrow it.
 inline std::vector<uint8_t> ReadBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  if (!in) return {};
+  std::vector<uint8_t> bytes(static_cast<size_t>(in.tellg()));
+  in.seekg(0);
+  in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  bytes.resize(static_cast<size_t>(in.gcount()));
+  return bytes;
+}
+
+inline uint64_t FileSize(const std::string& path) {
+  std::error_code error;
+  const auto size = std::filesystem::file_size(path, error);
+  return error ? 0 : size;
 }
 
 inline std::string ReadText(const std::string& path) {

@@ -44,7 +44,7 @@ TEST(HostDiagnostics, CaptureWritesTheReceivedStreamInWholeBlocksInFilesNumbered
   ASSERT_EQ(ZFISDBT_DebugCMD(6, 1), 1);
   // Each test runs in a process of its own: this start writes file 0.
   const std::string name = "BBStore0";
-  EXPECT_TRUE(WaitFor([&] { return ReadBytes(name).size() >= 4 * BLOCK; }, 5000));
+  EXPECT_TRUE(WaitFor([&] { return zfn_test::FileSize(name) >= 4 * BLOCK; }, 5000));
   EXPECT_EQ(ZFISDBT_DebugCMD(6, 0), 1);
   EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
 
