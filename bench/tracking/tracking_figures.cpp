@@ -77,7 +77,10 @@ class Run {
   bool Tracking() const { return SyncDriverBlockState() == BLOCK_TRACKING; }
   // Start of the next transform span within its symbol, in samples of the broadcast.
   double SpanOffset() const {
-    const double rx = static_cast<double>(fed_ - BLOCK_SAMPLES) + engine.readPos / 2 + engine.nmargin;
+    // The read position counts from the start of the last block while a symbol straddles its
+    // end, and from the start of the next block when the last step carried it beyond.
+    const int64_t base = engine.straddleFlag != 0 ? fed_ - BLOCK_SAMPLES : fed_;
+    const double rx = static_cast<double>(base) + engine.readPos / 2 + engine.nmargin;
     return std::fmod(rx / (1.0 + ppm_ * 1e-6), engine.nsymbol);
   }
 

@@ -111,7 +111,10 @@ double DecisionErrorDb() {
 // Span start of the next symbol in broadcast samples (before the device clock), and the number of
 // engine samples fed so far.
 double SpanOffsetInSymbol(int64_t samplesFed, double ppm) {
-  const double rx = static_cast<double>(samplesFed) + engine.readPos / 2 + engine.nmargin;
+  // The read position counts from the start of the last block while a symbol straddles its end,
+  // and from the start of the next block when the last step carried it beyond.
+  const int64_t base = engine.straddleFlag != 0 ? samplesFed : samplesFed + BLOCK_SAMPLES;
+  const double rx = static_cast<double>(base) + engine.readPos / 2 + engine.nmargin;
   const double tx = rx / (1.0 + ppm * 1e-6);
   return std::fmod(tx, engine.nsymbol);
 }
