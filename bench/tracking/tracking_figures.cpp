@@ -4,6 +4,10 @@
 //   drift [seconds] [v]  where the transform span sits in the guard interval over a minute, 0 and
 //           +-30 ppm; with v, the last blocks before a loss of tracking
 //   echo [seconds] [v]   the same with an echo 20 us late at -3 dB
+//   hold MODE GUARD SECONDS CN SEED...   per seed, how long tracking holds with no clock offset,
+//           where the span entered, where it sat at the filter pair scan, which pair, its range
+//   sweep MODE GUARD CN SEED   the span held by hand at places across the guard interval: snrDb
+//           of each interpolation pair there, and the gate's early-late difference per symbol
 // With no argument it prints the first two.
 #include <algorithm>
 #include <cmath>
@@ -25,10 +29,10 @@ using namespace zfn;
 
 class Run {
  public:
-  Run(int mode, double cnDb, double ppm, uint64_t seed, double echoUs = 0.0) : ppm_(ppm) {
+  Run(int mode, double cnDb, double ppm, uint64_t seed, double echoUs = 0.0, int guard = 2) : ppm_(ppm) {
     sim::BroadcastConfig b;
     b.mode = mode + 1;
-    b.guard = 2;
+    b.guard = guard;
     b.modulation = 1;
     b.codeRate = 1;
     b.interleave = 2;
@@ -65,10 +69,18 @@ class Run {
     SyncDriverFeed(bytes_.data(), bytes_.size());
     fed_ += BLOCK_SAMPLES;
   }
+  // Start of the first transform span of tracking, read in the block after acquisition.
+  double EntryOffset() const {
+    const double rx = static_cast<double>(fed_) + engine.readPos / 2 + engine.nmargin;
+    return std::fmod(rx / (1.0 + ppm_ * 1e-6), engine.nsymbol);
+  }
   bool Tracking() const { return SyncDriverBlockState() == BLOCK_TRACKING; }
   // Start of the next transform span within its symbol, in samples of the broadcast.
   double SpanOffset() const {
-    const double rx = static_cast<double>(fed_ - BLOCK_SAMPLES) + engine.readPos / 2 + engine.nmargin;
+    // The read position counts from the start of the last block while a symbol straddles its
+    // end, and from the start of the next block when the last step carried it beyond.
+    const int64_t base = engine.straddleFlag != 0 ? fed_ - BLOCK_SAMPLES : fed_;
+    const double rx = static_cast<double>(base) + engine.readPos / 2 + engine.nmargin;
     return std::fmod(rx / (1.0 + ppm_ * 1e-6), engine.nsymbol);
   }
 
@@ -154,6 +166,140 @@ void Drift(double seconds, bool verbose, double echoUs) {
   }
 }
 
+// How long tracking holds: for each seed, the span at the entry to tracking, where it sat when the
+// filter pair was chosen, the pair, the span's range over the run, and the symbol count at the
+// first loss of tracking.
+void Hold(int mode, int guard, double seconds, double cnDb, const std::vector<uint64_t>& seeds) {
+  std::printf("Mode %d, guard index %d, C/N %.0f dB, up to %.0f s; span start in the guard interval, samples\n",
+              mode + 1, guard, cnDb, seconds);
+  for (uint64_t seed : seeds) {
+    Run run(mode, cnDb, 0.0, seed, 0.0, guard);
+    if (!run.Acquire()) {
+      std::printf("seed %2llu: no acquisition\n", static_cast<unsigned long long>(seed));
+      continue;
+    }
+    auto place = [&] {
+      double off = run.SpanOffset();
+      if (off > engine.nsymbol / 2) off -= engine.nsymbol;
+      return off;
+    };
+    double entry = run.EntryOffset();
+    if (entry > engine.nsymbol / 2) entry -= engine.nsymbol;
+    double atScan = 0.0, lo = 1e9, hi = -1e9, snrSum = 0.0;
+    int pair = -1, snrCount = 0;
+    const int blocks = BlocksOf(seconds);
+    int lostAt = -1;
+    for (int i = 0; i < blocks; ++i) {
+      run.Feed();
+      if (!run.Tracking()) {
+        lostAt = i;
+        break;
+      }
+      const double off = place();
+      lo = std::min(lo, off);
+      hi = std::max(hi, off);
+      if (pair < 0 && engine.symbolCount > engine.guardScanStart + 20) {
+        atScan = off;
+        pair = static_cast<int>((tracker.interpBankLow - tracker.interpLow) / (INTERP_BLOCK * 2));
+      }
+      if (engine.symbolCount > 16) {
+        snrSum += engine.snrDb;
+        ++snrCount;
+      }
+    }
+    const int32_t lastCount = engine.symbolCount;
+    std::printf("seed %2llu: entry %6.1f  scan %6.1f pair %2d  range %6.1f .. %6.1f  mean snrDb %5.1f  ",
+                static_cast<unsigned long long>(seed), entry, atScan, pair, lo, hi,
+                snrCount ? snrSum / snrCount : 0.0);
+    if (lostAt >= 0) {
+      std::printf("lost after %d symbols (%.1f s)\n", lastCount, lostAt * static_cast<double>(BLOCK_SAMPLES) * 63.0 / 64e6);
+    } else {
+      std::printf("held %d symbols\n", lastCount);
+    }
+    std::fflush(stdout);
+  }
+}
+
+// The span held at places across the guard interval (the gate's gain at 0, the read position moved
+// by hand between blocks): per place, snrDb of each interpolation pair, and the mean per-symbol
+// difference of the gate's two sides (early minus late).
+void Sweep(int mode, int guard, double cnDb, uint64_t seed) {
+  Run run(mode, cnDb, 0.0, seed, 0.0, guard);
+  if (!run.Acquire()) return;
+  engine.guardScanStart = 1 << 30;
+  char* text = nullptr;
+  size_t size = 0;
+  FILE* log = open_memstream(&text, &size);
+  tracker.snrLog = log;
+  auto place = [&] {
+    double off = run.SpanOffset();
+    if (off > engine.nsymbol / 2) off -= engine.nsymbol;
+    return off;
+  };
+  auto block = [&](int pair) {
+    tracker.timingGain = 0.0f;
+    if (pair >= 0) {
+      tracker.interpBankLow = tracker.interpLow + pair * INTERP_BLOCK * 2;
+      tracker.interpBankHigh = tracker.interpHigh + pair * INTERP_BLOCK * 2;
+    }
+    std::fflush(log);
+    const size_t from = size;
+    run.Feed();
+    std::fflush(log);
+    double sum = 0;
+    int n = 0;
+    for (const char* c = text + from; c < text + size;) {
+      char* end = nullptr;
+      const double v = std::strtod(c, &end);
+      if (end == c) break;
+      if (v > -39.0) {
+        sum += v;
+        ++n;
+      }
+      c = end;
+    }
+    return n ? sum / n : 0.0;
+  };
+  for (int i = 0; i < 3; ++i) block(-1);
+  const int h = engine.nmargin;
+  const int k = tracker.timingSpan;
+  std::printf("Mode %d guard index %d C/N %.0f: nguard %d, gate half width %d\n", mode + 1, guard, cnDb,
+              engine.nguard, k);
+  std::printf("span   snrDb pair 0     1     2     3     4    early-late per symbol\n");
+  const int stride = std::max(1, engine.nguard / 16);
+  for (int target = -stride; target <= engine.nguard + stride; target += stride) {
+    // Move the span while no symbol straddles the block edge and the new place stays in the block.
+    int delta = 0;
+    for (int tries = 0; tries < 20; ++tries) {
+      delta = target - static_cast<int>(std::lround(place()));
+      const int32_t moved = engine.readPos + 2 * delta;
+      if (engine.straddleFlag == 0 && moved >= 0 && moved + 2 * engine.nwork < BLOCK_FLOATS) break;
+      block(-1);
+    }
+    engine.readPos += 2 * delta;
+    engine.ncoPhase = engine.ncoPhase + static_cast<float>(delta) * engine.ncoStep;
+    block(-1);
+    block(-1);
+    const float e0 = tracker.timingAcc[h - k], l0 = tracker.timingAcc[h + k];
+    const int32_t c0 = engine.symbolCount;
+    double snr[INTERP_PAIRS];
+    for (int q = 0; q < INTERP_PAIRS; ++q) snr[q] = block(q);
+    const double diff = (static_cast<double>(tracker.timingAcc[h - k]) - e0 - (static_cast<double>(tracker.timingAcc[h + k]) - l0)) /
+                        (engine.symbolCount - c0);
+    const double at = place();
+    if (std::fabs(at - target) > 0.5) {
+      std::printf("%5.1f   (the span moved while measured)\n", at);
+      continue;
+    }
+    std::printf("%5.1f  ", at);
+    for (double v : snr) std::printf(" %5.1f", v);
+    std::printf("   %+9.3f\n", diff);
+  }
+  tracker.snrLog = nullptr;
+  std::fclose(log);
+  std::free(text);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -161,6 +307,20 @@ int main(int argc, char** argv) {
   if (what.empty() || what == "snr") Snr();
   if (what.empty() || what == "clock") Clock();
   if (what == "drift") Drift(argc > 2 ? std::atof(argv[2]) : 60.0, argc > 3, 0.0);
+  if (what == "hold") {
+    // hold MODE GUARD SECONDS CN SEED...
+    const int mode = argc > 2 ? std::atoi(argv[2]) - 1 : 2;
+    const int guard = argc > 3 ? std::atoi(argv[3]) : 2;
+    const double seconds = argc > 4 ? std::atof(argv[4]) : 60.0;
+    const double cn = argc > 5 ? std::atof(argv[5]) : 25.0;
+    std::vector<uint64_t> seeds;
+    for (int i = 6; i < argc; ++i) seeds.push_back(std::strtoull(argv[i], nullptr, 10));
+    if (seeds.empty()) seeds = {1, 2, 3, 4, 5, 6};
+    Hold(mode, guard, seconds, cn, seeds);
+  }
+  if (what == "sweep")
+    Sweep(argc > 2 ? std::atoi(argv[2]) - 1 : 2, argc > 3 ? std::atoi(argv[3]) : 2, argc > 4 ? std::atof(argv[4]) : 25.0,
+          argc > 5 ? std::strtoull(argv[5], nullptr, 10) : 1);
   if (what == "echo") Drift(argc > 2 ? std::atof(argv[2]) : 60.0, argc > 3, 20.0);
   return 0;
 }
