@@ -5,12 +5,12 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "bench/bench_machine.h"
 #include "decoder/decoder_state.h"
 #include "decoder/reed_solomon.h"
 #include "decoder/viterbi.h"
@@ -19,18 +19,6 @@
 
 namespace zfn {
 namespace {
-
-std::string CpuModel() {
-  std::ifstream in("/proc/cpuinfo");
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.rfind("model name", 0) == 0) {
-      const size_t colon = line.find(':');
-      return colon == std::string::npos ? line : line.substr(colon + 2);
-    }
-  }
-  return "unknown";
-}
 
 // Noisy soft pairs around a random code sequence: what one symbol of a real signal looks like.
 std::vector<uint16_t> NoisyPairs(int32_t count, uint64_t seed) {
@@ -189,7 +177,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::AddCustomContext("cpu_model", zfn::CpuModel());
+  benchmark::AddCustomContext("cpu_model", zfn::bench::CpuModel());
   benchmark::AddCustomContext("viterbi_best_kernel", zfn::ViterbiKernelName(zfn::BestViterbiKernel()));
   zfn::RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);

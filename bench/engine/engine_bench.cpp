@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/engine/bench_machine.h"
+#include "bench/bench_machine.h"
 #include "simulator/transmitter.h"
 #include "tools/offline_decoder.h"
 #ifdef ZFN_STAGE_SHARES

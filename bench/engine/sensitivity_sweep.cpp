@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/engine/bench_machine.h"
+#include "bench/bench_machine.h"
 #include "shell/receiver_state.h"
 #include "simulator/transmitter.h"
 #include "tools/offline_decoder.h"
