@@ -73,8 +73,9 @@ void EqualiseCarriers() {
   // The oldest symbol's pilot phase is one ahead of this symbol's.
   int32_t pilot = 3 * ((engine.spPhase + 1) & 3);
   const int32_t* fixed = t.fixedCarriers;
-  float powerSum = 0.0f;
-  float noiseSum = 0.0f;
+  // The data carriers side by side with their channel, so the arithmetic below runs over plain
+  // arrays without the pilot and fixed-carrier skips and the compiler can vectorise it.
+  alignas(16) float rRe[MAX_DATA], rIm[MAX_DATA], gRe[MAX_DATA], gIm[MAX_DATA], noise[MAX_DATA];
   int32_t k = 0;
   for (int32_t c = 0; c < nc; ++c) {
     if (c == pilot) {
@@ -85,17 +86,49 @@ void EqualiseCarriers() {
       ++fixed;
       continue;
     }
-    const Cx r = Load(slot, c);
-    const Cx h{hre[c], him[c]};
-    const float p = Norm(h);
-    const Cx rh = MulConj(r, h);
-    const Cx e{rh.re / p, rh.im / p};
-    Store(out, k, e);
-    t.carrierPower[k] = p;
-    powerSum += p;
-    const Cx d = SliceCarrier(e, bits);
-    noiseSum += Norm(r - d * h);
+    rRe[k] = slot[2 * c];
+    rIm[k] = slot[2 * c + 1];
+    gRe[k] = hre[c];
+    gIm[k] = him[c];
     ++k;
+  }
+
+  // Per carrier: r * conj(h) / |h|^2, the channel power, and the decision error power |r - d h|^2.
+  float* __restrict eq = out;
+  float* __restrict power = t.carrierPower;
+  if (bits == 2) {
+    for (int32_t i = 0; i < k; ++i) {
+      const float p = gRe[i] * gRe[i] + gIm[i] * gIm[i];
+      const float ere = (rRe[i] * gRe[i] + rIm[i] * gIm[i]) / p;
+      const float eim = (rIm[i] * gRe[i] - rRe[i] * gIm[i]) / p;
+      eq[2 * i] = ere;
+      eq[2 * i + 1] = eim;
+      power[i] = p;
+      const float dre = ere <= 0.0f ? -0.707107f : 0.707107f;  // SliceQpsk by selection
+      const float dim = eim <= 0.0f ? -0.707107f : 0.707107f;
+      const float nre = rRe[i] - (dre * gRe[i] - dim * gIm[i]);
+      const float nim = rIm[i] - (dre * gIm[i] + dim * gRe[i]);
+      noise[i] = nre * nre + nim * nim;
+    }
+  } else {
+    for (int32_t i = 0; i < k; ++i) {
+      const Cx r{rRe[i], rIm[i]};
+      const Cx h{gRe[i], gIm[i]};
+      const float p = Norm(h);
+      const Cx rh = MulConj(r, h);
+      const Cx e{rh.re / p, rh.im / p};
+      Store(eq, i, e);
+      power[i] = p;
+      const Cx d = SliceCarrier(e, bits);
+      noise[i] = Norm(r - d * h);
+    }
+  }
+  // The sums in carrier order, as the symbol's quality has always been added up.
+  float powerSum = 0.0f;
+  float noiseSum = 0.0f;
+  for (int32_t i = 0; i < k; ++i) {
+    powerSum += power[i];
+    noiseSum += noise[i];
   }
 
   if (bits == 2) {
