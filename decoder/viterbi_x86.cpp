@@ -28,7 +28,7 @@ struct StepCosts {
 };
 
 // The four cost patterns of a step, each four bytes, lowest position first.
-inline StepCosts CostsOf(uint16_t pair) {
+constexpr StepCosts CostsOf(uint16_t pair) {
   const uint32_t h = pair >> 8;
   const uint32_t l = pair & 0xFF;
   const uint32_t c00 = (h + l) & 0xFF;
@@ -38,6 +38,28 @@ inline StepCosts CostsOf(uint16_t pair) {
   return {c01 | c10 << 8 | c11 << 16 | c00 << 24, c10 | c01 << 8 | c00 << 16 | c11 << 24,
           c00 | c11 << 8 | c10 << 16 | c01 << 24, c11 | c00 << 8 | c01 << 16 | c10 << 24};
 }
+
+// The soft bits of the demapper lie in 0..31, so the cost patterns of nearly every step come from
+// this table, indexed by h * 32 + l; other pairs are worked out as they come.
+struct CostTable {
+  alignas(16) uint32_t patterns[1024][4];
+};
+
+constexpr CostTable MakeCostTable() {
+  CostTable t{};
+  for (uint32_t h = 0; h < 32; ++h) {
+    for (uint32_t l = 0; l < 32; ++l) {
+      const StepCosts c = CostsOf(static_cast<uint16_t>(h << 8 | l));
+      t.patterns[h * 32 + l][0] = c.m;
+      t.patterns[h * 32 + l][1] = c.n;
+      t.patterns[h * 32 + l][2] = c.q;
+      t.patterns[h * 32 + l][3] = c.r;
+    }
+  }
+  return t;
+}
+
+constexpr CostTable COST_TABLE = MakeCostTable();
 
 __attribute__((target("sse2"))) inline __m128i Sse2Min16(__m128i v) {
   v = _mm_min_epu8(v, _mm_srli_si128(v, 8));
@@ -140,9 +162,15 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
     const __m256i pickTop1 = _mm256_setr_epi32(1, 0, 0, 1, 3, 2, 2, 3);
     uint16_t* decisions = trellis.decisionHistory + 4 * VITERBI_TRACEBACK;
     for (int32_t i = 0; i < count; ++i) {
-      const StepCosts c = CostsOf(pairs[i]);
-      const __m256i mnqr = _mm256_castsi128_si256(
-          _mm_setr_epi32(static_cast<int>(c.m), static_cast<int>(c.n), static_cast<int>(c.q), static_cast<int>(c.r)));
+      const uint32_t pair = pairs[i];
+      __m128i costs;
+      if ((pair & 0xE0E0) == 0) {
+        costs = _mm_load_si128(reinterpret_cast<const __m128i*>(COST_TABLE.patterns[((pair >> 3) & 0x3E0) | (pair & 0x1F)]));
+      } else {
+        const StepCosts c = CostsOf(static_cast<uint16_t>(pair));
+        costs = _mm_setr_epi32(static_cast<int>(c.m), static_cast<int>(c.n), static_cast<int>(c.q), static_cast<int>(c.r));
+      }
+      const __m256i mnqr = _mm256_castsi128_si256(costs);
       const __m256i cost0 = _mm256_permutevar8x32_epi32(mnqr, pickTop0);
       const __m256i cost1 = _mm256_permutevar8x32_epi32(mnqr, pickTop1);
 
