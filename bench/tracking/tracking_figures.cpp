@@ -22,14 +22,34 @@
 #include "shell/sync_driver.h"
 #include "simulator/transmitter.h"
 #include "tracking/tracker_state.h"
+#include "tracking_test_support.h"
 
 namespace {
 
 using namespace zfn;
 
-class Run {
+// A QPSK 2/3 broadcast (interleave index 2) through white noise (none at cnDb 0), a device clock
+// `ppm` off and optionally an echo 3 dB down, fed into the synchronous driver.
+class Run : public test::DriverRun {
  public:
-  Run(int mode, double cnDb, double ppm, uint64_t seed, double echoUs = 0.0, int guard = 2) : ppm_(ppm) {
+  Run(int mode, double cnDb, double ppm, uint64_t seed, double echoUs = 0.0, int guard = 2)
+      : DriverRun(Broadcast(mode, guard, seed), Channel(cnDb, ppm, seed, echoUs)), ppm_(ppm) {
+    if (!Ok()) {
+      std::fprintf(stderr, "cannot start: %s\n", Error().c_str());
+      std::exit(1);
+    }
+  }
+  bool Acquire() { return DriverRun::Acquire(40); }
+  bool Tracking() const { return SyncDriverBlockState() == BLOCK_TRACKING; }
+  double SpanOffset() const { return DriverRun::SpanOffset(ppm_); }
+  // Start of the first transform span of tracking, read in the block after acquisition.
+  double EntryOffset() const {
+    const double rx = static_cast<double>(Fed()) + engine.readPos / 2 + engine.nmargin;
+    return std::fmod(rx / (1.0 + ppm_ * 1e-6), engine.nsymbol);
+  }
+
+ private:
+  static sim::BroadcastConfig Broadcast(int mode, int guard, uint64_t seed) {
     sim::BroadcastConfig b;
     b.mode = mode + 1;
     b.guard = guard;
@@ -37,61 +57,21 @@ class Run {
     b.codeRate = 1;
     b.interleave = 2;
     b.seed = seed;
+    return b;
+  }
+  static sim::ChannelConfig Channel(double cnDb, double ppm, uint64_t seed, double echoUs) {
     sim::ChannelConfig ch;
     ch.noise = cnDb > 0;
     ch.cnDb = cnDb;
     ch.clockPpm = ppm;
     ch.seed = seed + 1;
     if (echoUs > 0.0) ch.echoes = {sim::EchoPath{echoUs, -3.0, 50.0}};
-    std::string error;
-    gen_ = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(seed), &error);
-    if (!gen_ || SyncDriverOpen(nullptr, nullptr) != 1) {
-      std::fprintf(stderr, "cannot start: %s\n", error.c_str());
-      std::exit(1);
-    }
-    SyncDriverRetune();
-    bytes_.resize(RAW_BLOCK_BYTES);
+    return ch;
   }
-  ~Run() { SyncDriverClose(); }
-  bool Acquire() {
-    for (int i = 0; i < 40; ++i) {
-      Feed();
-      if (SyncDriverBlockState() == BLOCK_TRACKING) {
-        const int code = engine.layerParams->modulation;
-        engine.bitsPerCarrier = code <= 1 ? 2 : code == 2 ? 4 : 6;
-        return true;
-      }
-    }
-    return false;
-  }
-  void Feed() {
-    gen_->GenerateBytes(bytes_.data(), bytes_.size());
-    SyncDriverFeed(bytes_.data(), bytes_.size());
-    fed_ += BLOCK_SAMPLES;
-  }
-  // Start of the first transform span of tracking, read in the block after acquisition.
-  double EntryOffset() const {
-    const double rx = static_cast<double>(fed_) + engine.readPos / 2 + engine.nmargin;
-    return std::fmod(rx / (1.0 + ppm_ * 1e-6), engine.nsymbol);
-  }
-  bool Tracking() const { return SyncDriverBlockState() == BLOCK_TRACKING; }
-  // Start of the next transform span within its symbol, in samples of the broadcast.
-  double SpanOffset() const {
-    // The read position counts from the start of the last block while a symbol straddles its
-    // end, and from the start of the next block when the last step carried it beyond.
-    const int64_t base = engine.straddleFlag != 0 ? fed_ - BLOCK_SAMPLES : fed_;
-    const double rx = static_cast<double>(base) + engine.readPos / 2 + engine.nmargin;
-    return std::fmod(rx / (1.0 + ppm_ * 1e-6), engine.nsymbol);
-  }
-
- private:
-  std::unique_ptr<sim::SignalGenerator> gen_;
-  std::vector<uint8_t> bytes_;
-  int64_t fed_ = 0;
   double ppm_;
 };
 
-int BlocksOf(double seconds) { return static_cast<int>(seconds * 64e6 / 63.0 / BLOCK_SAMPLES) + 1; }
+int BlocksOf(double seconds) { return test::DriverRun::BlocksOf(seconds); }
 
 void Snr() {
   std::printf("C/N dB   snrDb mean   min    max    (Mode 3, 1/8, QPSK; 20 blocks after acquisition)\n");

@@ -20,8 +20,7 @@
 namespace zfn {
 namespace {
 
-// A broadcast of code rate 2/3 and time interleaving 2 (receiver numbering: mode 0..2, guard 0..3;
-// TMCC modulation code 1 QPSK, 2 16QAM, 3 64QAM) through the channel `ch` into the driver.
+// White noise at `cnDb` over segment 0; none at 0.
 sim::ChannelConfig Channel(double cnDb = 0.0) {
   sim::ChannelConfig ch;
   ch.noise = cnDb > 0;
@@ -30,63 +29,19 @@ sim::ChannelConfig Channel(double cnDb = 0.0) {
   return ch;
 }
 
-class DriverRun {
- public:
-  DriverRun(int mode, int guard, int modulation, const sim::ChannelConfig& ch) {
-    sim::BroadcastConfig b;
-    b.mode = mode + 1;
-    b.guard = guard;
-    b.modulation = modulation;
-    b.codeRate = 1;
-    b.interleave = 2;
-    b.seed = 5;
-    std::string error;
-    gen_ = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(5), &error);
-    EXPECT_TRUE(gen_) << error;
-    EXPECT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
-    SyncDriverRetune();
-    bytes_.resize(RAW_BLOCK_BYTES);
-  }
-  ~DriverRun() { SyncDriverClose(); }
+using test::DriverRun;
 
-  // Feeds blocks until tracking; false if it is not reached within `limit` blocks.
-  bool Acquire(int limit) {
-    for (int i = 0; i < limit && gen_; ++i) {
-      Feed();
-      if (SyncDriverBlockState() == BLOCK_TRACKING) {
-        // The decoder set-up gives the equaliser its bits per carrier.
-        const int code = engine.layerParams->modulation;
-        engine.bitsPerCarrier = code <= 1 ? 2 : code == 2 ? 4 : 6;
-        return true;
-      }
-    }
-    return false;
-  }
-  void Feed() {
-    gen_->GenerateBytes(bytes_.data(), bytes_.size());
-    SyncDriverFeed(bytes_.data(), bytes_.size());
-    fed_ += BLOCK_SAMPLES;
-  }
-  // Engine samples fed before the current block.
-  int64_t FedBefore() const { return fed_ - BLOCK_SAMPLES; }
-  // Blocks that hold `seconds` of signal.
-  static int BlocksOf(double seconds) { return static_cast<int>(seconds * 64e6 / 63.0 / BLOCK_SAMPLES) + 1; }
-
- private:
-  std::unique_ptr<sim::SignalGenerator> gen_;
-  std::vector<uint8_t> bytes_;
-  int64_t fed_ = 0;
-};
-
-// Span start of the next symbol in broadcast samples (before the device clock), and the number of
-// engine samples fed so far.
-double SpanOffsetInSymbol(int64_t samplesFed, double ppm) {
-  // The read position counts from the start of the last block while a symbol straddles its end,
-  // and from the start of the next block when the last step carried it beyond.
-  const int64_t base = engine.straddleFlag != 0 ? samplesFed : samplesFed + BLOCK_SAMPLES;
-  const double rx = static_cast<double>(base) + engine.readPos / 2 + engine.nmargin;
-  const double tx = rx / (1.0 + ppm * 1e-6);
-  return std::fmod(tx, engine.nsymbol);
+// A broadcast of code rate 2/3 and time interleaving 2 (receiver numbering: mode 0..2, guard 0..3;
+// TMCC modulation code 1 QPSK, 2 16QAM, 3 64QAM).
+sim::BroadcastConfig Layer(int mode, int guard, int modulation) {
+  sim::BroadcastConfig b;
+  b.mode = mode + 1;
+  b.guard = guard;
+  b.modulation = modulation;
+  b.codeRate = 1;
+  b.interleave = 2;
+  b.seed = 5;
+  return b;
 }
 
 // A clean broadcast: every modulation in every mode sits on its constellation, block after block.
@@ -94,7 +49,7 @@ TEST(DriverTracking, CleanConstellationsInAllModes) {
   for (int mode = 0; mode < 3; ++mode) {
     for (int modulation : {1, 2, 3}) {
       SCOPED_TRACE(::testing::Message() << "mode " << mode + 1 << " modulation " << modulation);
-      DriverRun run(mode, 2, modulation, Channel());
+      DriverRun run(Layer(mode, 2, modulation), Channel());
       ASSERT_TRUE(run.Acquire(40));
       double sum = 0.0;
       for (int i = 0; i < 3; ++i) {
@@ -115,7 +70,7 @@ TEST(DriverTracking, CleanConstellationsInAllModes) {
 TEST(DriverTracking, SnrFollowsCarrierToNoise) {
   double last = -100.0;
   for (double cn = 5.0; cn <= 25.0; cn += 5.0) {
-    DriverRun run(2, 2, 1, Channel(cn));
+    DriverRun run(Layer(2, 2, 1), Channel(cn));
     ASSERT_TRUE(run.Acquire(40));
     double sum = 0.0;
     for (int i = 0; i < 6; ++i) {
@@ -136,7 +91,7 @@ TEST(DriverTracking, FrequencyLoopRemovesResidualOffset) {
   for (double hz : {1234.5, -3000.0}) {
     sim::ChannelConfig ch = Channel();
     ch.carrierOffsetHz = hz;
-    DriverRun run(2, 2, 1, ch);
+    DriverRun run(Layer(2, 2, 1), ch);
     ASSERT_TRUE(run.Acquire(40));
     const auto residual = [&] { return hz * engine.nfft / (64e6 / 63.0) + engine.ncoStep * engine.nfft / 6.283185307179; };
     const double atEntry = residual();
@@ -159,7 +114,7 @@ void ExpectClockOffsetFollowed(double ppm, double seconds) {
   SCOPED_TRACE(::testing::Message() << ppm << " ppm");
   sim::ChannelConfig ch = Channel(20.0);
   ch.clockPpm = ppm;
-  DriverRun run(0, 2, 1, ch);
+  DriverRun run(Layer(0, 2, 1), ch);
   ASSERT_TRUE(run.Acquire(40));
   EXPECT_EQ(deviceBinding.Demod_Byte_Write, nullptr);
   engine.clockWritePending = 0;
@@ -169,7 +124,7 @@ void ExpectClockOffsetFollowed(double ppm, double seconds) {
   for (int i = 0; i < blocks; ++i) {
     run.Feed();
     ASSERT_EQ(SyncDriverBlockState(), BLOCK_TRACKING) << "block " << i << ", symbol " << engine.symbolCount;
-    const double offset = SpanOffsetInSymbol(run.FedBefore(), ppm);
+    const double offset = run.SpanOffset(ppm);
     lowest = std::min(lowest, offset);
     highest = std::max(highest, offset);
     if (engine.symbolCount > engine.settleSymbols + 60) snrMin = std::min(snrMin, engine.snrDb.load());
@@ -240,7 +195,7 @@ TEST(DriverTracking, ChannelWatchOnStaticEchoesAndUnderFading) {
     sim::ChannelConfig ch = Channel(25.0);
     ch.echoes = k.echoes;
     ch.dopplerHz = k.dopplerHz;
-    DriverRun run(2, 2, 1, ch);
+    DriverRun run(Layer(2, 2, 1), ch);
     ASSERT_TRUE(run.Acquire(40));
     const int32_t settle = engine.settleSymbols;
     // In Mode 3 the settle count (4080) falls before the timing loop's stage 1 (5000); until then

@@ -1,18 +1,19 @@
-#include "decoder/decoder_state.h"
 #include "tracking_test_support.h"
 
 #include <algorithm>
-#include <string>
 #include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "acquisition/numerology.h"
+#include "decoder/decoder_state.h"
 #include "shell/engine_memory.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
+#include "shell/sync_driver.h"
 #include "tracking/slicers.h"
 #include "tracking/tracker_state.h"
 
@@ -140,5 +141,40 @@ double DecisionErrorDb() {
   }
   return 10.0 * std::log10(sum / engine.ndata + 1e-30);
 }
+
+DriverRun::DriverRun(const sim::BroadcastConfig& broadcast, const sim::ChannelConfig& channel) {
+  gen_ = sim::SignalGenerator::Create(broadcast, channel, sim::MakeTestPatternSource(broadcast.seed), &error_);
+  ok_ = gen_ != nullptr && SyncDriverOpen(nullptr, nullptr) == 1;
+  if (ok_) SyncDriverRetune();
+  bytes_.resize(RAW_BLOCK_BYTES);
+}
+
+DriverRun::~DriverRun() {
+  if (ok_) SyncDriverClose();
+}
+
+bool DriverRun::Acquire(int limit) {
+  for (int i = 0; i < limit && ok_; ++i) {
+    Feed();
+    if (SyncDriverBlockState() == BLOCK_TRACKING) return true;
+  }
+  return false;
+}
+
+void DriverRun::Feed() {
+  gen_->GenerateBytes(bytes_.data(), bytes_.size());
+  SyncDriverFeed(bytes_.data(), bytes_.size());
+  fed_ += BLOCK_SAMPLES;
+}
+
+double DriverRun::SpanOffset(double ppm) const {
+  // The read position counts from the start of the last block while a symbol straddles its end,
+  // and from the start of the next block when the last step carried it beyond.
+  const int64_t base = engine.straddleFlag != 0 ? fed_ - BLOCK_SAMPLES : fed_;
+  const double rx = static_cast<double>(base) + engine.readPos / 2 + engine.nmargin;
+  return std::fmod(rx / (1.0 + ppm * 1e-6), engine.nsymbol);
+}
+
+int DriverRun::BlocksOf(double seconds) { return static_cast<int>(seconds * 64e6 / 63.0 / BLOCK_SAMPLES) + 1; }
 
 }  // namespace zfn::test

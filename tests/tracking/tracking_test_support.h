@@ -5,6 +5,7 @@
 #include <complex>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "simulator/transmitter.h"
@@ -54,6 +55,35 @@ class SymbolWalker {
  private:
   BroadcastStream& stream_;
   int64_t readPos_;
+};
+
+// Our transmitter's broadcast fed block by block through the synchronous driver, as the engine
+// sees a capture.
+class DriverRun {
+ public:
+  DriverRun(const sim::BroadcastConfig& broadcast, const sim::ChannelConfig& channel);
+  ~DriverRun();
+  DriverRun(const DriverRun&) = delete;
+  DriverRun& operator=(const DriverRun&) = delete;
+
+  bool Ok() const { return ok_; }
+  const std::string& Error() const { return error_; }
+  // Feeds blocks until tracking; false if it is not reached within `limit` blocks.
+  bool Acquire(int limit);
+  void Feed();
+  int64_t Fed() const { return fed_; }  // engine samples fed so far
+  // Start of the next transform span within its symbol, in samples of the broadcast, for a device
+  // clock `ppm` off.
+  double SpanOffset(double ppm) const;
+  // Blocks that hold `seconds` of signal.
+  static int BlocksOf(double seconds);
+
+ private:
+  std::unique_ptr<sim::SignalGenerator> gen_;
+  std::vector<uint8_t> bytes_;
+  int64_t fed_ = 0;
+  bool ok_ = false;
+  std::string error_;
 };
 
 // Mean squared distance, in dB, of the last equalised carriers from their hard decisions (QPSK
