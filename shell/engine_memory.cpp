@@ -19,6 +19,11 @@ T* AllocateEngine(int32_t bytes, ShellFault fault) {
 
 }  // namespace
 
+int32_t RefinedSwitchFromEnvironment() {
+  const char* value = std::getenv(REFINED_VARIABLE);
+  return value != nullptr && value[0] == '1' && value[1] == '\0' ? 1 : 0;
+}
+
 int32_t EngineInit() {
   engine.arenaBase = AllocateEngine<uint8_t>(WORK_ARENA_BYTES, ShellFault::ArenaAlloc);
   if (engine.arenaBase == nullptr) return 0;
@@ -40,6 +45,7 @@ int32_t EngineInit() {
   engine.blockState = BLOCK_IDLE;
   engine.autoResync = 1;
   engine.rsDecoderFull = 1;
+  engine.refined = RefinedSwitchFromEnvironment();
 
   LoadParameterSet(PARAM_DEFAULTS);
 

@@ -5,6 +5,11 @@
 
 namespace zfn {
 
+// The switch of the refinements: "1" turns them all on; unset, "0" or anything else keeps the
+// designed behaviour exactly.
+constexpr const char* REFINED_VARIABLE = "ZFNISDBT_REFINED";
+int32_t RefinedSwitchFromEnvironment();
+
 // Builds the engine memory; 0 on an allocation failure (what exists is left to EngineFree).
 int32_t EngineInit();
 // Releases the engine memory; safe on a partly built engine.

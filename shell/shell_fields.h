@@ -75,6 +75,9 @@ struct ShellFields {
   RelaxedWord<int32_t> autoResync;      // 0: the decoder's statistics no longer restart acquisition
   RelaxedWord<int32_t> rsDecoderFull;   // 1: the full Reed-Solomon routine, 0: the other one
   RelaxedWord<int32_t> forcedCarrierOffset{-46};  // used only under forceCarrierOffset
+  // 1: the refinements beside the designed path are on (environment ZFNISDBT_REFINED=1, read by
+  // EngineInit, so at open and when the synchronous driver opens); 0: the designed behaviour exactly.
+  RelaxedWord<int32_t> refined;
 
   // Parameter set of the tracking stages. Stage arrays hold one value per timing stage 0, 1, 2.
   int32_t stageStartSymbol[3];

@@ -6,6 +6,7 @@
 // and there are never any samples.
 #include <cstdint>
 #include <cstring>
+#include <atomic>
 #include <mutex>
 
 #include "frontend/sample_source_contract.h"
@@ -20,6 +21,7 @@ constexpr int32_t kAddresses = 256;
 // Reads and writes come from the demodulation thread and the API caller's thread at once.
 std::mutex registerLock;
 uint8_t registers[kPages][kAddresses];
+std::atomic<int32_t> tunedFrequencyKHz{0};
 
 bool ValidAccess(int32_t page, int32_t address, int32_t byteCount, const uint8_t* bytes) {
   return bytes != nullptr && page >= 0 && page < kPages && address >= 0 && byteCount >= 1 && byteCount <= 4 &&
@@ -30,7 +32,15 @@ bool ValidAccess(int32_t page, int32_t address, int32_t byteCount, const uint8_t
 
 ZFN_DEVICE_EXPORT int32_t ZFN_BDAFilterInit(int32_t) { return 0; }  // no hardware to find
 ZFN_DEVICE_EXPORT int32_t ZFN_BDAFilterRelease(int32_t) { return 1; }
-ZFN_DEVICE_EXPORT int32_t ZFN_Set_Frequency(int32_t) { return 1; }
+ZFN_DEVICE_EXPORT int32_t ZFN_Set_Frequency(int32_t frequencyKHz) {
+  tunedFrequencyKHz.store(frequencyKHz, std::memory_order_relaxed);
+  return 1;
+}
+
+// Beyond the receiver's function list: the frequency the tuner was last set to, in kHz as
+// ZFN_Set_Frequency received it (the wanted channel + 600), 0 before any. The simulator asks it
+// which channel it should be broadcasting on.
+ZFN_DEVICE_EXPORT int32_t ZFN_TunedFrequencyKHz(void) { return tunedFrequencyKHz.load(std::memory_order_relaxed); }
 ZFN_DEVICE_EXPORT int32_t ZFN_Set_Bandwidth(int32_t) { return 1; }
 ZFN_DEVICE_EXPORT int32_t ZFN_DeviceUpdate(void) { return 1; }
 
