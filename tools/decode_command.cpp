@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -28,16 +30,18 @@ struct Options {
   std::string input;
   std::string output;  // empty: discard, "-": standard output
   bool json = false;
+  bool asDesigned = false;  // the designed behaviour instead of the refinements
 };
 
 int Usage(const char* error) {
   if (error != nullptr) std::fprintf(stderr, "zfnisdbt decode: %s\n", error);
   std::fprintf(stderr,
-               "usage: zfnisdbt decode INPUT [--output FILE|-] [--json]\n"
+               "usage: zfnisdbt decode INPUT [--output FILE|-] [--json] [--as-designed]\n"
                "  INPUT            capture file (device byte stream, 240640-byte blocks), or - for standard input\n"
                "  --output FILE|-  write the transport stream to FILE, or to standard output\n"
                "  --json           print the statistics as one JSON object on the last line of standard\n"
                "                   output (of standard error when --output is -)\n"
+               "  --as-designed    the designed tracking and lock judgement, without the refinements\n"
                "exit status: 0 decoded, 1 input or output failed, 2 usage\n");
   return 2;
 }
@@ -85,7 +89,7 @@ struct MemoryKb {
 };
 
 void PrintJson(FILE* to, const OfflineDecodeStats& s, double signalSeconds, double cpuSeconds, int64_t trailing,
-               const MemoryKb& memory) {
+               const MemoryKb& memory, bool refined) {
   const bool tracked = s.firstTrackingBlock >= 0;
   std::fprintf(to, "{\"signal_seconds\":%.6f,\"cpu_seconds\":%.6f,\"realtime_factor\":%.3f,", signalSeconds, cpuSeconds,
                cpuSeconds > 0 ? signalSeconds / cpuSeconds : 0.0);
@@ -105,11 +109,17 @@ void PrintJson(FILE* to, const OfflineDecodeStats& s, double signalSeconds, doub
   std::fprintf(to, "\"rss_before_open_kb\":%lld,\"rss_end_kb\":%lld,\"rss_peak_kb\":%lld,",
                static_cast<long long>(memory.beforeOpen), static_cast<long long>(memory.atEnd),
                static_cast<long long>(memory.peak));
-  std::fprintf(to, "\"final_state\":\"%s\",", BlockStateWord(s.finalState));
+  std::fprintf(to, "\"final_state\":\"%s\",\"behaviour\":\"%s\",", BlockStateWord(s.finalState),
+               refined ? "refined" : "designed");
   if (tracked) {
-    std::fprintf(to, "\"mode\":%d,\"guard\":\"%s\",\"modulation\":\"%s\",\"code_rate\":\"%s\",\"interleave\":%d,\"snr_db\":%.2f}\n",
-                 s.mode, GuardName(s.guard), ModulationName(s.modulation), CodeRateName(s.codeRate), s.interleave,
-                 static_cast<double>(s.snrDb));
+    std::fprintf(to, "\"mode\":%d,\"guard\":\"%s\",\"modulation\":\"%s\",\"code_rate\":\"%s\",\"interleave\":%d,",
+                 s.mode, GuardName(s.guard), ModulationName(s.modulation), CodeRateName(s.codeRate), s.interleave);
+    // JSON has no NaN or infinity: a value that is not a number is null.
+    if (std::isfinite(s.snrDb)) {
+      std::fprintf(to, "\"snr_db\":%.2f}\n", static_cast<double>(s.snrDb));
+    } else {
+      std::fprintf(to, "\"snr_db\":null}\n");
+    }
   } else {
     std::fprintf(to, "\"mode\":null,\"guard\":null,\"modulation\":null,\"code_rate\":null,\"interleave\":null,\"snr_db\":null}\n");
   }
@@ -125,6 +135,8 @@ int Run(int argc, char** argv) {
       return 0;
     } else if (a == "--json") {
       o.json = true;
+    } else if (a == "--as-designed") {
+      o.asDesigned = true;
     } else if (a == "--output") {
       if (i + 1 >= argc || argv[i + 1][0] == '\0') return Usage("--output needs a file name or -");
       o.output = argv[++i];
@@ -205,6 +217,8 @@ int Run(int argc, char** argv) {
   MemoryKb memory;
   memory.beforeOpen = ProcessMemoryKb("VmRSS");
 
+  // The engine reads the switch of the refinements when the driver opens.
+  setenv("ZFNISDBT_REFINED", o.asDesigned ? "0" : "1", 1);
   OfflineDecoder decoder;
   if (!decoder.Open(&WriteStream, &out)) {
     std::fprintf(stderr, "zfnisdbt decode: the engine could not be built (memory, or already in use)\n");
@@ -294,11 +308,11 @@ int Run(int argc, char** argv) {
   std::fprintf(stderr, "zfnisdbt decode: %lld packets delivered; Reed-Solomon %lld clean, %lld corrected, %lld failed\n",
                static_cast<long long>(s.packetsDelivered), static_cast<long long>(s.all.ok),
                static_cast<long long>(s.all.corrected), static_cast<long long>(s.all.failed));
-  if (o.json) PrintJson(report, s, signalSeconds, cpuSeconds, trailing, memory);
+  if (o.json) PrintJson(report, s, signalSeconds, cpuSeconds, trailing, memory, !o.asDesigned);
   return status;
 }
 
-const bool registered = RegisterCommand({"decode", "decode INPUT [--output FILE|-] [--json]", Run});
+const bool registered = RegisterCommand({"decode", "decode INPUT [--output FILE|-] [--json] [--as-designed]", Run});
 
 }  // namespace
 }  // namespace zfn::tools

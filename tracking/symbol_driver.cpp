@@ -37,6 +37,35 @@ void ScaleAdaptionSteps() {
   const float scale = static_cast<float>(1 << (2 - engine.modeGuard->mode));
   tracker.ceStepA = engine.pilotGainScaleA * scale;
   tracker.ceStepB = engine.pilotGainScaleB * scale;
+  tracker.levelScale = 1.0f;
+}
+
+// Mean pilot power per carrier of a 1024-point transform at the device's nominal input level (RMS
+// of 28 steps per byte component); it grows with the transform length.
+constexpr float NOMINAL_PILOT_POWER_1024 = 65.0f;
+constexpr float PILOT_POWER_KEEP = 0.9375f;
+
+// Loop and adaption gains normalised to the signal level (refinement). The products that drive the
+// adaptive filters, the frequency loop and the timing gate all grow with the square of the input
+// amplitude, and the designed gains are set for the nominal level: far above it the frequency
+// filter's adaption runs past its stability bound. Above the nominal power every gain is scaled
+// down by the ratio of the powers (the pilots' mean power, smoothed over about sixteen symbols);
+// at or below it they stay as designed.
+void NormaliseGainsToLevel() {
+  TrackerState& t = tracker;
+  const int32_t groups = engine.nspanGrid;
+  const float* pilots = t.pilotHistoryNow;
+  float power = 0.0f;
+  for (int32_t p = 0; p < groups; ++p) power += pilots[p] * pilots[p] + pilots[groups + p] * pilots[groups + p];
+  power /= static_cast<float>(groups);
+  if (!std::isfinite(power)) return;
+  t.pilotPowerAvg = t.pilotPowerAvg > 0.0f ? PILOT_POWER_KEEP * t.pilotPowerAvg + (1.0f - PILOT_POWER_KEEP) * power
+                                           : power;
+  const float nominal = NOMINAL_PILOT_POWER_1024 * static_cast<float>(engine.nfft) / 1024.0f;
+  const float scale = t.pilotPowerAvg > nominal ? nominal / t.pilotPowerAvg : 1.0f;
+  t.ceStepA = t.ceStepA / t.levelScale * scale;
+  t.ceStepB = t.ceStepB / t.levelScale * scale;
+  t.levelScale = scale;
 }
 
 // floor(fraction * nguard), the product in single precision. Fractions come from a text file that
@@ -159,6 +188,7 @@ void TransformAndStore() {
 void EstimateChannel() {
   TrackerState& t = tracker;
   EstimatePilots();
+  if (engine.refined != 0) NormaliseGainsToLevel();
   if (!t.channelWatchOn) return;
   WatchChannelChange();
   if (engine.channelState == CHANNEL_SLOW && t.channelStatePrev == CHANNEL_FAST) {
@@ -218,7 +248,59 @@ void RunFrequencyLoop() {
     if (!(a.re * b.re + a.im * b.im > 0.0f)) e = -e;
     sum += e;
   }
-  engine.ncoStep = engine.ncoStep - sum * engine.freqLoopGain;
+  engine.ncoStep = engine.ncoStep - sum * engine.freqLoopGain * t.levelScale;
+}
+
+bool AllFinite(const float* v, int32_t count) {
+  float sum = 0.0f;
+  for (int32_t i = 0; i < count; ++i) sum += v[i] * 0.0f;  // 0 for finite values, NaN otherwise
+  return sum == 0.0f;
+}
+
+// A loop whose state went non-finite (an adaptive filter driven past its stability bound, say)
+// would stay so for good, and with it everything downstream. Each such stage restarts from the
+// values it had at the entry to tracking, as a new acquisition would set them; the others go on.
+void RestartNonFiniteLoops() {
+  TrackerState& t = tracker;
+  const int32_t rowFloats = 2 * (engine.nspan / 3);
+  bool restarted = false;
+  if (!AllFinite(t.freqTaps, 14) || !AllFinite(t.filteredRow, rowFloats) || !AllFinite(t.pastRow1, rowFloats) ||
+      !AllFinite(t.pastRow2, rowFloats)) {
+    std::memset(t.freqTaps, 0, sizeof(float) * 14);
+    t.freqTaps[6] = 1.0f;
+    std::memset(t.filteredRow, 0, sizeof(float) * static_cast<size_t>(rowFloats));
+    std::memset(t.pastRow1, 0, sizeof(float) * static_cast<size_t>(rowFloats));
+    std::memset(t.pastRow2, 0, sizeof(float) * static_cast<size_t>(rowFloats));
+    restarted = true;
+  }
+  if (!AllFinite(t.timeTaps, 18)) {
+    if (engine.symbolCount >= 8) {
+      LoadFixedTimeTaps();
+    } else {
+      std::memset(t.timeTaps, 0, sizeof(float) * 18);
+      t.timeTaps[0] = t.timeTaps[6] = t.timeTaps[12] = 1.0f;
+    }
+    restarted = true;
+  }
+  if (!AllFinite(t.lagTap, 3) || !AllFinite(t.lagTapAvg, 3)) {
+    for (int32_t l = 0; l < 3; ++l) t.lagTap[l] = t.lagTapAvg[l] = 0.0f;
+    restarted = true;
+  }
+  if (!std::isfinite(engine.ncoStep)) {
+    engine.ncoStep = t.ncoStepAtEntry;
+    restarted = true;
+  }
+  if (!std::isfinite(t.noiseAvg) || !std::isfinite(engine.snrDb.load())) {
+    t.noiseAvg = 0.0f;
+    engine.snrDb = 0.0f;
+    restarted = true;
+  }
+  if (!AllFinite(t.timingAcc, 2 * engine.nmargin + 1)) {
+    std::memset(t.timingAcc, 0, sizeof(t.timingAcc));
+    std::memset(engine.marginProfile, 0, sizeof(float) * static_cast<size_t>(2 * engine.nmargin + 1));
+    restarted = true;
+  }
+  if (restarted) ++t.loopRestarts;
 }
 
 void WriteStatusWords() {
@@ -287,7 +369,10 @@ void ProcessSymbol() {
   if (t.freqLoopOn) RunFrequencyLoop();
 
   // 18. Timing loop.
+  const float timingGain = t.timingGain;
+  t.timingGain *= t.levelScale;
   TrackTiming();
+  t.timingGain = timingGain;
   if (engine.timingEnabled == 0) engine.timingStep = 0;
 
   // 19. Probe: the timing steps of this frame.
@@ -316,6 +401,7 @@ void ProcessSymbol() {
   }
 
   // 22. Status words.
+  RestartNonFiniteLoops();
   WriteStatusWords();
 }
 

@@ -107,6 +107,14 @@ struct TrackerState {
   int32_t snrLowCount;
   int32_t snrHighCount;
 
+  // Non-finite loop state: the rotator step at the entry to tracking, and how often a loop was
+  // restarted from its set-up values since then.
+  float ncoStepAtEntry;
+  // Level normalisation of the gains (refinement): smoothed pilot power, and the factor in force
+  // (1 in the designed behaviour).
+  float pilotPowerAvg;
+  float levelScale;
+  int32_t loopRestarts;
   // Diagnostic text streams; nothing opens them, so they stay null.
   FILE* snrLog;
   FILE* clockLog;

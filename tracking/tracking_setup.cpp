@@ -130,6 +130,10 @@ void SetUpTracking() {
   std::memset(engine.marginIm, 0, sizeof(float) * static_cast<size_t>(marginLen * engine.ntrack));
 
   engine.timingStep = 0;
+  t.ncoStepAtEntry = std::isfinite(engine.ncoStep) ? engine.ncoStep : 0.0f;
+  t.loopRestarts = 0;
+  t.pilotPowerAvg = 0.0f;
+  t.levelScale = 1.0f;
   t.jumpPending = 0;
   t.jumpInForce = 0;
   t.jumpStage = 0;
