@@ -43,11 +43,15 @@ int32_t TmccSyndrome(const uint8_t* tmccWord) {
   return (high | middle | lowCells) == 0 ? 0 : 1;
 }
 
-int32_t TmccMajorityCorrect(uint8_t* tmccWord) {
+namespace {
+
+// Majority-logic repair of the first `count` bits of the word, in order: each bit is checked by
+// the 17 parity checks orthogonal on it, the bits before it taken as already repaired.
+void MajorityRepair(uint8_t* tmccWord, int32_t count) {
   uint8_t received[TMCC_WORD_BITS];
-  uint8_t repaired[TMCC_REPAIRED_BITS];
+  uint8_t repaired[TMCC_WORD_BITS];
   std::memcpy(received, tmccWord, sizeof(received));
-  for (int32_t j = 0; j < TMCC_REPAIRED_BITS; ++j) {
+  for (int32_t j = 0; j < count; ++j) {
     int32_t odd = 0;
     for (int32_t a : TMCC_DIFFERENCE_SET) {
       int32_t sum = received[j];
@@ -69,6 +73,23 @@ int32_t TmccMajorityCorrect(uint8_t* tmccWord) {
     }
     repaired[j] = bit;
   }
+}
+
+// Whether the word, repaired as a whole, is a code word. The repair of the 21 bits the receiver
+// reads always yields some 21 bits, so on noise the designed path accepts whatever parameters
+// they spell; a word that the repair of all its 184 bits does not make a code word is no TMCC.
+// Noise passes the 82 parity bits about once in 2^82 words.
+bool RepairsToCodeWord(const uint8_t* tmccWord) {
+  uint8_t whole[TMCC_WORD_BITS];
+  std::memcpy(whole, tmccWord, sizeof(whole));
+  MajorityRepair(whole, TMCC_WORD_BITS);
+  return TmccSyndrome(whole) == 0;
+}
+
+}  // namespace
+
+int32_t TmccMajorityCorrect(uint8_t* tmccWord) {
+  MajorityRepair(tmccWord, TMCC_REPAIRED_BITS);
   return 2;
 }
 
@@ -79,7 +100,14 @@ int32_t DecodeTmcc(const int8_t* tmccFrame) {
   for (int32_t i = 0; i < TMCC_WORD_BITS; ++i) w[i] = tmccFrame[19 + i] == 1 ? 1 : 0;
 
   const bool corrected = TmccSyndrome(w) != 0;
-  if (corrected) TmccMajorityCorrect(w);
+  if (corrected) {
+    // Refinement: only a word that repairs to a code word is taken for TMCC.
+    if (e.refined != 0 && !RepairsToCodeWord(w)) {
+      e.tmccAccepted = 0;
+      return 3;
+    }
+    TmccMajorityCorrect(w);
+  }
 
   e.tmccRepeat = 0;
   LayerParams& layer = *e.layerParams;
