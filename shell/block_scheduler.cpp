@@ -193,7 +193,13 @@ void FinishSymbol() {
   int32_t resync = 0;
   switch (engine.decodeStage) {
     case 1:
-      resync = (engine.earlyFailMark != 0 || engine.snrFailed != 0) ? 1 : 0;
+      if (engine.refined != 0) {
+        // Refinement: a low decision SNR alone does not throw away a signal whose packets decode;
+        // it restarts acquisition only while no judged packet has come through Reed-Solomon.
+        resync = (engine.earlyFailMark != 0 || (engine.snrFailed != 0 && engine.anyGoodMark == 0)) ? 1 : 0;
+      } else {
+        resync = (engine.earlyFailMark != 0 || engine.snrFailed != 0) ? 1 : 0;
+      }
       break;
     case 2:
       resync = engine.streamFailMark;

@@ -207,8 +207,16 @@ void EstimateChannel() {
   }
 }
 
+void FollowChannelDelay();
+
 void ChooseFilterPair() {
   TrackerState& t = tracker;
+  if (engine.refined != 0) {
+    // The scan still runs its course (its steps time nothing else), but picks no pair.
+    if (t.scanStep == INTERP_PAIRS + 1) t.scanStep = 0;
+    FollowChannelDelay();
+    return;
+  }
   int32_t pair = -1;
   if (t.scanStep >= 1 && t.scanStep <= INTERP_PAIRS) {
     pair = t.scanStep - 1;
@@ -221,6 +229,52 @@ void ChooseFilterPair() {
   if (pair < 0) return;
   t.interpBankLow = t.interpLow + pair * INTERP_BLOCK * 2;
   t.interpBankHigh = t.interpHigh + pair * INTERP_BLOCK * 2;
+}
+
+// Delay centres of the interpolation pairs as fractions of the useful symbol, as DesignInterpFilters
+// builds them; each passes the delays within 0.15 of its centre.
+constexpr float PAIR_DELAY_CENTRES[INTERP_PAIRS] = {1.0f / 6.0f, 5.0f / 24.0f, 1.0f / 8.0f, 1.0f / 4.0f,
+                                                   1.0f / 12.0f};
+constexpr float DELAY_CORRELATION_KEEP = 0.875f;
+constexpr float PAIR_SWITCH_MARGIN = 0.02f;
+
+// The interpolation pair follows the channel's mean delay (refinement). The designed path runs pair
+// 0 until the scan, which judges the pairs by the SNR of a few symbols each and then keeps its pick
+// while the transform span wanders through the guard interval: pair 0 misjudges a channel whose
+// delay behind the span's start is under about 5 samples in Mode 1, and a pair picked for one place
+// of the span fails at another. Here the mean delay comes from the phase turn between neighbouring
+// entries of the channel estimate across the segment (three carriers apart, so unambiguous over a
+// third of the useful symbol, taken from -1/12 to 1/4), smoothed over about eight symbols, and the
+// pair whose centre lies nearest is put in force, with a margin against flapping.
+void FollowChannelDelay() {
+  TrackerState& t = tracker;
+  if (engine.symbolCount < 8) return;
+  const float* row = t.interpRow + 2 * t.gridOffset;
+  const int32_t entries = 4 * engine.ngrid;
+  float re = 0.0f, im = 0.0f;
+  for (int32_t i = 0; i + 1 < entries; ++i) {
+    const float ar = row[2 * i + 2], ai = row[2 * i + 3];
+    const float br = row[2 * i], bi = row[2 * i + 1];
+    re += ar * br + ai * bi;
+    im += ai * br - ar * bi;
+  }
+  if (!std::isfinite(re) || !std::isfinite(im)) return;
+  t.delayCorrRe = DELAY_CORRELATION_KEEP * t.delayCorrRe + (1.0f - DELAY_CORRELATION_KEEP) * re;
+  t.delayCorrIm = DELAY_CORRELATION_KEEP * t.delayCorrIm + (1.0f - DELAY_CORRELATION_KEEP) * im;
+  if (t.delayCorrRe == 0.0f && t.delayCorrIm == 0.0f) return;
+  // H(k) = sum of a exp(-j 2 pi k tau / nfft): the turn over three carriers is -6 pi tau / nfft.
+  float delay = -std::atan2(t.delayCorrIm, t.delayCorrRe) / static_cast<float>(3.0 * TWO_PI);
+  if (delay < -1.0f / 12.0f) delay += 1.0f / 3.0f;
+  t.meanDelay = delay;
+  const int32_t now = static_cast<int32_t>((t.interpBankLow - t.interpLow) / (INTERP_BLOCK * 2));
+  int32_t best = now;
+  for (int32_t q = 0; q < INTERP_PAIRS; ++q)
+    if (std::fabs(delay - PAIR_DELAY_CENTRES[q]) < std::fabs(delay - PAIR_DELAY_CENTRES[best])) best = q;
+  if (best == now ||
+      std::fabs(delay - PAIR_DELAY_CENTRES[best]) > std::fabs(delay - PAIR_DELAY_CENTRES[now]) - PAIR_SWITCH_MARGIN)
+    return;
+  t.interpBankLow = t.interpLow + best * INTERP_BLOCK * 2;
+  t.interpBankHigh = t.interpHigh + best * INTERP_BLOCK * 2;
 }
 
 void ScoreFilterPair() {

@@ -93,11 +93,15 @@ void TrackTiming() {
   }
 
   // Late side: the multiplier is the negative of the early one; the side is only ever compared
-  // with itself from symbol to symbol.
+  // with itself from symbol to symbol. Refined, it is the conjugate of the early one, exp(-j theta)
+  // per sample, which makes the late side a sliding transform too: with the designed multiplier
+  // its sums add to the interference of a span that lies before the guard instead of taking it
+  // out, and the gate pushes such a span further out.
   for (int32_t c = 0; c < ntrack; ++c) {
     tv[c] = a[c];
     w[c] = {1.0f, 0.0f};
   }
+  const bool sliding = engine.refined != 0;
   for (int32_t d = 1; d <= k; ++d) {
     const Cx in = Load(x, h + n + d - 1);
     const Cx out = Load(x, h + d - 1);
@@ -106,7 +110,11 @@ void TrackTiming() {
       tv[c] = tv[c] + diff * w[c];
       const float cs = engine.trackCos[c];
       const float sn = engine.trackSin[c];
-      w[c] = {-w[c].re * cs + w[c].im * sn, -w[c].im * cs - w[c].re * sn};
+      if (sliding) {
+        w[c] = {w[c].re * cs + w[c].im * sn, w[c].im * cs - w[c].re * sn};
+      } else {
+        w[c] = {-w[c].re * cs + w[c].im * sn, -w[c].im * cs - w[c].re * sn};
+      }
     }
     profile[h + d] = CompareAndKeep(tv, sign, k + d - 1);
   }

@@ -85,6 +85,11 @@ struct TrackerState {
   int32_t scanStep;
   int32_t scanDwell;
   float scanScore[INTERP_PAIRS];
+  // Refinement: the smoothed neighbour correlation of the channel estimate and the mean delay it
+  // gives, as a fraction of the useful symbol.
+  float delayCorrRe;
+  float delayCorrIm;
+  float meanDelay;
   const float* interpBankLow;
   const float* interpBankHigh;
   float interpLow[INTERP_PAIRS * INTERP_BLOCK * 2];

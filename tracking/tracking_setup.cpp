@@ -142,6 +142,9 @@ void SetUpTracking() {
   DesignInterpFilters();
 
   t.scanStep = 0;
+  t.delayCorrRe = 0.0f;
+  t.delayCorrIm = 0.0f;
+  t.meanDelay = 0.0f;
   t.interpBankLow = t.interpLow;
   t.interpBankHigh = t.interpHigh;
   engine.decodeStage = DECODE_EARLY;
