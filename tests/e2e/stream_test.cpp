@@ -130,20 +130,31 @@ TEST(ShortestGuardInModeOne, ComesOutPacketForPacketOnceTheGuardScanHasChosen) {
 // Known limits of the designed tracking, each run as designed (the limit is recorded) and refined
 // (it is gone: one acquisition, the transmitted stream after exactly the stale start-up packets).
 // - Mode 1, guard 1/32, the transmitter's own front end, a carrier 11 kHz off, the device clock
-//   30 ppm slow, C/N 20 dB, 20 s: before the guard scan the default interpolation pair misjudges
+//   30 ppm slow, C/N 20 dB, 10 s: before the guard scan the default interpolation pair misjudges
 //   a channel whose delay is a few samples, and the slow clock drifts the span late; as designed,
 //   thousands of packets fail and tracking is lost again and again.
 // - Four times the nominal input level (RMS 112 steps per byte component, clipped), Mode 3: the
 //   adaption of the frequency filter runs past its stability bound. As designed nothing gets
 //   through, but no loop stays non-finite (the snrDb seen stays a number); three times the level
 //   is received either way.
+// - Mode 3, guard 1/8, QPSK 2/3 at C/N 8 dB with the automatic return to acquisition off, 7 s
+//   (seeds 1 and 3; 2 and 4 hold either way): as designed, the late side of the timing gate
+//   pushes a span that has left the guard further out until a whole symbol slips, which nothing
+//   in tracking notices, and every later packet fails.
 struct LimitCase {
   const char* name;
   Layer layer;
   sim::ChannelConfig channel;
   double seconds;
   bool designedHolds;  // the designed behaviour receives it too
+  bool resyncOff = false;
+  uint64_t seed = 1;
 };
+
+sim::ChannelConfig Seeded(sim::ChannelConfig c, uint64_t seed) {
+  c.seed = seed;
+  return c;
+}
 
 sim::ChannelConfig Offsets(double cnDb, double carrierHz, double ppm, double level) {
   sim::ChannelConfig c = Noise(cnDb);
@@ -155,14 +166,17 @@ sim::ChannelConfig Offsets(double cnDb, double carrierHz, double ppm, double lev
 
 TEST(KnownLimits, DesignedRecordedRefinedGone) {
   const LimitCase cases[] = {
-      {"mode 1 guard 1/32, offsets", Layer{1, 0, 1, 2, 0}, Offsets(20.0, -11000.0, -30.0, 28.0), 20.0, false},
+      {"mode 1 guard 1/32, offsets", Layer{1, 0, 1, 2, 0}, Offsets(20.0, -11000.0, -30.0, 28.0), 10.0, false},
       {"3 x level", Layer{3, 2, 1, 1, 2}, Offsets(20.0, 0.0, 0.0, 84.0), 4.0, true},
       {"4 x level", Layer{3, 2, 1, 1, 2}, Offsets(20.0, 0.0, 0.0, 112.0), 4.0, false},
+      {"slip, seed 1", Layer{3, 2, 1, 1, 2}, Seeded(Noise(8.0), 1), 7.0, false, true, 1},
+      {"slip, seed 3", Layer{3, 2, 1, 1, 2}, Seeded(Noise(8.0), 3), 7.0, false, true, 3},
   };
   for (const LimitCase& k : cases) {
     SCOPED_TRACE(k.name);
-    EndToEndRun run(k.layer, k.channel, Front{});
+    EndToEndRun run(k.layer, k.channel, Front{}, k.seed);
     ASSERT_TRUE(run.valid());
+    if (k.resyncOff) engine.autoResync = 0;
     const int blocks = static_cast<int>(k.seconds * 64e6 / 63.0 / (RAW_BLOCK_BYTES / 4));
     bool finite = true;
     for (int i = 0; i < blocks; ++i) {
