@@ -40,6 +40,20 @@ float CompareAndKeep(const Cx* tv, const float* sign, int32_t row) {
   return sum;
 }
 
+// Refinement: the span is held a few samples inside the guard interval. Where the guard is free of
+// interference the gate sees the same on both sides and lets the span wander over all of it, and
+// a slow clock carries it past the guard's end. The channel's mean delay behind the span's start
+// (from the channel estimate, in samples) tells where the span lies: a step that would leave less
+// than `margin` of it, or put the span less than `margin` after the guard's start, is turned into
+// one sample the other way.
+int32_t HoldInsideGuard(int32_t step) {
+  const float delay = tracker.meanDelay * static_cast<float>(engine.nfft);
+  const float margin = engine.nguard >= 16 ? 2.0f : 1.0f;
+  if (delay - static_cast<float>(step) < margin) return -1;
+  if (delay - static_cast<float>(step) > static_cast<float>(engine.nguard) - margin) return step > 0 ? step : 1;
+  return step;
+}
+
 }  // namespace
 
 // The gate's decision from its two accumulated sides; exposed for its dead-zone rule.
@@ -129,7 +143,7 @@ void TrackTiming() {
   const int32_t step = DecideTimingStep(t.timingAcc[h - k], t.timingAcc[h + k], t.timingGain,
                                         t.timingMaxStep, t.timingDeadZone);
   const bool due = t.timingPeriod > 0 && (engine.symbolIndex + 1) % t.timingPeriod == 0;
-  engine.timingStep = due ? step : 0;
+  engine.timingStep = due ? (engine.refined != 0 ? HoldInsideGuard(step) : step) : 0;
 }
 
 void MeasureClockOffset() {
