@@ -131,7 +131,7 @@ TEST_F(DecodeCommand, StreamComesBackAndTheSummaryTellsTheBroadcast) {
   const std::map<std::string, std::string> expected = {
       {"blocks", "40"},     {"final_state", "tracking"}, {"mode", "3"},         {"guard", "1/8"},
       {"modulation", "QPSK"}, {"code_rate", "2/3"},      {"interleave", "3"},   {"rs_failed_streaming", "0"},
-      {"tracking_losses", "0"}};
+      {"tracking_losses", "0"}, {"behaviour", "refined"}};
   for (const auto& [key, value] : expected) EXPECT_EQ(value, f[key]) << key;
   EXPECT_NEAR(40 * 60160 / (64e6 / 63), std::stod(f["signal_seconds"]), 1e-4);
   EXPECT_GT(std::stod(f["snr_db"]), 10.0);
@@ -145,11 +145,12 @@ TEST_F(DecodeCommand, StreamComesBackAndTheSummaryTellsTheBroadcast) {
 }
 
 // With the stream on standard output the summary and its JSON line go to standard error, and a
-// part block at the end is left undecoded with a word, not an error.
+// part block at the end is left undecoded with a word, not an error. As designed the stream is the
+// same.
 TEST_F(DecodeCommand, StreamOnStandardOutputAndAPartBlockAtTheEnd) {
   const std::string odd = TempPath("odd");
   WriteAll(odd, capture.data(), capture.size());
-  const Result r = RunProgram(odd + " --output - --json");
+  const Result r = RunProgram(odd + " --output - --json --as-designed");
   std::remove(odd.c_str());
   ASSERT_EQ(0, r.status) << r.err;
   ExpectSentStream(r.out);
@@ -157,6 +158,7 @@ TEST_F(DecodeCommand, StreamOnStandardOutputAndAPartBlockAtTheEnd) {
   std::map<std::string, std::string> f = LastLineJson(r.err);
   EXPECT_EQ("40", f["blocks"]) << r.err;
   EXPECT_EQ("120320", f["trailing_bytes"]);
+  EXPECT_EQ("designed", f["behaviour"]);
 }
 
 // Bad input gets its message and status and writes nothing to standard output; a signal the engine
