@@ -8,6 +8,7 @@
 #include "shell/device_state.h"
 #include "shell/receiver_state.h"
 #include "tracking/complex32.h"
+#include "tracking/equaliser_kernels.h"
 #include "tracking/slicers.h"
 #include "tracking/tracker_state.h"
 
@@ -97,19 +98,7 @@ void EqualiseCarriers() {
   float* __restrict eq = out;
   float* __restrict power = t.carrierPower;
   if (bits == 2) {
-    for (int32_t i = 0; i < k; ++i) {
-      const float p = gRe[i] * gRe[i] + gIm[i] * gIm[i];
-      const float ere = (rRe[i] * gRe[i] + rIm[i] * gIm[i]) / p;
-      const float eim = (rIm[i] * gRe[i] - rRe[i] * gIm[i]) / p;
-      eq[2 * i] = ere;
-      eq[2 * i + 1] = eim;
-      power[i] = p;
-      const float dre = ere <= 0.0f ? -0.707107f : 0.707107f;  // SliceQpsk by selection
-      const float dim = eim <= 0.0f ? -0.707107f : 0.707107f;
-      const float nre = rRe[i] - (dre * gRe[i] - dim * gIm[i]);
-      const float nim = rIm[i] - (dre * gIm[i] + dim * gRe[i]);
-      noise[i] = nre * nre + nim * nim;
-    }
+    EqualiseQpskWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k});
   } else {
     for (int32_t i = 0; i < k; ++i) {
       const Cx r{rRe[i], rIm[i]};
