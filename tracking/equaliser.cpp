@@ -48,8 +48,8 @@ void InterpolateChannel() {
   PlaceOnPlane(row + 2 * t.gridOffset, 0);
 
   // The whole row, neighbouring segments included, so the filter has data beyond the segment edges.
-  alignas(16) float x[2 * MAX_QUARTER];
-  alignas(16) float y[2 * MAX_QUARTER];
+  alignas(64) float x[2 * MAX_QUARTER];
+  alignas(64) float y[2 * MAX_QUARTER];
   std::memcpy(x, row, sizeof(float) * 2 * static_cast<size_t>(n));
   std::memset(x + 2 * n, 0, sizeof(float) * 2 * static_cast<size_t>(nq - n));
   TransformQuarter(x, 1);
