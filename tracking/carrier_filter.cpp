@@ -14,8 +14,11 @@ void FilterCarrierRowScalar(const CarrierFilterPass& pass) {
   for (int32_t m = 3; m <= pass.n - 5; ++m) {
     Cx in[7];
     for (int32_t k = 0; k < 7; ++k) in[k] = Load(pass.in, m - 3 + k);
-    Cx w{0.0f, 0.0f};
-    for (int32_t k = 0; k < 7; ++k) w = w + in[k] * taps[k];
+    Cx p[7];
+    for (int32_t k = 0; k < 7; ++k) p[k] = in[k] * taps[k];
+    // The seven products summed as a tree rather than one after the other: the taps change with
+    // every entry, so this sum lies on the chain from one entry to the next.
+    const Cx w = ((p[0] + p[2]) + (p[4] + p[6])) + ((p[1] + p[3]) + p[5]);
     Store(pass.out, m, w);
     if ((m & 3) == pass.pilotPhase) continue;  // carrier 3*m of the oldest symbol is a pilot
     // Sliced against the unfiltered estimate, the error taken against the filtered one.

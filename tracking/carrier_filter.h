@@ -2,7 +2,9 @@
 // The adaptive filter across carriers: seven complex taps over the row of channel estimates on every
 // third carrier, adapted after each entry whose carrier is a data carrier of the oldest symbol. The
 // taps change from entry to entry, so the pass is one chain; the SSE2 variant holds two complex
-// values per register and keeps every product and sum of the scalar reference in its order.
+// values per register and keeps every product and sum of the scalar reference in its order. The
+// seven products of an entry are summed as ((p0 + p2) + (p4 + p6)) + ((p1 + p3) + p5), the tree
+// that two values per register give.
 #include <cstdint>
 
 #include "numeric/vector_isa.h"
