@@ -20,6 +20,7 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
   const __m128 signEven = _mm_castsi128_ps(_mm_set_epi32(0, INT32_MIN, 0, INT32_MIN));
   const __m128 signOdd = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, 0, INT32_MIN, 0));
   const __m128 lowPair = _mm_castsi128_ps(_mm_set_epi32(0, 0, -1, -1));
+  const __m128 step = _mm_set1_ps(pass.step);
   const __m128 negativeZeroHigh = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, INT32_MIN, 0, 0));
   __m128 tp[4];
   for (int32_t v = 0; v < 3; ++v) tp[v] = _mm_loadu_ps(pass.taps + 4 * v);
@@ -43,12 +44,14 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
     _mm_storel_pi(reinterpret_cast<__m64*>(pass.out + 2 * m), w);
     if ((m & 3) == pass.pilotPhase) continue;  // carrier 3*m of the oldest symbol is a pilot
     // Sliced against the unfiltered estimate, the error taken against the filtered one.
-    const Cx wc{_mm_cvtss_f32(w), _mm_cvtss_f32(_mm_shuffle_ps(w, w, _MM_SHUFFLE(1, 1, 1, 1)))};
+    // The error stays in the register: step * (target - w) in lanes 0 and 1, as the scalar
+    // reference computes it per component.
     const Cx r = Load(pass.oldest, 3 * m);
-    const Cx err = pass.step * (DecisionTarget(r, Load(pass.in, m), pass.bitsPerCarrier) - wc);
+    const Cx target = DecisionTarget(r, Load(pass.in, m), pass.bitsPerCarrier);
+    const __m128 err = _mm_mul_ps(step, _mm_sub_ps(_mm_setr_ps(target.re, target.im, 0.0f, 0.0f), w));
     // taps + conj(in) * err: (ir er + ii ei, ir ei - ii er)
-    const __m128 er = _mm_setr_ps(err.re, err.im, err.re, err.im);
-    const __m128 ei = _mm_setr_ps(err.im, err.re, err.im, err.re);
+    const __m128 er = _mm_shuffle_ps(err, err, _MM_SHUFFLE(1, 0, 1, 0));
+    const __m128 ei = _mm_shuffle_ps(err, err, _MM_SHUFFLE(0, 1, 0, 1));
     for (int32_t v = 0; v < 4; ++v) {
       const __m128 ar = _mm_shuffle_ps(in[v], in[v], _MM_SHUFFLE(2, 2, 0, 0));
       const __m128 ai = _mm_shuffle_ps(in[v], in[v], _MM_SHUFFLE(3, 3, 1, 1));
