@@ -4,10 +4,6 @@
 // phase and leaves the known product of two neighbouring pilot signs wherever i is a pilot carrier.
 #include <cstring>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 #include "acquisition/acquisition.h"
 #include "acquisition/numerology.h"
 #include "numeric/dft.h"
@@ -16,64 +12,6 @@
 #include "shell/work_arena.h"
 
 namespace zfn {
-
-void RotateByNco(float* samples, int32_t count, double phase, double step) {
-  int32_t groups = (count + 3) / 4;
-  if (groups < 1) groups = 1;
-  // Two trigonometric evaluations; the rotators of n = 0..3 and of four steps follow by products.
-  const float r0Re = static_cast<float>(CosD(phase));
-  const float r0Im = static_cast<float>(SinD(phase));
-  const float sRe = static_cast<float>(CosD(step));
-  const float sIm = static_cast<float>(SinD(step));
-  float rotRe[4];
-  float rotIm[4];
-  rotRe[0] = r0Re;
-  rotIm[0] = r0Im;
-  for (int i = 1; i < 4; ++i) {
-    rotRe[i] = rotRe[i - 1] * sRe - rotIm[i - 1] * sIm;
-    rotIm[i] = rotRe[i - 1] * sIm + rotIm[i - 1] * sRe;
-  }
-  const float r4Re = rotRe[3] * sRe - rotIm[3] * sIm;
-  const float r4Im = rotRe[3] * sIm + rotIm[3] * sRe;
-  const float norm0 = r0Re * r0Re + r0Im * r0Im;
-  const float quadRe = (r4Re * r0Re + r4Im * r0Im) / norm0;
-  const float quadIm = (r4Im * r0Re - r4Re * r0Im) / norm0;
-
-  float* z = samples;
-#if defined(__SSE2__)
-  // The four rotators side by side in one register each for the real and imaginary parts; every
-  // lane does the scalar products and sums below in the same order.
-  __m128 rr = _mm_loadu_ps(rotRe);
-  __m128 ri = _mm_loadu_ps(rotIm);
-  const __m128 qr = _mm_set1_ps(quadRe);
-  const __m128 qi = _mm_set1_ps(quadIm);
-  for (int32_t g = 0; g < groups; ++g, z += 8) {
-    const __m128 a = _mm_loadu_ps(z);
-    const __m128 b = _mm_loadu_ps(z + 4);
-    const __m128 xr = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
-    const __m128 xi = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
-    const __m128 yr = _mm_sub_ps(_mm_mul_ps(xr, rr), _mm_mul_ps(xi, ri));
-    const __m128 yi = _mm_add_ps(_mm_mul_ps(xr, ri), _mm_mul_ps(xi, rr));
-    _mm_storeu_ps(z, _mm_unpacklo_ps(yr, yi));
-    _mm_storeu_ps(z + 4, _mm_unpackhi_ps(yr, yi));
-    const __m128 nr = _mm_sub_ps(_mm_mul_ps(rr, qr), _mm_mul_ps(ri, qi));
-    ri = _mm_add_ps(_mm_mul_ps(rr, qi), _mm_mul_ps(ri, qr));
-    rr = nr;
-  }
-#else
-  for (int32_t g = 0; g < groups; ++g, z += 8) {
-    for (int i = 0; i < 4; ++i) {
-      const float xRe = z[2 * i];
-      const float xIm = z[2 * i + 1];
-      z[2 * i] = xRe * rotRe[i] - xIm * rotIm[i];
-      z[2 * i + 1] = xRe * rotIm[i] + xIm * rotRe[i];
-      const float nRe = rotRe[i] * quadRe - rotIm[i] * quadIm;
-      rotIm[i] = rotRe[i] * quadIm + rotIm[i] * quadRe;
-      rotRe[i] = nRe;
-    }
-  }
-#endif
-}
 
 void AdvanceNcoPhaseBySymbol() {
   const float advanced = engine.ncoPhase + static_cast<float>(engine.nsymbol) * engine.ncoStep;

@@ -142,38 +142,6 @@ void ViterbiDecodeScalar(ViterbiTrellis& trellis, const uint16_t* pairs, int32_t
   CarryDecisions(trellis, count);
 }
 
-bool ViterbiKernelAvailable(ViterbiKernel kernel) {
-  switch (kernel) {
-    case ViterbiKernel::SCALAR:
-      return true;
-#if defined(__x86_64__) || defined(__i386__)
-    case ViterbiKernel::SSE2:
-      return __builtin_cpu_supports("sse2");
-    case ViterbiKernel::AVX2:
-      return __builtin_cpu_supports("avx2");
-#endif
-    default:
-      return false;
-  }
-}
-
-ViterbiKernel BestViterbiKernel() {
-  if (ViterbiKernelAvailable(ViterbiKernel::AVX2)) return ViterbiKernel::AVX2;
-  if (ViterbiKernelAvailable(ViterbiKernel::SSE2)) return ViterbiKernel::SSE2;
-  return ViterbiKernel::SCALAR;
-}
-
-const char* ViterbiKernelName(ViterbiKernel kernel) {
-  switch (kernel) {
-    case ViterbiKernel::SSE2:
-      return "sse2";
-    case ViterbiKernel::AVX2:
-      return "avx2";
-    default:
-      return "scalar";
-  }
-}
-
 void ViterbiRun(ViterbiTrellis& trellis, ViterbiKernel kernel, const uint16_t* pairs, int32_t count, uint8_t* output) {
   if (!ViterbiKernelAvailable(kernel)) kernel = BestViterbiKernel();
   switch (kernel) {
@@ -192,7 +160,7 @@ void ViterbiRun(ViterbiTrellis& trellis, ViterbiKernel kernel, const uint16_t* p
 }
 
 void ViterbiDecode(const uint16_t* pairs, int32_t count, uint8_t* output) {
-  ViterbiRun(decoder, BestViterbiKernel(), pairs, count, output);
+  ViterbiRun(decoder, ActiveVectorIsa(), pairs, count, output);
 }
 
 }  // namespace zfn

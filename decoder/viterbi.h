@@ -13,12 +13,13 @@
 #include <cstdint>
 
 #include "decoder/decoder_state.h"
+#include "numeric/vector_isa.h"
 
 namespace zfn {
 
-enum class ViterbiKernel : int32_t { SCALAR = 0, SSE2 = 1, AVX2 = 2 };
+using ViterbiKernel = VectorIsa;
 
-// The decoder stage of SymbolSink: runs on `decoder` with the best kernel of this processor.
+// The decoder stage of SymbolSink: runs on `decoder` with the kernel of ActiveVectorIsa().
 void ViterbiDecode(const uint16_t* pairs, int32_t count, uint8_t* output);
 
 // One call on a given trellis with a given kernel. count must lie in 0..VITERBI_MAX_STEPS; any other
@@ -26,9 +27,9 @@ void ViterbiDecode(const uint16_t* pairs, int32_t count, uint8_t* output);
 void ViterbiRun(ViterbiTrellis& trellis, ViterbiKernel kernel, const uint16_t* pairs, int32_t count, uint8_t* output);
 
 // The best kernel that this processor runs.
-ViterbiKernel BestViterbiKernel();
-bool ViterbiKernelAvailable(ViterbiKernel kernel);
-const char* ViterbiKernelName(ViterbiKernel kernel);
+inline ViterbiKernel BestViterbiKernel() { return BestVectorIsa(); }
+inline bool ViterbiKernelAvailable(ViterbiKernel kernel) { return VectorIsaAvailable(kernel); }
+inline const char* ViterbiKernelName(ViterbiKernel kernel) { return VectorIsaName(kernel); }
 
 // The kernels themselves. The scalar one is the plain reference; every other kernel gives the same
 // output and leaves the same trellis, bit for bit, on every input.

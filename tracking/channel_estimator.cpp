@@ -3,12 +3,9 @@
 #include <cmath>
 #include <cstring>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 #include "numeric/math_primitives.h"
 #include "shell/receiver_state.h"
+#include "tracking/carrier_filter.h"
 #include "tracking/complex32.h"
 #include "tracking/slicers.h"
 #include "tracking/tracker_state.h"
@@ -221,71 +218,16 @@ void FilterAcrossCarriers() {
   std::memcpy(fresh, t.filteredRow, sizeof(float) * 2 * static_cast<size_t>(n));
   if (engine.symbolCount <= 15) return;
 
-  const float* oldest = t.carrierRing + t.carrierRingNext * t.carrierRingStride;
-  const int32_t pilotPhase = (s + 1) & 3;
-#if defined(__SSE2__)
-  // Two complex values per register. Each product and sum below is the same single rounding as the
-  // complex operators give, in the same order: the output sums the seven products from tap 0 on,
-  // and a - b is computed as a + (-b), which is exact in IEEE arithmetic. Tap 7 is padding; its
-  // product is never summed and it is never stored.
-  const __m128 signEven = _mm_castsi128_ps(_mm_set_epi32(0, INT32_MIN, 0, INT32_MIN));
-  const __m128 signOdd = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, 0, INT32_MIN, 0));
-  __m128 tp[4];
-  for (int32_t v = 0; v < 3; ++v) tp[v] = _mm_loadu_ps(t.freqTaps + 4 * v);
-  tp[3] = _mm_setr_ps(t.freqTaps[12], t.freqTaps[13], 0.0f, 0.0f);
-  for (int32_t m = 3; m <= n - 5; ++m) {
-    // Entries m-3 .. m+4; m+4 <= n-1 stays inside the row.
-    const float* row = t.filteredRow + 2 * (m - 3);
-    __m128 in[4];
-    for (int32_t v = 0; v < 4; ++v) in[v] = _mm_loadu_ps(row + 4 * v);
-    __m128 w = _mm_setzero_ps();
-    for (int32_t v = 0; v < 4; ++v) {
-      const __m128 ar = _mm_shuffle_ps(in[v], in[v], _MM_SHUFFLE(2, 2, 0, 0));
-      const __m128 ai = _mm_shuffle_ps(in[v], in[v], _MM_SHUFFLE(3, 3, 1, 1));
-      const __m128 bs = _mm_shuffle_ps(tp[v], tp[v], _MM_SHUFFLE(2, 3, 0, 1));
-      // (ar br - ai bi, ar bi + ai br) for both values
-      const __m128 prod = _mm_add_ps(_mm_mul_ps(ar, tp[v]), _mm_xor_ps(_mm_mul_ps(ai, bs), signEven));
-      w = _mm_add_ps(w, prod);
-      if (v < 3) w = _mm_add_ps(w, _mm_movehl_ps(prod, prod));
-    }
-    _mm_storel_pi(reinterpret_cast<__m64*>(fresh + 2 * m), w);
-    if ((m & 3) == pilotPhase) continue;  // carrier 3*m of the oldest symbol is a pilot
-    // Sliced against the unfiltered estimate, the error taken against the filtered one.
-    const Cx wc{_mm_cvtss_f32(w), _mm_cvtss_f32(_mm_shuffle_ps(w, w, _MM_SHUFFLE(1, 1, 1, 1)))};
-    const Cx r = Load(oldest, 3 * m);
-    const Cx err = t.ceStepB * (DecisionTarget(r, Load(t.filteredRow, m), bits) - wc);
-    // taps + conj(in) * err: (ir er + ii ei, ir ei - ii er)
-    const __m128 er = _mm_setr_ps(err.re, err.im, err.re, err.im);
-    const __m128 ei = _mm_setr_ps(err.im, err.re, err.im, err.re);
-    for (int32_t v = 0; v < 4; ++v) {
-      const __m128 ar = _mm_shuffle_ps(in[v], in[v], _MM_SHUFFLE(2, 2, 0, 0));
-      const __m128 ai = _mm_shuffle_ps(in[v], in[v], _MM_SHUFFLE(3, 3, 1, 1));
-      const __m128 c = _mm_add_ps(_mm_mul_ps(ar, er), _mm_xor_ps(_mm_mul_ps(ai, ei), signOdd));
-      tp[v] = _mm_add_ps(tp[v], c);
-    }
-  }
-  for (int32_t v = 0; v < 3; ++v) _mm_storeu_ps(t.freqTaps + 4 * v, tp[v]);
-  t.freqTaps[12] = _mm_cvtss_f32(tp[3]);
-  t.freqTaps[13] = _mm_cvtss_f32(_mm_shuffle_ps(tp[3], tp[3], _MM_SHUFFLE(1, 1, 1, 1)));
-#else
-  // The taps live in locals for the pass: they change from entry to entry, and the rows they
-  // multiply may not alias them.
-  Cx taps[7];
-  for (int32_t k = 0; k < 7; ++k) taps[k] = Load(t.freqTaps, k);
-  for (int32_t m = 3; m <= n - 5; ++m) {
-    Cx in[7];
-    for (int32_t k = 0; k < 7; ++k) in[k] = Load(t.filteredRow, m - 3 + k);
-    Cx w{0.0f, 0.0f};
-    for (int32_t k = 0; k < 7; ++k) w = w + in[k] * taps[k];
-    Store(fresh, m, w);
-    if ((m & 3) == pilotPhase) continue;  // carrier 3*m of the oldest symbol is a pilot
-    // Sliced against the unfiltered estimate, the error taken against the filtered one.
-    const Cx r = Load(oldest, 3 * m);
-    const Cx err = t.ceStepB * (DecisionTarget(r, in[3], bits) - w);
-    for (int32_t k = 0; k < 7; ++k) taps[k] = taps[k] + Conj(in[k]) * err;
-  }
-  for (int32_t k = 0; k < 7; ++k) Store(t.freqTaps, k, taps[k]);
-#endif
+  CarrierFilterPass pass{};
+  pass.in = t.filteredRow;
+  pass.out = fresh;
+  pass.taps = t.freqTaps;
+  pass.oldest = t.carrierRing + t.carrierRingNext * t.carrierRingStride;
+  pass.n = n;
+  pass.pilotPhase = (s + 1) & 3;
+  pass.bitsPerCarrier = bits;
+  pass.step = t.ceStepB;
+  FilterCarrierRowWith(ActiveVectorIsa(), pass);
 }
 
 }  // namespace zfn

@@ -8,6 +8,7 @@
 #include "shell/device_state.h"
 #include "shell/receiver_state.h"
 #include "tracking/complex32.h"
+#include "tracking/equaliser_kernels.h"
 #include "tracking/slicers.h"
 #include "tracking/tracker_state.h"
 
@@ -47,8 +48,8 @@ void InterpolateChannel() {
   PlaceOnPlane(row + 2 * t.gridOffset, 0);
 
   // The whole row, neighbouring segments included, so the filter has data beyond the segment edges.
-  alignas(16) float x[2 * MAX_QUARTER];
-  alignas(16) float y[2 * MAX_QUARTER];
+  alignas(64) float x[2 * MAX_QUARTER];
+  alignas(64) float y[2 * MAX_QUARTER];
   std::memcpy(x, row, sizeof(float) * 2 * static_cast<size_t>(n));
   std::memset(x + 2 * n, 0, sizeof(float) * 2 * static_cast<size_t>(nq - n));
   TransformQuarter(x, 1);
@@ -75,41 +76,27 @@ void EqualiseCarriers() {
   const int32_t* fixed = t.fixedCarriers;
   // The data carriers side by side with their channel, so the arithmetic below runs over plain
   // arrays without the pilot and fixed-carrier skips and the compiler can vectorise it.
-  alignas(16) float rRe[MAX_DATA], rIm[MAX_DATA], gRe[MAX_DATA], gIm[MAX_DATA], noise[MAX_DATA];
+  // Every carrier is written at k and only a data carrier moves k on, so the loop has no branch
+  // to mispredict; the arrays hold one spare entry for a skipped carrier after the last data carrier.
+  alignas(32) float rRe[MAX_DATA + 1], rIm[MAX_DATA + 1], gRe[MAX_DATA + 1], gIm[MAX_DATA + 1], noise[MAX_DATA];
   int32_t k = 0;
-  for (int32_t c = 0; c < nc; ++c) {
-    if (c == pilot) {
-      pilot += 12;
-      continue;
-    }
-    if (c == *fixed) {
-      ++fixed;
-      continue;
-    }
+  for (int32_t c = 0; c < nc && k < MAX_DATA + 1; ++c) {
     rRe[k] = slot[2 * c];
     rIm[k] = slot[2 * c + 1];
     gRe[k] = hre[c];
     gIm[k] = him[c];
-    ++k;
+    const int32_t isPilot = c == pilot ? 1 : 0;
+    const int32_t isFixed = isPilot == 0 && c == *fixed ? 1 : 0;
+    pilot += 12 * isPilot;
+    fixed += isFixed;
+    k += 1 - isPilot - isFixed;
   }
 
   // Per carrier: r * conj(h) / |h|^2, the channel power, and the decision error power |r - d h|^2.
   float* __restrict eq = out;
   float* __restrict power = t.carrierPower;
   if (bits == 2) {
-    for (int32_t i = 0; i < k; ++i) {
-      const float p = gRe[i] * gRe[i] + gIm[i] * gIm[i];
-      const float ere = (rRe[i] * gRe[i] + rIm[i] * gIm[i]) / p;
-      const float eim = (rIm[i] * gRe[i] - rRe[i] * gIm[i]) / p;
-      eq[2 * i] = ere;
-      eq[2 * i + 1] = eim;
-      power[i] = p;
-      const float dre = ere <= 0.0f ? -0.707107f : 0.707107f;  // SliceQpsk by selection
-      const float dim = eim <= 0.0f ? -0.707107f : 0.707107f;
-      const float nre = rRe[i] - (dre * gRe[i] - dim * gIm[i]);
-      const float nim = rIm[i] - (dre * gIm[i] + dim * gRe[i]);
-      noise[i] = nre * nre + nim * nim;
-    }
+    EqualiseQpskWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k});
   } else {
     for (int32_t i = 0; i < k; ++i) {
       const Cx r{rRe[i], rIm[i]};

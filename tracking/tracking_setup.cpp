@@ -100,8 +100,8 @@ void SetUpTracking() {
   t.pilotRow = ArenaTake<float>(rowFloats);
   t.timeTaps = ArenaTake<float>(18);
   t.freqTaps = ArenaTake<float>(14);
-  t.spectrumA = ArenaTake<float>(2 * engine.nsymbol);
-  t.spectrumB = ArenaTake<float>(2 * engine.nsymbol);
+  t.spectrumA = ArenaTakeAligned<float>(2 * engine.nsymbol);
+  t.spectrumB = ArenaTakeAligned<float>(2 * engine.nsymbol);
   // The rows are overwritten within the first eight symbols; they start from zeros rather than
   // from whatever the arena held, so no stale non-finite value can enter the time filter.
   std::memset(t.pastRow1, 0, sizeof(float) * 4 * static_cast<size_t>(rowFloats));

@@ -1,6 +1,6 @@
 // Wrappers around the stage functions, for the stage-share benchmark. The benchmark is linked with
-// --wrap=<symbol> for each of them: the engine's calls then land here, and __real_<symbol> is the
-// stage itself. The engine's objects are the ordinary ones; the normal build is untouched.
+// --wrap for each of them: the engine's calls then land here, and the real function is the stage
+// itself. The engine's objects are the ordinary ones; the normal build is untouched.
 #include "bench/engine/stage_timing.h"
 
 #include <chrono>
@@ -10,6 +10,7 @@
 #include <x86intrin.h>
 #endif
 
+#include "bench/engine/stage_symbols.h"
 #include "numeric/dft.h"
 
 namespace zfn::bench {
@@ -44,60 +45,50 @@ uint64_t StageTicks() {
 
 using zfn::bench::Timed;
 
-// The mangled names of the wrapped functions (namespace zfn); CMakeLists.txt lists the same.
-#define ZFN_WRAP_VOID(sym, clock)              \
-  extern "C" void __real_##sym();              \
-  extern "C" void __wrap_##sym() {             \
-    Timed t(zfn::bench::clock);                \
-    __real_##sym();                            \
+// Each stage by its function: TimedX replaces the engine's calls of zfn::X (the linker's --wrap) and
+// RealX is zfn::X itself. Their linker names come from stage_symbols.h, which the build generates
+// from the engine library and the list of stages in CMakeLists.txt.
+#define ZFN_TIMED_STAGE(result, name, params, args, clock)                       \
+  result Real##name params asm("__real_" ZFN_STAGE_SYMBOL_##name);              \
+  result Timed##name params asm("__wrap_" ZFN_STAGE_SYMBOL_##name);             \
+  result Timed##name params {                                                    \
+    Timed t(clock);                                                              \
+    return Real##name args;                                                      \
   }
 
-extern "C" {
-ZFN_WRAP_VOID(_ZN3zfn14EstimatePilotsEv, STAGE_ESTIMATION)
-ZFN_WRAP_VOID(_ZN3zfn20FilterAcrossCarriersEv, STAGE_ESTIMATION)
-ZFN_WRAP_VOID(_ZN3zfn18InterpolateChannelEv, STAGE_ESTIMATION)
-ZFN_WRAP_VOID(_ZN3zfn16EqualiseCarriersEv, STAGE_ESTIMATION)
-ZFN_WRAP_VOID(_ZN3zfn11TrackTimingEv, STAGE_TIMING)
-ZFN_WRAP_VOID(_ZN3zfn12RunByteStageEv, STAGE_BYTE_STAGE)
-ZFN_WRAP_VOID(_ZN3zfn10SymbolSinkEv, STAGE_SYMBOL_SINK)
+namespace zfn::bench {
 
-void __real__ZN3zfn13ProcessSymbolEv();
-void __wrap__ZN3zfn13ProcessSymbolEv() {
-  zfn::bench::inProcessSymbol = true;
+ZFN_TIMED_STAGE(void, EstimatePilots, (), (), STAGE_ESTIMATION)
+ZFN_TIMED_STAGE(void, FilterAcrossCarriers, (), (), STAGE_ESTIMATION)
+ZFN_TIMED_STAGE(void, InterpolateChannel, (), (), STAGE_ESTIMATION)
+ZFN_TIMED_STAGE(void, EqualiseCarriers, (), (), STAGE_ESTIMATION)
+ZFN_TIMED_STAGE(void, TrackTiming, (), (), STAGE_TIMING)
+ZFN_TIMED_STAGE(void, RunByteStage, (), (), STAGE_BYTE_STAGE)
+ZFN_TIMED_STAGE(void, SymbolSink, (), (), STAGE_SYMBOL_SINK)
+ZFN_TIMED_STAGE(void, RotateByNco, (float* samples, int32_t count, double phase, double step),
+                (samples, count, phase, step), STAGE_ROTATION)
+ZFN_TIMED_STAGE(void, ViterbiDecode, (const uint16_t* pairs, int32_t count, uint8_t* output), (pairs, count, output),
+                STAGE_VITERBI)
+ZFN_TIMED_STAGE(int32_t, DecodeRs, (uint8_t * packet), (packet), STAGE_REED_SOLOMON)
+ZFN_TIMED_STAGE(int32_t, CheckRsParity, (const uint8_t* packet), (packet), STAGE_REED_SOLOMON)
+
+// The whole symbol, and the transform timed as part of it or of acquisition.
+void RealProcessSymbol() asm("__real_" ZFN_STAGE_SYMBOL_ProcessSymbol);
+void TimedProcessSymbol() asm("__wrap_" ZFN_STAGE_SYMBOL_ProcessSymbol);
+void TimedProcessSymbol() {
+  inProcessSymbol = true;
   {
-    Timed t(zfn::bench::STAGE_PROCESS_SYMBOL);
-    __real__ZN3zfn13ProcessSymbolEv();
+    Timed t(STAGE_PROCESS_SYMBOL);
+    RealProcessSymbol();
   }
-  zfn::bench::inProcessSymbol = false;
+  inProcessSymbol = false;
 }
 
-zfn::DftStatus __real__ZN3zfn18DftiComputeForwardEPNS_13DftDescriptorEPf(zfn::DftPlan plan, float* data);
-zfn::DftStatus __wrap__ZN3zfn18DftiComputeForwardEPNS_13DftDescriptorEPf(zfn::DftPlan plan, float* data) {
-  Timed t(zfn::bench::inProcessSymbol ? zfn::bench::STAGE_TRANSFORM_TRACKING : zfn::bench::STAGE_TRANSFORM_OTHER);
-  return __real__ZN3zfn18DftiComputeForwardEPNS_13DftDescriptorEPf(plan, data);
+DftStatus RealDftiComputeForward(DftPlan plan, float* data) asm("__real_" ZFN_STAGE_SYMBOL_DftiComputeForward);
+DftStatus TimedDftiComputeForward(DftPlan plan, float* data) asm("__wrap_" ZFN_STAGE_SYMBOL_DftiComputeForward);
+DftStatus TimedDftiComputeForward(DftPlan plan, float* data) {
+  Timed t(inProcessSymbol ? STAGE_TRANSFORM_TRACKING : STAGE_TRANSFORM_OTHER);
+  return RealDftiComputeForward(plan, data);
 }
 
-void __real__ZN3zfn11RotateByNcoEPfidd(float* samples, int32_t count, double phase, double step);
-void __wrap__ZN3zfn11RotateByNcoEPfidd(float* samples, int32_t count, double phase, double step) {
-  Timed t(zfn::bench::STAGE_ROTATION);
-  __real__ZN3zfn11RotateByNcoEPfidd(samples, count, phase, step);
-}
-
-void __real__ZN3zfn13ViterbiDecodeEPKtiPh(const uint16_t* pairs, int32_t count, uint8_t* output);
-void __wrap__ZN3zfn13ViterbiDecodeEPKtiPh(const uint16_t* pairs, int32_t count, uint8_t* output) {
-  Timed t(zfn::bench::STAGE_VITERBI);
-  __real__ZN3zfn13ViterbiDecodeEPKtiPh(pairs, count, output);
-}
-
-int32_t __real__ZN3zfn8DecodeRsEPh(uint8_t* packet);
-int32_t __wrap__ZN3zfn8DecodeRsEPh(uint8_t* packet) {
-  Timed t(zfn::bench::STAGE_REED_SOLOMON);
-  return __real__ZN3zfn8DecodeRsEPh(packet);
-}
-
-int32_t __real__ZN3zfn13CheckRsParityEPKh(const uint8_t* packet);
-int32_t __wrap__ZN3zfn13CheckRsParityEPKh(const uint8_t* packet) {
-  Timed t(zfn::bench::STAGE_REED_SOLOMON);
-  return __real__ZN3zfn13CheckRsParityEPKh(packet);
-}
-}
+}  // namespace zfn::bench

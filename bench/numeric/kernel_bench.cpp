@@ -1,0 +1,124 @@
+// The hand-vectorised kernels of the symbol path, every variant this processor runs, on the sizes
+// of the common broadcast (Mode 3): the rotation of one symbol's span, the filter across carriers
+// over one row, the QPSK equaliser over one symbol's data carriers. Prints each variant's speed-up
+// over the scalar reference at the end of the run. The Viterbi kernels are in decoder_bench.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "bench/bench_machine.h"
+#include "numeric/nco_rotation.h"
+#include "numeric/vector_isa.h"
+#include "tracking/carrier_filter.h"
+#include "tracking/equaliser_kernels.h"
+
+namespace zfn {
+namespace {
+
+constexpr int32_t ROTATED_SAMPLES = 1152;
+constexpr int32_t FILTER_ENTRIES = 145;
+constexpr int32_t DATA_CARRIERS = 384;
+
+std::vector<float> Values(size_t count, uint64_t seed) {
+  std::vector<float> v(count);
+  for (auto& x : v) {
+    seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+    x = static_cast<float>(static_cast<int64_t>(seed >> 40) % 2000 - 1000) / 700.0f;
+  }
+  return v;
+}
+
+bool Skip(benchmark::State& state, VectorIsa isa) {
+  if (VectorIsaAvailable(isa)) {
+    state.SetLabel(VectorIsaName(isa));
+    return false;
+  }
+  state.SkipWithError("not available on this processor");
+  return true;
+}
+
+void BM_Rotation(benchmark::State& state, VectorIsa isa) {
+  if (Skip(state, isa)) return;
+  std::vector<float> x = Values(2 * ROTATED_SAMPLES, 1);
+  for (auto _ : state) {
+    RotateByNcoWith(isa, x.data(), ROTATED_SAMPLES, 0.3, 1e-4);  // |rotator| 1: the values stay bounded
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * ROTATED_SAMPLES);
+}
+
+void BM_CarrierFilter(benchmark::State& state, VectorIsa isa) {
+  if (Skip(state, isa)) return;
+  const std::vector<float> row = Values(2 * FILTER_ENTRIES, 2), oldest = Values(6 * FILTER_ENTRIES, 3);
+  std::vector<float> out(2 * FILTER_ENTRIES), taps(14, 0.0f);
+  for (auto _ : state) {
+    std::fill(taps.begin(), taps.end(), 0.0f);
+    taps[6] = 1.0f;
+    FilterCarrierRowWith(isa, {row.data(), out.data(), taps.data(), oldest.data(), FILTER_ENTRIES, 1, 2, 0.01f});
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * FILTER_ENTRIES);
+}
+
+void BM_Equaliser(benchmark::State& state, VectorIsa isa) {
+  if (Skip(state, isa)) return;
+  const std::vector<float> r = Values(2 * DATA_CARRIERS, 4), g = Values(2 * DATA_CARRIERS, 5);
+  std::vector<float> eq(2 * DATA_CARRIERS), power(DATA_CARRIERS), noise(DATA_CARRIERS);
+  for (auto _ : state) {
+    EqualiseQpskWith(isa, {r.data(), r.data() + DATA_CARRIERS, g.data(), g.data() + DATA_CARRIERS, eq.data(),
+                           power.data(), noise.data(), DATA_CARRIERS});
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);
+}
+
+BENCHMARK_CAPTURE(BM_Rotation, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_Rotation, sse2, VectorIsa::SSE2);
+BENCHMARK_CAPTURE(BM_CarrierFilter, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_CarrierFilter, sse2, VectorIsa::SSE2);
+BENCHMARK_CAPTURE(BM_Equaliser, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_Equaliser, sse2, VectorIsa::SSE2);
+BENCHMARK_CAPTURE(BM_Equaliser, avx2, VectorIsa::AVX2);
+
+// Collects the rates and prints every variant's speed-up over the scalar reference of its kernel.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
+      auto it = run.counters.find("items_per_second");
+      if (it != run.counters.end()) rates_[run.benchmark_name()] = it->second.value;
+    }
+  }
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    for (const auto& [name, rate] : rates_) {
+      const size_t slash = name.find('/');
+      const std::string kernel = name.substr(0, slash);
+      const auto scalar = rates_.find(kernel + "/scalar");
+      if (scalar == rates_.end() || name == scalar->first) continue;
+      std::printf("%s: %.2fx scalar\n", name.c_str(), rate / scalar->second);
+    }
+  }
+
+ private:
+  std::map<std::string, double> rates_;
+};
+
+}  // namespace
+}  // namespace zfn
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::AddCustomContext("machine", zfn::bench::MachineLine());
+  zfn::RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,251 @@
+// Every hand-vectorised kernel against its scalar reference, bit for bit: one table of kernels, each
+// run with every variant the processor has over random lengths, buffer alignments and noisy input.
+// Besides, the rotation's reference against a direct rotation.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "acquisition/acquisition.h"
+#include "decoder/viterbi.h"
+#include "numeric/nco_rotation.h"
+#include "numeric/vector_isa.h"
+#include "simulator/tx_stages.h"
+#include "tests/decoder/decoder_test_support.h"
+#include "tracking/carrier_filter.h"
+#include "tracking/equaliser_kernels.h"
+
+namespace zfn {
+namespace {
+
+using test::Random;
+
+float Uniform(Random& random) { return static_cast<float>(random.Next() >> 40) / static_cast<float>(1 << 24); }
+float Gauss(Random& random) {  // sum of four uniforms: enough for noise
+  return 1.7f * (Uniform(random) + Uniform(random) + Uniform(random) + Uniform(random) - 2.0f);
+}
+std::vector<float> Noise(Random& random, size_t count, float scale = 1.0f) {
+  std::vector<float> v(count);
+  for (float& x : v) x = scale * Gauss(random);
+  return v;
+}
+bool SameBits(const std::vector<float>& a, const std::vector<float>& b) {
+  return a.size() == b.size() && std::memcmp(a.data(), b.data(), sizeof(float) * a.size()) == 0;
+}
+
+// One random case of a kernel: runs the reference and variant `isa` on the same input; the
+// description of the first difference, or an empty string.
+using Compare = std::string (*)(VectorIsa isa, Random& random, int trial);
+
+std::string CompareRotation(VectorIsa isa, Random& random, int trial) {
+  const int32_t count = trial % 5 == 0 ? static_cast<int32_t>(random.Below(9)) : static_cast<int32_t>(random.Below(1300));
+  const size_t offset = random.Below(8);  // floats: every alignment of the complex samples
+  const double phase = 6.3 * Uniform(random);
+  const double step = (trial % 3 == 0 ? 3.1 : 0.02) * (2.0 * Uniform(random) - 1.0);
+  const size_t floats = offset + 2 * static_cast<size_t>(std::max(4, (count + 3) / 4 * 4)) + 8;
+  const std::vector<float> input = Noise(random, floats);
+  std::vector<float> reference = input, vector = input;
+  RotateByNcoWith(VectorIsa::SCALAR, reference.data() + offset, count, phase, step);
+  RotateByNcoWith(isa, vector.data() + offset, count, phase, step);
+  return SameBits(reference, vector) ? "" : "count " + std::to_string(count);
+}
+
+std::string CompareCarrierFilter(VectorIsa isa, Random& random, int trial) {
+  const int32_t n = 8 + static_cast<int32_t>(random.Below(trial % 4 == 0 ? 12 : 200));
+  const int32_t bits = std::array<int32_t, 3>{2, 4, 6}[random.Below(3)];
+  const size_t offset = 2 * random.Below(4);
+  // A slowly turning channel with noise on the row, data carriers of the oldest symbol around it.
+  std::vector<float> row(offset + 2 * static_cast<size_t>(n)), oldest(offset + 6 * static_cast<size_t>(n));
+  const float turn = 0.2f * Gauss(random);
+  const float noise = trial % 2 == 0 ? 0.05f : 0.4f;
+  for (int32_t m = 0; m < n; ++m) {
+    const std::complex<float> h = std::polar(1.0f + 0.3f * std::sin(0.1f * static_cast<float>(m)), turn * static_cast<float>(m));
+    row[offset + 2 * m] = h.real() + noise * Gauss(random);
+    row[offset + 2 * m + 1] = h.imag() + noise * Gauss(random);
+    const std::complex<float> d(random.Below(2) ? 0.7f : -0.7f, random.Below(2) ? 0.7f : -0.7f);
+    const std::complex<float> r = h * d;
+    oldest[offset + 6 * m] = r.real() + noise * Gauss(random);
+    oldest[offset + 6 * m + 1] = r.imag() + noise * Gauss(random);
+  }
+  std::vector<float> taps = Noise(random, 14, 0.05f);
+  taps[6] += 1.0f;
+  std::vector<float> outReference(offset + 2 * static_cast<size_t>(n), -1.0f), outVector = outReference;
+  std::vector<float> tapsReference = taps, tapsVector = taps;
+  CarrierFilterPass pass{row.data() + offset, outReference.data() + offset, tapsReference.data(), oldest.data() + offset,
+                         n, static_cast<int32_t>(random.Below(4)), bits, 0.01f + 0.1f * Uniform(random)};
+  FilterCarrierRowWith(VectorIsa::SCALAR, pass);
+  pass.out = outVector.data() + offset;
+  pass.taps = tapsVector.data();
+  FilterCarrierRowWith(isa, pass);
+  if (!SameBits(outReference, outVector)) return "output, n " + std::to_string(n) + " bits " + std::to_string(bits);
+  return SameBits(tapsReference, tapsVector) ? "" : "taps, n " + std::to_string(n);
+}
+
+std::string CompareEqualiser(VectorIsa isa, Random& random, int trial) {
+  const int32_t count = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 20 : 400));
+  const size_t offset = random.Below(8);
+  const size_t size = offset + static_cast<size_t>(count);
+  std::vector<float> rRe = Noise(random, size), rIm = Noise(random, size), gRe = Noise(random, size), gIm = Noise(random, size);
+  // Edge values: a dead channel (0/0), signed zeros on the decision boundary, a huge channel.
+  if (count > 0 && trial % 3 == 0) {
+    const size_t at = offset + random.Below(static_cast<uint32_t>(count));
+    gRe[at] = gIm[at] = 0.0f;
+    const size_t zero = offset + random.Below(static_cast<uint32_t>(count));
+    rRe[zero] = -0.0f;
+    rIm[zero] = 0.0f;
+    gRe[offset + random.Below(static_cast<uint32_t>(count))] = 3e19f;
+  }
+  std::vector<float> eqReference(2 * size + 8, 5.0f), powerReference(size + 8, 5.0f), noiseReference(size + 8, 5.0f);
+  std::vector<float> eqVector = eqReference, powerVector = powerReference, noiseVector = noiseReference;
+  EqualiseQpskWith(VectorIsa::SCALAR, {rRe.data() + offset, rIm.data() + offset, gRe.data() + offset, gIm.data() + offset,
+                                       eqReference.data() + 2 * offset, powerReference.data() + offset,
+                                       noiseReference.data() + offset, count});
+  EqualiseQpskWith(isa, {rRe.data() + offset, rIm.data() + offset, gRe.data() + offset, gIm.data() + offset,
+                         eqVector.data() + 2 * offset, powerVector.data() + offset, noiseVector.data() + offset, count});
+  const bool same = SameBits(eqReference, eqVector) && SameBits(powerReference, powerVector) && SameBits(noiseReference, noiseVector);
+  return same ? "" : "count " + std::to_string(count);
+}
+
+// Soft pairs of several kinds: plain random values 0..31, the neutral 16 almost everywhere (ties),
+// random hard extremes, noisy values around random bits, a true code sequence with a few wrong soft
+// bits, and bytes outside 0..31, whose branch costs wrap and drive the metrics into saturation at once
+// (a clean code sequence alone takes the far states up to about 248 only).
+std::vector<uint16_t> ViterbiPairs(Random& random, int32_t count, uint32_t kind) {
+  std::vector<uint16_t> pairs(static_cast<size_t>(count));
+  if (kind == 4) {
+    std::vector<uint8_t> bytes(static_cast<size_t>((count + 7) / 8));
+    for (auto& b : bytes) b = static_cast<uint8_t>(random.Next());
+    sim::ConvolutionalEncoder encoder(0);
+    std::vector<uint8_t> coded(bytes.size() * 16);
+    encoder.EncodeBytes(bytes, coded.data());
+    for (size_t i = 0; i < pairs.size(); ++i) {
+      pairs[i] = static_cast<uint16_t>((coded[2 * i] * 31) << 8 | coded[2 * i + 1] * 31);
+      if (random.Below(50) == 0) pairs[i] = static_cast<uint16_t>(random.Below(32) << 8 | (pairs[i] & 0xFF));
+    }
+    return pairs;
+  }
+  for (auto& pair : pairs) {
+    auto soft = [&]() -> uint32_t {
+      switch (kind) {
+        case 0: return random.Below(32);
+        case 1: return random.Below(8) == 0 ? random.Below(32) : 16;
+        case 2: return random.Below(2) * 31;
+        case 3: return static_cast<uint32_t>(std::clamp(static_cast<int32_t>(random.Below(2) * 31 + random.Below(13)) - 6, 0, 31));
+        default: return random.Below(256);
+      }
+    };
+    const uint32_t h = soft();
+    pair = static_cast<uint16_t>(h << 8 | soft());
+  }
+  return pairs;
+}
+
+// A run of calls on one trellis per side, so that metrics and decisions carry across calls; the
+// whole trellis is compared after every call. Metrics saturate on the wrapping kind now and then.
+bool viterbiSaturated = false;
+
+std::string CompareViterbi(VectorIsa isa, Random& random, int trial) {
+  auto reference = std::make_unique<ViterbiTrellis>();
+  auto vector = std::make_unique<ViterbiTrellis>();
+  std::vector<uint16_t> pairStore(VITERBI_MAX_STEPS + 16);
+  std::vector<uint8_t> outReference(VITERBI_MAX_STEPS / 8 + 64), outVector(outReference.size());
+  for (int call = 0; call < 12; ++call) {
+    // Lengths over the whole range, small and odd ones, and every alignment of input and output.
+    int32_t count = static_cast<int32_t>(random.Below(call % 4 == 1 ? 130 : VITERBI_MAX_STEPS + 1));
+    if (call == 7 && trial % 4 == 0) count = VITERBI_MAX_STEPS;
+    const int32_t pairOffset = static_cast<int32_t>(random.Below(16));
+    const int32_t outOffset = static_cast<int32_t>(random.Below(32));
+    const std::vector<uint16_t> pairs = ViterbiPairs(random, count, call == 3 ? 5 : random.Below(6));
+    std::copy(pairs.begin(), pairs.end(), pairStore.begin() + pairOffset);
+    std::fill(outReference.begin(), outReference.end(), 0xA5);
+    std::fill(outVector.begin(), outVector.end(), 0xA5);
+    if (call % 5 == 4) reference->viterbiRestart = vector->viterbiRestart = 1;
+    ViterbiRun(*reference, VectorIsa::SCALAR, pairStore.data() + pairOffset, count, outReference.data() + outOffset);
+    ViterbiRun(*vector, isa, pairStore.data() + pairOffset, count, outVector.data() + outOffset);
+    const std::string at = "call " + std::to_string(call) + " count " + std::to_string(count);
+    if (outReference != outVector) return "output, " + at;
+    if (std::memcmp(reference->pathMetrics, vector->pathMetrics, sizeof vector->pathMetrics) != 0 ||
+        reference->metricBank != vector->metricBank || reference->viterbiRestart != vector->viterbiRestart)
+      return "metrics, " + at;
+    if (std::memcmp(reference->decisionHistory, vector->decisionHistory, sizeof vector->decisionHistory) != 0)
+      return "decisions, " + at;
+    for (int b = 0; b < 2; ++b)
+      viterbiSaturated |= std::count(reference->pathMetrics[b], reference->pathMetrics[b] + 64, 255) > 0;
+  }
+  return "";
+}
+
+struct Kernel {
+  const char* name;
+  std::vector<VectorIsa> variants;
+  Compare compare;
+  int trials;
+};
+
+const Kernel KERNELS[] = {
+    {"carrier rotation", {VectorIsa::SSE2}, CompareRotation, 300},
+    {"filter across carriers", {VectorIsa::SSE2}, CompareCarrierFilter, 300},
+    {"QPSK equaliser", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareEqualiser, 300},
+    {"Viterbi", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareViterbi, 40},
+};
+
+TEST(VectorKernels, EveryVariantEqualsItsScalarReference) {
+  for (const Kernel& kernel : KERNELS) {
+    for (VectorIsa isa : kernel.variants) {
+      if (!VectorIsaAvailable(isa)) continue;
+      Random random(static_cast<uint64_t>(isa) * 7919 + std::strlen(kernel.name));
+      for (int trial = 0; trial < kernel.trials; ++trial) {
+        const std::string difference = kernel.compare(isa, random, trial);
+        ASSERT_EQ("", difference) << kernel.name << ", " << VectorIsaName(isa) << ", trial " << trial;
+      }
+    }
+  }
+  if (VectorIsaAvailable(VectorIsa::SSE2)) {
+    EXPECT_TRUE(viterbiSaturated) << "the Viterbi input never saturated a metric";
+  }
+}
+
+// The cap chooses the variant of the stage functions; the processor's limit still applies.
+TEST(VectorKernels, CapChoosesTheVariant) {
+  const VectorIsa before = ActiveVectorIsa();
+  SetVectorIsaCap(VectorIsa::SCALAR);
+  EXPECT_EQ(VectorIsa::SCALAR, ActiveVectorIsa());
+  SetVectorIsaCap(VectorIsa::AVX2);
+  EXPECT_EQ(BestVectorIsa(), ActiveVectorIsa());
+  SetVectorIsaCap(before);
+}
+
+// The reference itself against a direct rotation: counts are rounded up to groups of four, and
+// nothing beyond is touched.
+TEST(VectorKernels, RotationMatchesDirectRotationInGroupsOfFour) {
+  Random random(5);
+  struct Case {
+    int count;
+    double phase, step;
+  };
+  for (const Case& c : {Case{258, 1.0, 0.013}, Case{1024, 6.2, -0.0061}, Case{1, 0.5, 0.3}, Case{0, 0.0, 0.1},
+                        Case{1280, 3.0, 3.1}}) {
+    const int rotated = std::max(4, (c.count + 3) / 4 * 4);
+    const std::vector<float> x = Noise(random, 2 * static_cast<size_t>(rotated + 4));
+    std::vector<float> y = x;
+    RotateByNco(y.data(), c.count, c.phase, c.step);
+    for (int n = 0; n < rotated; ++n) {
+      const std::complex<double> expected =
+          std::complex<double>(x[2 * n], x[2 * n + 1]) * std::polar(1.0, c.phase + n * c.step);
+      EXPECT_NEAR(y[2 * n], expected.real(), 2e-4) << "count " << c.count << " n " << n;
+      EXPECT_NEAR(y[2 * n + 1], expected.imag(), 2e-4) << "count " << c.count << " n " << n;
+    }
+    for (int n = rotated; n < rotated + 4; ++n) {
+      EXPECT_EQ(y[2 * n], x[2 * n]);
+      EXPECT_EQ(y[2 * n + 1], x[2 * n + 1]);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zfn

@@ -1,0 +1,29 @@
+#pragma once
+// The equaliser's arithmetic over the data carriers of a symbol gathered side by side with their
+// channel: r * conj(h) / |h|^2, the channel power |h|^2, and the power of the QPSK decision error
+// |r - d h|^2. Element by element, so every variant gives the scalar reference's values bit for bit.
+#include <cstdint>
+
+#include "numeric/vector_isa.h"
+
+namespace zfn {
+
+struct EqualiserRows {
+  const float* rRe;  // received data carriers
+  const float* rIm;
+  const float* gRe;  // their channel
+  const float* gIm;
+  float* eq;         // equalised, interleaved re, im
+  float* power;
+  float* noise;
+  int32_t count;
+};
+
+void EqualiseQpskScalar(const EqualiserRows& rows);
+#if defined(__x86_64__) || defined(__i386__)
+void EqualiseQpskSse2(const EqualiserRows& rows);
+void EqualiseQpskAvx2(const EqualiserRows& rows);
+#endif
+void EqualiseQpskWith(VectorIsa isa, const EqualiserRows& rows);
+
+}  // namespace zfn

@@ -1,0 +1,73 @@
+// The equaliser's arithmetic with four (SSE2) or eight (AVX2) carriers per register; the same
+// products, sums and quotients as the scalar reference in the same order, the decision by a
+// comparison mask (a NaN compares false and takes the positive level, as in the reference). The
+// carriers past the last whole register go through the scalar reference.
+#if defined(__x86_64__) || defined(__i386__)
+
+#include <immintrin.h>
+
+#include "tracking/equaliser_kernels.h"
+
+namespace zfn {
+
+namespace {
+constexpr float QPSK_LEVEL = 0.707107f;
+
+EqualiserRows Tail(const EqualiserRows& rows, int32_t from) {
+  return {rows.rRe + from, rows.rIm + from, rows.gRe + from, rows.gIm + from,
+          rows.eq + 2 * from, rows.power + from, rows.noise + from, rows.count - from};
+}
+}  // namespace
+
+__attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& rows) {
+  const __m128 zero = _mm_setzero_ps();
+  const __m128 plus = _mm_set1_ps(QPSK_LEVEL);
+  const __m128 minus = _mm_set1_ps(-QPSK_LEVEL);
+  int32_t i = 0;
+  for (; i + 4 <= rows.count; i += 4) {
+    const __m128 gr = _mm_loadu_ps(rows.gRe + i), gi = _mm_loadu_ps(rows.gIm + i);
+    const __m128 rr = _mm_loadu_ps(rows.rRe + i), ri = _mm_loadu_ps(rows.rIm + i);
+    const __m128 p = _mm_add_ps(_mm_mul_ps(gr, gr), _mm_mul_ps(gi, gi));
+    const __m128 ere = _mm_div_ps(_mm_add_ps(_mm_mul_ps(rr, gr), _mm_mul_ps(ri, gi)), p);
+    const __m128 eim = _mm_div_ps(_mm_sub_ps(_mm_mul_ps(ri, gr), _mm_mul_ps(rr, gi)), p);
+    _mm_storeu_ps(rows.eq + 2 * i, _mm_unpacklo_ps(ere, eim));
+    _mm_storeu_ps(rows.eq + 2 * i + 4, _mm_unpackhi_ps(ere, eim));
+    _mm_storeu_ps(rows.power + i, p);
+    const __m128 leRe = _mm_cmple_ps(ere, zero), leIm = _mm_cmple_ps(eim, zero);
+    const __m128 dre = _mm_or_ps(_mm_and_ps(leRe, minus), _mm_andnot_ps(leRe, plus));
+    const __m128 dim = _mm_or_ps(_mm_and_ps(leIm, minus), _mm_andnot_ps(leIm, plus));
+    const __m128 nre = _mm_sub_ps(rr, _mm_sub_ps(_mm_mul_ps(dre, gr), _mm_mul_ps(dim, gi)));
+    const __m128 nim = _mm_sub_ps(ri, _mm_add_ps(_mm_mul_ps(dre, gi), _mm_mul_ps(dim, gr)));
+    _mm_storeu_ps(rows.noise + i, _mm_add_ps(_mm_mul_ps(nre, nre), _mm_mul_ps(nim, nim)));
+  }
+  EqualiseQpskScalar(Tail(rows, i));
+}
+
+__attribute__((target("avx2"))) void EqualiseQpskAvx2(const EqualiserRows& rows) {
+  const __m256 zero = _mm256_setzero_ps();
+  const __m256 plus = _mm256_set1_ps(QPSK_LEVEL);
+  const __m256 minus = _mm256_set1_ps(-QPSK_LEVEL);
+  int32_t i = 0;
+  for (; i + 8 <= rows.count; i += 8) {
+    const __m256 gr = _mm256_loadu_ps(rows.gRe + i), gi = _mm256_loadu_ps(rows.gIm + i);
+    const __m256 rr = _mm256_loadu_ps(rows.rRe + i), ri = _mm256_loadu_ps(rows.rIm + i);
+    const __m256 p = _mm256_add_ps(_mm256_mul_ps(gr, gr), _mm256_mul_ps(gi, gi));
+    const __m256 ere = _mm256_div_ps(_mm256_add_ps(_mm256_mul_ps(rr, gr), _mm256_mul_ps(ri, gi)), p);
+    const __m256 eim = _mm256_div_ps(_mm256_sub_ps(_mm256_mul_ps(ri, gr), _mm256_mul_ps(rr, gi)), p);
+    // Interleaved: the in-lane unpacks give carriers 0,1,4,5 and 2,3,6,7; the lane swap puts them in order.
+    const __m256 lo = _mm256_unpacklo_ps(ere, eim), hi = _mm256_unpackhi_ps(ere, eim);
+    _mm256_storeu_ps(rows.eq + 2 * i, _mm256_permute2f128_ps(lo, hi, 0x20));
+    _mm256_storeu_ps(rows.eq + 2 * i + 8, _mm256_permute2f128_ps(lo, hi, 0x31));
+    _mm256_storeu_ps(rows.power + i, p);
+    const __m256 dre = _mm256_blendv_ps(plus, minus, _mm256_cmp_ps(ere, zero, _CMP_LE_OQ));
+    const __m256 dim = _mm256_blendv_ps(plus, minus, _mm256_cmp_ps(eim, zero, _CMP_LE_OQ));
+    const __m256 nre = _mm256_sub_ps(rr, _mm256_sub_ps(_mm256_mul_ps(dre, gr), _mm256_mul_ps(dim, gi)));
+    const __m256 nim = _mm256_sub_ps(ri, _mm256_add_ps(_mm256_mul_ps(dre, gi), _mm256_mul_ps(dim, gr)));
+    _mm256_storeu_ps(rows.noise + i, _mm256_add_ps(_mm256_mul_ps(nre, nre), _mm256_mul_ps(nim, nim)));
+  }
+  EqualiseQpskScalar(Tail(rows, i));
+}
+
+}  // namespace zfn
+
+#endif
