@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "frontend/sample_source_contract.h"
+#include "simulator/default_programme.h"
 #include "simulator/sim_options.h"
 #include "simulator/transmitter.h"
 
@@ -194,14 +195,7 @@ std::unique_ptr<ByteSource> OpenSource(const Settings& s, std::string& err) {
   }
   std::unique_ptr<PacketSource> packets;
   std::string path = s.tsPath;
-#ifdef ZFN_DEFAULT_PROGRAMME
-  if (path.empty()) {
-    if (FILE* f = std::fopen(ZFN_DEFAULT_PROGRAMME, "rb")) {
-      std::fclose(f);
-      path = ZFN_DEFAULT_PROGRAMME;
-    }
-  }
-#endif
+  if (path.empty()) path = DefaultProgrammePath(reinterpret_cast<const void*>(&OpenSource));
   if (!path.empty()) {
     std::string why;
     packets = OpenTsFile(path, LayerBitRate(s.broadcast), &why);
