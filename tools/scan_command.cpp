@@ -27,7 +27,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 // Detection, coarse sync and up to five blocks of frame sync take at most seven blocks of 59 ms;
-// a channel that has not reached tracking within this after the tune holds nothing receivable.
+// a channel that has not reached tracking within this after acquisition began holds nothing
+// receivable.
 constexpr milliseconds ACQUISITION_BUDGET{900};
 // From the start of tracking until PAT and SDT are in: the time deinterleaver's delay (up to
 // about 0.5 s), one delivery of 128 packets and the SDT's repetition (at most 2 s on air).
@@ -41,16 +42,16 @@ void OnStopSignal(int) { stopRequested = 1; }
 
 // The packet thread parses the PSI itself (the scan writes no stream). A new tune bumps the epoch;
 // the packet thread then starts the reader afresh before it takes the next packets.
+// readerEpoch tells which epoch the reader's contents belong to.
 TsServiceReader* reader = nullptr;
-std::atomic<int32_t> epoch{0};
-int32_t readerEpoch = 0;  // packet thread only
+std::atomic<int32_t> epoch{0}, readerEpoch{0};
 
 void OnTransportStream(const uint8_t* data, int32_t length) {
   if (data == nullptr || length <= 0 || reader == nullptr) return;
   const int32_t now = epoch.load(std::memory_order_acquire);
-  if (now != readerEpoch) {
+  if (now != readerEpoch.load(std::memory_order_relaxed)) {
     reader->Reset();
-    readerEpoch = now;
+    readerEpoch.store(now, std::memory_order_release);
   }
   reader->Push(data, static_cast<size_t>(length));
 }
@@ -145,8 +146,8 @@ struct Found {
 bool ScanChannel(int32_t frequencyKHz, Found* found) {
   if (ZFISDBT_SetFrequency(frequencyKHz) != 1) return false;
   const Clock::time_point tuned = Clock::now();
-  Clock::time_point trackingSince{}, tablesSince{};
-  bool tracking = false, tables = false;
+  Clock::time_point acquisitionSince{}, trackingSince{}, tablesSince{};
+  bool acquiring = false, tracking = false, tables = false;
   for (;;) {
     std::this_thread::sleep_for(POLL);
     if (stopRequested != 0) return false;
@@ -161,10 +162,18 @@ bool ScanChannel(int32_t frequencyKHz, Found* found) {
       trackingSince = now;
     }
     if (!tracking) {
-      if (now - tuned > ACQUISITION_BUDGET) return false;
+      // The budget counts from the first block handled after the tune (a busy machine may
+      // take a while to get there), and never more than a few budgets from the tune.
+      if (s.state != -1 && !acquiring) {
+        acquiring = true;
+        acquisitionSince = now;
+      }
+      if ((acquiring && now - acquisitionSince > ACQUISITION_BUDGET) || now - tuned > 4 * ACQUISITION_BUDGET) return false;
       continue;
     }
-    const StreamServices services = reader->Snapshot();
+    // What the reader holds counts once it has started afresh for this epoch.
+    const bool fresh = readerEpoch.load(std::memory_order_acquire) == epoch.load(std::memory_order_relaxed);
+    const StreamServices services = fresh ? reader->Snapshot() : StreamServices{};
     const bool complete = services.havePat && services.haveSdt;
     if (complete && !tables) {
       tables = true;

@@ -218,13 +218,13 @@ class UdpSink {
 };
 
 // One run for all receive checks (each test case is a process of its own): five seconds of the
-// simulated programme at three times real time, no noise, to standard output, read by a player
+// simulated programme, no noise, to standard output, read by a player
 // that starts reading only after five seconds; the same stream to UDP; the status as JSON lines.
 // The first call of 128 packets may hold the receiver's start-up; the checks of content skip it.
 TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPlayersTakeIt) {
   UdpSink udp;
   const std::string out = TempPath("slow.ts"), err = TempPath("err"), statusPath = TempPath("status");
-  Shell("(ZFNISDBT_SIM_SPEED=3 " + Program() + " receive --simulate --channel 13 --seconds 5 --output - --json --udp 127.0.0.1:" +
+  Shell("(" + Program() + " receive --simulate --channel 13 --seconds 5 --output - --json --udp 127.0.0.1:" +
         std::to_string(udp.Port()) + " 2>" + err + "; echo $? >" + statusPath + ") | (sleep 5; cat >" + out + ")");
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   udp.Stop();
@@ -233,7 +233,7 @@ TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPla
   for (const std::string& p : {out, err, statusPath}) std::remove(p.c_str());
   ASSERT_EQ(0, status) << stderrText;
   ASSERT_EQ(0u, ts.size() % PACKET);
-  ASSERT_GE(ts.size() / PACKET, 1024u) << stderrText;
+  ASSERT_GE(ts.size() / PACKET, 512u) << stderrText;
   for (size_t at = 128 * PACKET; at < ts.size(); at += PACKET) {
     ASSERT_EQ(0x47, static_cast<uint8_t>(ts[at])) << "packet " << at / PACKET;
   }
@@ -304,7 +304,7 @@ TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPla
   };
   const std::vector<std::string> decoded = checksums(ReadAll(mine)), sent = checksums(ReadAll(theirs));
   const std::set<std::string> programme(sent.begin(), sent.end());
-  ASSERT_GE(decoded.size(), 100u);
+  ASSERT_GE(decoded.size(), 20u);
   // The stream was cut when the receiver closed: the last frame may be incomplete.
   size_t unknown = 0;
   for (size_t k = 0; k + 1 < decoded.size(); ++k) unknown += programme.count(decoded[k]) == 0;
