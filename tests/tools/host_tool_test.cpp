@@ -1,5 +1,6 @@
 // zfnisdbt receive and scan as people use them, on the simulator through the public library: a
-// player that pauses for five seconds still gets every packet, the same stream goes out as UDP
+// player that pauses for five seconds still gets every packet (and one that stays away longer
+// than the ring holds loses whole calls, counted), the same stream goes out as UDP
 // datagrams of seven packets, the status comes as JSON lines, ffprobe and ffmpeg take the stream
 // for the programme that went in, and a scan finds exactly the channels that carry a broadcast.
 #include <arpa/inet.h>
@@ -14,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -22,6 +24,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tools/stream_output.h"
 
 namespace {
 
@@ -310,6 +314,50 @@ TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPla
   for (size_t k = 0; k + 1 < decoded.size(); ++k) unknown += programme.count(decoded[k]) == 0;
   EXPECT_EQ(0u, unknown) << "of " << decoded.size() << " decoded frames";
   for (const std::string& p : {received, probe, mine, theirs}) std::remove(p.c_str());
+}
+
+// A reader that stays away longer than the ring holds: whole calls are dropped and counted, what
+// was taken is written in order once the reader comes back, and nothing is lost without a count.
+TEST(StreamOutput, AReaderFarBehindLosesWholeCallsAndTheyAreCounted) {
+  int pipeEnds[2];
+  ASSERT_EQ(0, pipe(pipeEnds));
+  zfn::tools::StreamOutput output;
+  std::string error;
+  ASSERT_TRUE(output.Start(pipeEnds[1], "", &error)) << error;
+  constexpr size_t CALL = 128 * PACKET;
+  const size_t calls = zfn::tools::StreamOutput::RING_BYTES / CALL + 40;
+  std::vector<uint8_t> call(CALL);
+  for (size_t k = 0; k < calls; ++k) {
+    for (size_t p = 0; p < 128; ++p) {
+      call[p * PACKET] = 0x47;
+      std::memcpy(&call[p * PACKET + 4], &k, sizeof k);  // the call's number in every packet
+    }
+    output.Push(call.data(), call.size());
+  }
+  std::string got;
+  std::thread reader([&] {
+    std::vector<char> buffer(1 << 16);
+    for (ssize_t n; (n = read(pipeEnds[0], buffer.data(), buffer.size())) > 0;) got.append(buffer.data(), static_cast<size_t>(n));
+  });
+  output.Finish();
+  close(pipeEnds[1]);
+  reader.join();
+  close(pipeEnds[0]);
+  EXPECT_EQ(0, output.WriteError());
+  EXPECT_EQ(static_cast<int64_t>(calls * CALL), output.BytesReceived());
+  EXPECT_GT(output.PacketsDropped(), 0);
+  EXPECT_EQ(0, output.PacketsDropped() % 128) << "whole calls";
+  EXPECT_EQ(output.BytesReceived(), output.BytesWritten() + output.PacketsDropped() * static_cast<int64_t>(PACKET));
+  ASSERT_EQ(static_cast<size_t>(output.BytesWritten()), got.size());
+  size_t previous = 0;
+  for (size_t at = 0; at < got.size(); at += CALL) {
+    size_t k = 0;
+    std::memcpy(&k, &got[at + 4], sizeof k);
+    if (at > 0) {
+      EXPECT_GT(k, previous) << "calls stay in order";
+    }
+    previous = k;
+  }
 }
 
 // Two channels of three carry the broadcast; the scan names exactly those, with the service.
