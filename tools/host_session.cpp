@@ -1,6 +1,7 @@
 #include "tools/host_session.h"
 
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -107,7 +108,9 @@ ReceiverStatus ReadReceiverStatus() {
   s.snrDb = WordAsFloat(w[0]);
   s.per = WordAsFloat(w[8]);
   s.failedPerSecond = WordAsFloat(w[11]);
-  if (s.mode > 0) s.offsetHz = WordAsFloat(w[1]) * MODE1_CARRIER_SPACING_HZ / (1 << (s.mode - 1));
+  // Word 1 is the correction the receiver applies, in carrier spacings: the carrier's own offset
+  // from the tuned frequency is its negative.
+  if (s.mode > 0) s.offsetHz = -WordAsFloat(w[1]) * MODE1_CARRIER_SPACING_HZ / (1 << (s.mode - 1));
   if ((w[2] & 0xff000000) == LAYER_WORD_VALID) {
     s.layerKnown = true;
     s.modulation = w[2] & 0xff;
@@ -161,7 +164,8 @@ void PrintBroadcastText(FILE* to, const ReceiverStatus& s) {
                  InterleaveLength(s.mode, s.interleave));
   }
   if (s.state == 3) {
-    std::fprintf(to, " snr=%.1fdB offset=%+.0fHz PER=%.4f failed/s=%.0f", static_cast<double>(s.snrDb), s.offsetHz,
+    const double offset = std::round(s.offsetHz) + 0.0;  // no "-0"
+    std::fprintf(to, " snr=%.1fdB offset=%+.0fHz PER=%.4f failed/s=%.0f", static_cast<double>(s.snrDb), offset,
                  static_cast<double>(s.per), static_cast<double>(s.failedPerSecond));
   }
   if (s.overruns != 0) std::fprintf(to, " overruns=%d", s.overruns);

@@ -34,7 +34,7 @@ struct ReceiverStatus {
   int32_t mode = 0;                            // 1..3, 0 unknown
   int32_t guard = -1;                          // 0..3 (1/32..1/4), -1 unknown
   float snrDb = 0, per = 0, failedPerSecond = 0;
-  double offsetHz = 0;                         // carrier offset
+  double offsetHz = 0;                         // received carrier above the tuned frequency, Hz
   bool layerKnown = false;                     // the layer parameters of word 2
   int32_t modulation = 0, codeRate = 0, interleave = 0;
   int32_t overruns = 0;                        // packets lost inside the library
