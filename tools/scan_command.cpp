@@ -146,7 +146,7 @@ struct Found {
 bool ScanChannel(int32_t frequencyKHz, Found* found) {
   if (ZFISDBT_SetFrequency(frequencyKHz) != 1) return false;
   const Clock::time_point tuned = Clock::now();
-  Clock::time_point acquisitionSince{}, trackingSince{}, tablesSince{};
+  Clock::time_point acquisitionSince{}, trackingSince{}, lastTracking{}, tablesSince{};
   bool acquiring = false, tracking = false, tables = false;
   for (;;) {
     std::this_thread::sleep_for(POLL);
@@ -159,7 +159,7 @@ bool ScanChannel(int32_t frequencyKHz, Found* found) {
       // receiver's packet path before acquisition could reach tracking again.
       epoch.fetch_add(1, std::memory_order_release);
       tracking = true;
-      trackingSince = now;
+      trackingSince = lastTracking = now;
     }
     if (!tracking) {
       // The budget counts from the first block handled after the tune (a busy machine may
@@ -191,6 +191,10 @@ bool ScanChannel(int32_t frequencyKHz, Found* found) {
       continue;
     }
     if (now - trackingSince > PSI_BUDGET) return false;
+    // Tracking that was lost and not found again within an acquisition's time was a moment of
+    // lock on noise.
+    if (s.state == 3) lastTracking = now;
+    else if (now - lastTracking > ACQUISITION_BUDGET) return false;
   }
 }
 
