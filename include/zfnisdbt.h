@@ -54,7 +54,10 @@ ZFISDBT_EXPORT int32_t ZFISDBT_DebugGetParaPtr(int32_t** para);
 /* While open: copies the ZFISDBT_PARA_WORDS status words, result 1. Words 0, 1, 7, 8, 9, 11 hold
  * floats (SNR dB, frequency offset in carrier spacings, byte error rate, packet error rate, packet
  * failure rate, failures in the last second); word 3 is mode * 4 + guard, word 5 the block state,
- * word 10 the channel state. */
+ * word 10 the channel state. Word 2 is 0, except with the refinements on (environment
+ * ZFNISDBT_REFINED=1 at open): from the start of tracking it is then 0x01000000 | interleave << 16 |
+ * code rate << 8 | modulation (modulation 0..3 DQPSK, QPSK, 16QAM, 64QAM; code rate 0..4 1/2, 2/3,
+ * 3/4, 5/6, 7/8; interleave 0..3), cleared by a retune. */
 ZFISDBT_EXPORT int32_t ZFISDBT_DebugGetParaValue(int32_t* words);
 
 #ifdef __cplusplus

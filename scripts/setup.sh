@@ -5,6 +5,8 @@ set -euo pipefail
 packages=(
   cmake make g++ pkg-config binutils
   libgtest-dev libbenchmark-dev libfftw3-dev libpng-dev
+  libdvbpsi-dev
+  ffmpeg
 )
 
 missing=()

@@ -162,6 +162,10 @@ void ProcessBlock() {
             blockStages.setUpTracking();
             blockStages.setUpDecoder();
           }
+          if (engine.refined != 0) {
+            const LayerParams& p = *engine.layerParams;
+            debugParaBlock.SetInt(2, LayerWord(p.modulation, p.codeRate, p.interleave));
+          }
           engine.blockState = BLOCK_TRACKING;
         }
       }

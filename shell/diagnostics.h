@@ -24,6 +24,15 @@ static_assert(sizeof(DebugParaBlock) == 12 * sizeof(int32_t), "the host reads tw
 
 extern DebugParaBlock debugParaBlock;
 
+// Word 2 stays 0 in the designed receiver. With the refinements on it tells the host the layer
+// parameters of the broadcast, written when tracking starts and cleared by a retune:
+// LAYER_WORD_VALID | interleave << 16 | codeRate << 8 | modulation (the TMCC indices of layer A:
+// modulation 0..3 DQPSK, QPSK, 16QAM, 64QAM; code rate 0..4 1/2..7/8; interleave 0..3).
+constexpr int32_t LAYER_WORD_VALID = 0x01000000;
+constexpr int32_t LayerWord(int32_t modulation, int32_t codeRate, int32_t interleave) {
+  return LAYER_WORD_VALID | (interleave & 0xff) << 16 | (codeRate & 0xff) << 8 | (modulation & 0xff);
+}
+
 // Shell side of the probe: set by debug command 1, copied into the engine between blocks.
 extern RelaxedWord<int32_t> probeEnable;
 extern MatlabProbe* matlabProbe;

@@ -7,10 +7,12 @@
 // sets the event. GetData hands over what has arrived, at most 240648 bytes and always whole groups
 // of four. When the host stops reading, the ring fills and, like a device, the source drops the
 // oldest bytes (in whole groups of four) rather than falling behind real time.
+#include <dlfcn.h>
 #include <fftw3.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -25,6 +27,7 @@
 #include <vector>
 
 #include "frontend/sample_source_contract.h"
+#include "simulator/default_programme.h"
 #include "simulator/sim_options.h"
 #include "simulator/transmitter.h"
 
@@ -44,7 +47,39 @@ struct Settings {
   std::string tsPath;
   std::string capturePath;
   double speed = 1.0;
+  std::vector<int32_t> channelsKHz;  // empty: the broadcast is on every frequency
 };
+
+// "KHZ[,KHZ...]": the frequencies (wanted channel centres) that carry the broadcast.
+std::string ParseChannels(const std::string& v, std::vector<int32_t>& out) {
+  out.clear();
+  size_t at = 0;
+  while (at <= v.size()) {
+    const size_t comma = std::min(v.find(',', at), v.size());
+    const std::string item = v.substr(at, comma - at);
+    char* end = nullptr;
+    const long k = std::strtol(item.c_str(), &end, 10);
+    if (item.empty() || *end != 0 || k < 1 || k > 3000000) return "'" + item + "' is not a frequency in kHz";
+    out.push_back(static_cast<int32_t>(k));
+    at = comma + 1;
+  }
+  return {};
+}
+
+// The frequency the device library's tuner was last set to (the wanted channel + 600 kHz), 0 when
+// unknown. The receiver binds the device library in simulation too and, in simulation mode 2,
+// tunes through it; the library tells its tuned frequency through one extra export.
+int32_t TunedFrequencyKHz() {
+  static int32_t (*tuned)(void) = nullptr;
+  if (tuned == nullptr) {
+    void* library = dlopen("libZFNACCESS.so", RTLD_NOW | RTLD_NOLOAD);
+    if (library == nullptr) return 0;
+    tuned = reinterpret_cast<int32_t (*)(void)>(dlsym(library, "ZFN_TunedFrequencyKHz"));
+    dlclose(library);  // only drops the reference NOLOAD took; the receiver keeps it loaded
+    if (tuned == nullptr) return 0;
+  }
+  return tuned();
+}
 
 // Reads the ZFNISDBT_SIM_* variables; empty result on success, else the reason.
 std::string ReadSettings(Settings& s) {
@@ -94,6 +129,7 @@ std::string ReadSettings(Settings& s) {
     if (!ParseNumber(v, t.speed).empty() || !(t.speed > 0 && t.speed <= 1000)) return "must be a number above 0 and at most 1000, not '" + v + "'";
     return {};
   });
+  with("ZFNISDBT_SIM_CHANNELS", [&](const std::string& v) { return ParseChannels(v, t.channelsKHz); });
   if (const char* v = get("ZFNISDBT_SIM_TS")) t.tsPath = v;
   if (const char* v = get("ZFNISDBT_SIM_CAPTURE")) t.capturePath = v;
   if (!err.empty()) return err;
@@ -159,14 +195,7 @@ std::unique_ptr<ByteSource> OpenSource(const Settings& s, std::string& err) {
   }
   std::unique_ptr<PacketSource> packets;
   std::string path = s.tsPath;
-#ifdef ZFN_DEFAULT_PROGRAMME
-  if (path.empty()) {
-    if (FILE* f = std::fopen(ZFN_DEFAULT_PROGRAMME, "rb")) {
-      std::fclose(f);
-      path = ZFN_DEFAULT_PROGRAMME;
-    }
-  }
-#endif
+  if (path.empty()) path = DefaultProgrammePath(reinterpret_cast<const void*>(&OpenSource));
   if (!path.empty()) {
     std::string why;
     packets = OpenTsFile(path, LayerBitRate(s.broadcast), &why);
@@ -209,6 +238,9 @@ class Simulator {
     eventFd_ = eventPtr_ != nullptr ? *eventPtr_ : -1;
     source_ = std::move(source);
     speed_ = s.speed;
+    channelsKHz_ = s.channelsKHz;
+    tunedKHz_ = -1;
+    noiseState_ = s.broadcast.seed * 2654435761u + 1;
     ring_.assign(static_cast<size_t>(kRingBytes), 127);
     produced_ = arrived_ = consumed_ = 0;
     running_.store(true);
@@ -264,14 +296,28 @@ class Simulator {
     std::vector<uint8_t> chunk(static_cast<size_t>(kChunk));
     for (;;) {
       int64_t at;
+      bool onAir = true;
       {
         std::unique_lock<std::mutex> lock(ringLock_);
         space_.wait(lock, [&] { return !running_.load() || produced_ + kChunk <= consumed_ + kRingBytes; });
         if (!running_.load()) return;
+        if (!channelsKHz_.empty()) {
+          // A retune discards what was made ahead for the old frequency, as a tuner would.
+          const int32_t tuned = TunedFrequencyKHz();
+          if (tuned != tunedKHz_) {
+            tunedKHz_ = tuned;
+            produced_ = (arrived_ + kChunk - 1) / kChunk * kChunk;  // chunks stay aligned to the ring
+          }
+          onAir = std::find(channelsKHz_.begin(), channelsKHz_.end(), tuned - 600) != channelsKHz_.end();
+        }
         at = produced_;
       }
       // The region [at, at + kChunk) is neither readable nor read until produced_ moves on.
-      source_->Fill(ring_.data() + at % kRingBytes, static_cast<size_t>(kChunk));
+      if (onAir) {
+        source_->Fill(ring_.data() + at % kRingBytes, static_cast<size_t>(kChunk));
+      } else {
+        FillNoise(ring_.data() + at % kRingBytes, static_cast<size_t>(kChunk));
+      }
       std::lock_guard<std::mutex> lock(ringLock_);
       produced_ = at + kChunk;
     }
@@ -308,7 +354,25 @@ class Simulator {
     }
   }
 
+  // An empty channel: white noise in both byte components around 127, a sum of four uniform
+  // values (near Gaussian), about 28 steps RMS like the default signal level.
+  void FillNoise(uint8_t* out, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+      int sum = 0;
+      for (int k = 0; k < 4; ++k) {
+        noiseState_ ^= noiseState_ << 13;
+        noiseState_ ^= noiseState_ >> 7;
+        noiseState_ ^= noiseState_ << 17;
+        sum += static_cast<int>(noiseState_ % 49) - 24;
+      }
+      out[i] = static_cast<uint8_t>(std::clamp(127 + sum, 0, 255));
+    }
+  }
+
   std::mutex apiLock_;
+  std::vector<int32_t> channelsKHz_;
+  int32_t tunedKHz_ = -1;
+  uint64_t noiseState_ = 1;
   int* eventPtr_ = nullptr;
   int eventFd_ = -1;
   std::unique_ptr<ByteSource> source_;

@@ -3,6 +3,7 @@
 // is read in chunks; a summary goes to standard error, and with --json one JSON object to the last
 // line of standard output (of standard error when the stream itself goes to standard output).
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,16 +34,21 @@ struct Options {
   bool asDesigned = false;  // the designed behaviour instead of the refinements
 };
 
+volatile sig_atomic_t stopRequested = 0;
+void OnStopSignal(int) { stopRequested = 1; }
+
+// Usage to standard error with the error, or the help to standard output without one.
 int Usage(const char* error) {
   if (error != nullptr) std::fprintf(stderr, "zfnisdbt decode: %s\n", error);
-  std::fprintf(stderr,
+  std::fprintf(error != nullptr ? stderr : stdout,
                "usage: zfnisdbt decode INPUT [--output FILE|-] [--json] [--as-designed]\n"
                "  INPUT            capture file (device byte stream, 240640-byte blocks), or - for standard input\n"
                "  --output FILE|-  write the transport stream to FILE, or to standard output\n"
                "  --json           print the statistics as one JSON object on the last line of standard\n"
                "                   output (of standard error when --output is -)\n"
                "  --as-designed    the designed tracking and lock judgement, without the refinements\n"
-               "exit status: 0 decoded, 1 input or output failed, 2 usage\n");
+               "Ctrl-C stops after the current chunk: the stream keeps whole packets and the summary is printed.\n"
+               "exit status: 0 decoded (also when interrupted), 1 input or output failed, 2 usage\n");
   return 2;
 }
 
@@ -234,7 +240,14 @@ int Run(int argc, char** argv) {
   bool readFailed = false;
   int readError = 0;
   const double cpuStart = CpuSeconds();
-  while (!out.failed) {
+  // A stop signal ends the loop between chunks; reads and writes are restarted, not cut short.
+  struct sigaction action {};
+  action.sa_handler = OnStopSignal;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  while (!out.failed && stopRequested == 0) {
     const ssize_t n = ReadFull(fd, chunk.data(), chunk.size());
     if (n < 0) {
       readFailed = true;
@@ -272,7 +285,9 @@ int Run(int argc, char** argv) {
                  static_cast<long long>(bytesRead), std::strerror(readError));
     status = 1;
   }
-  if (expectedBytes >= 0 && !readFailed && !out.failed && bytesRead != expectedBytes) {
+  if (stopRequested != 0) {
+    std::fprintf(stderr, "zfnisdbt decode: interrupted after %lld bytes\n", static_cast<long long>(bytesRead));
+  } else if (expectedBytes >= 0 && !readFailed && !out.failed && bytesRead != expectedBytes) {
     std::fprintf(stderr, "zfnisdbt decode: '%s' changed while it was read (%lld bytes expected, %lld read)\n", name,
                  static_cast<long long>(expectedBytes), static_cast<long long>(bytesRead));
   }

@@ -9,9 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "simulator/default_programme.h"
 #include "simulator/sim_options.h"
 #include "simulator/transmitter.h"
 #include "tools/command_registry.h"
+#include "zfnisdbt.h"
 
 namespace zfn::tools {
 namespace {
@@ -143,14 +145,8 @@ int Run(int argc, char** argv) {
   std::unique_ptr<sim::PacketSource> packets;
   std::string source = "test pattern";
   if (!testPattern) {
-#ifdef ZFN_DEFAULT_PROGRAMME
-    if (tsPath.empty()) {
-      if (FILE* f = std::fopen(ZFN_DEFAULT_PROGRAMME, "rb")) {
-        std::fclose(f);
-        tsPath = ZFN_DEFAULT_PROGRAMME;
-      }
-    }
-#endif
+    // The programme installed beside the receiver library, which this program links.
+    if (tsPath.empty()) tsPath = sim::DefaultProgrammePath(reinterpret_cast<const void*>(&ZFISDBT_OpenDevice));
     if (!tsPath.empty()) {
       std::string why;
       packets = sim::OpenTsFile(tsPath, sim::LayerBitRate(b), &why);

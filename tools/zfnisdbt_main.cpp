@@ -20,13 +20,20 @@ bool RegisterCommand(const ToolCommand& command) {
 }  // namespace zfn::tools
 
 static int Usage(FILE* out) {
-  std::fprintf(out, "usage: zfnisdbt COMMAND [OPTIONS]\ncommands:\n");
+  std::fprintf(out, "usage: zfnisdbt COMMAND [OPTIONS]    (zfnisdbt COMMAND --help for each)\ncommands:\n");
   for (const auto& c : zfn::tools::Commands()) std::fprintf(out, "  %s\n", c.synopsis);
+  std::fprintf(out,
+               "  --version, -V\n"
+               "exit status: 0 done, 1 a file, the device or the stream failed, 2 usage\n");
   return out == stdout ? 0 : 2;
 }
 
 int main(int argc, char** argv) {
   if (argc < 2) return Usage(stderr);
+  if (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "-V") == 0) {
+    std::printf("zfnisdbt %s\n", ZFN_VERSION);
+    return 0;
+  }
   if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0 ||
       std::strcmp(argv[1], "help") == 0)
     return Usage(stdout);

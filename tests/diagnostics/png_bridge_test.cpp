@@ -137,14 +137,14 @@ TEST_F(PngBridge, ASyntheticFrameBecomesAPictureAndNumberFiles) {
 
   Picture picture;
   ASSERT_TRUE(ReadPng(out.File("probe.png"), picture));
-  EXPECT_EQ(picture.width, 640u);
-  EXPECT_EQ(picture.height, 480u);
+  EXPECT_EQ(picture.width, 960u);
+  EXPECT_EQ(picture.height, 720u);
   // Every panel has drawing in it beyond its frame.
   for (uint32_t panel = 0; panel < 4; ++panel) {
-    const uint32_t x0 = (panel % 2) * 320 + 12, y0 = (panel / 2) * 240 + 22;
+    const uint32_t x0 = (panel % 2) * 480 + 12, y0 = (panel / 2) * 360 + 40;
     int32_t inked = 0;
-    for (uint32_t y = y0; y < y0 + 200; ++y)
-      for (uint32_t x = x0; x < x0 + 290; ++x) {
+    for (uint32_t y = y0; y < y0 + 300; ++y)
+      for (uint32_t x = x0; x < x0 + 450; ++x) {
         const uint8_t* p = &picture.rgb[(static_cast<size_t>(y) * picture.width + x) * 3];
         inked += p[0] < 200 || p[2] < 200;
       }

@@ -24,6 +24,10 @@ constexpr Rgb BLUE{20, 60, 200};
 constexpr Rgb RED{200, 40, 30};
 constexpr Rgb GREEN{20, 150, 60};
 
+constexpr int32_t TEXT_SCALE = 2;                 // titles, axis names and status
+constexpr int32_t CHAR_W = 6 * TEXT_SCALE, CHAR_H = 7 * TEXT_SCALE;
+constexpr int32_t TICK_SCALE = 1;                 // numbers at the axis ticks (5x7, plain)
+
 // A 5x7 bitmap font for the characters the panels print: one byte per column, bit 0 the top row.
 struct Glyph {
   char c;
@@ -53,6 +57,8 @@ constexpr Glyph FONT[] = {
     {'/', {0x20, 0x10, 0x08, 0x04, 0x02}}, {'+', {0x08, 0x08, 0x3E, 0x08, 0x08}},
     {',', {0x00, 0x50, 0x30, 0x00, 0x00}}, {'(', {0x00, 0x1C, 0x22, 0x41, 0x00}},
     {')', {0x00, 0x41, 0x22, 0x1C, 0x00}}, {'%', {0x23, 0x13, 0x08, 0x64, 0x62}},
+    {'\'', {0x00, 0x00, 0x07, 0x00, 0x00}}, {'<', {0x08, 0x14, 0x22, 0x41, 0x00}},
+    {'>', {0x00, 0x41, 0x22, 0x14, 0x08}}, {'|', {0x00, 0x00, 0x7F, 0x00, 0x00}},
 };
 
 const Glyph* FindGlyph(char c) {
@@ -115,13 +121,27 @@ class Canvas {
     }
   }
 
-  void Text(int32_t x, int32_t y, const char* text, Rgb c) {
-    for (; *text != '\0'; ++text, x += 6) {
+  // Text in the 5x7 font, each font pixel drawn as scale x scale pixels; advances 6 * scale.
+  void Text(int32_t x, int32_t y, const char* text, Rgb c, int32_t scale = TEXT_SCALE) {
+    for (; *text != '\0'; ++text, x += 6 * scale) {
       const Glyph* g = FindGlyph(*text);
       if (g == nullptr) continue;
       for (int32_t col = 0; col < 5; ++col)
         for (int32_t row = 0; row < 7; ++row)
-          if ((g->columns[col] >> row) & 1) Set(x + col, y + row, c);
+          if ((g->columns[col] >> row) & 1) FillRect(x + col * scale, y + row * scale, x + col * scale + scale - 1,
+                                                      y + row * scale + scale - 1, c);
+    }
+  }
+
+  // Text turned a quarter to the left (reading upwards), its first character at the bottom.
+  void TextUp(int32_t x, int32_t y, const char* text, Rgb c, int32_t scale = TEXT_SCALE) {
+    for (; *text != '\0'; ++text, y -= 6 * scale) {
+      const Glyph* g = FindGlyph(*text);
+      if (g == nullptr) continue;
+      for (int32_t col = 0; col < 5; ++col)
+        for (int32_t row = 0; row < 7; ++row)
+          if ((g->columns[col] >> row) & 1)
+            FillRect(x + row * scale, y - col * scale - scale + 1, x + row * scale + scale - 1, y - col * scale, c);
     }
   }
 
@@ -139,13 +159,13 @@ struct Area {
   int32_t Height() const { return y1 - y0; }
 };
 
+constexpr int32_t PANEL_W = PICTURE_WIDTH / 2, PANEL_H = PICTURE_HEIGHT / 2;
+
+// The panel's frame and title; the area inside, below the title.
 Area DrawPanelFrame(Canvas& canvas, int32_t px, int32_t py, const char* title) {
-  constexpr int32_t W = PICTURE_WIDTH / 2, H = PICTURE_HEIGHT / 2;
-  canvas.Rect(px + 2, py + 2, px + W - 3, py + H - 3, DARK_GREY);
-  canvas.Text(px + 8, py + 7, title, BLACK);
-  const Area a{px + 10, py + 20, px + W - 11, py + H - 11};
-  canvas.Rect(a.x0, a.y0, a.x1, a.y1, GREY);
-  return a;
+  canvas.Rect(px + 2, py + 2, px + PANEL_W - 3, py + PANEL_H - 3, DARK_GREY);
+  canvas.Text(px + 10, py + 9, title, BLACK);
+  return Area{px + 6, py + 14 + CHAR_H, px + PANEL_W - 8, py + PANEL_H - 8};
 }
 
 bool Finite(double v) { return std::isfinite(v); }
@@ -156,24 +176,58 @@ int32_t ToPixel(double v, double lo, double hi, int32_t p0, int32_t p1) {
   return static_cast<int32_t>(std::lround(p0 + t * (p1 - p0)));
 }
 
-// A line through the finite values of y over an area; non-finite values break the line, and so does
-// a step larger than breakAbove (a phase wrapping round).
-void PlotSeries(Canvas& canvas, const Area& a, const std::vector<double>& y, double lo, double hi, Rgb c,
-                double breakAbove = HUGE_VAL) {
-  const size_t n = y.size();
+// A plot with axes: the area for the data inside room for the tick numbers and the axis names.
+struct Axes {
+  Area plot;
+  double xlo, xhi, ylo, yhi;
+};
+
+// Draws the frame of a plot in the given area with ticks at both ends and the middle of each
+// axis, the axis names under the x axis and up the left side; returns where the data goes.
+Axes DrawAxes(Canvas& canvas, const Area& a, double xlo, double xhi, double ylo, double yhi, const char* xName,
+              const char* yName) {
+  constexpr int32_t TICK_W = 6 * 7 * TICK_SCALE;  // room for seven tick characters
+  const Area p{a.x0 + CHAR_H + 6 + TICK_W, a.y0 + 4, a.x1 - 10, a.y1 - CHAR_H - 8 * TICK_SCALE - 10};
+  canvas.Rect(p.x0, p.y0, p.x1, p.y1, DARK_GREY);
+  char label[32];
+  for (int k = 0; k <= 2; ++k) {
+    const double xv = xlo + (xhi - xlo) * k / 2.0, yv = ylo + (yhi - ylo) * k / 2.0;
+    const int32_t x = ToPixel(xv, xlo, xhi, p.x0, p.x1), y = ToPixel(yv, ylo, yhi, p.y1, p.y0);
+    canvas.Line(x, p.y1, x, p.y1 + 4, DARK_GREY);
+    canvas.Line(p.x0 - 4, y, p.x0, y, DARK_GREY);
+    if (k == 1) {
+      canvas.Line(x, p.y0 + 1, x, p.y1 - 1, GREY);
+      canvas.Line(p.x0 + 1, y, p.x1 - 1, y, GREY);
+    }
+    std::snprintf(label, sizeof label, "%.4g", xv);
+    const int32_t xw = static_cast<int32_t>(std::strlen(label)) * 6 * TICK_SCALE;
+    canvas.Text(std::clamp(x - xw / 2, p.x0 - xw / 2, p.x1 - xw), p.y1 + 7, label, BLACK, TICK_SCALE);
+    std::snprintf(label, sizeof label, "%.4g", yv);
+    const int32_t yw = static_cast<int32_t>(std::strlen(label)) * 6 * TICK_SCALE;
+    canvas.Text(p.x0 - 6 - yw, y - 3 * TICK_SCALE, label, BLACK, TICK_SCALE);
+  }
+  const int32_t xw = static_cast<int32_t>(std::strlen(xName)) * CHAR_W;
+  canvas.Text((p.x0 + p.x1 - xw) / 2, a.y1 - CHAR_H, xName, BLACK);
+  const int32_t yw = static_cast<int32_t>(std::strlen(yName)) * CHAR_W;
+  canvas.TextUp(a.x0, (p.y0 + p.y1 + yw) / 2, yName, BLACK);
+  return Axes{p, xlo, xhi, ylo, yhi};
+}
+
+// A line through the finite values of y against x; non-finite values break the line.
+void PlotSeries(Canvas& canvas, const Axes& ax, const std::vector<double>& x, const std::vector<double>& y, Rgb c) {
+  const size_t n = std::min(x.size(), y.size());
   bool havePrevious = false;
   int32_t px = 0, py = 0;
   for (size_t i = 0; i < n; ++i) {
-    if (!Finite(y[i])) {
+    if (!Finite(y[i]) || !Finite(x[i])) {
       havePrevious = false;
       continue;
     }
-    const int32_t x = n > 1 ? ToPixel(static_cast<double>(i), 0.0, static_cast<double>(n - 1), a.x0, a.x1)
-                            : (a.x0 + a.x1) / 2;
-    const int32_t yy = ToPixel(y[i], lo, hi, a.y1, a.y0);
-    if (havePrevious && std::abs(y[i] - y[i - 1]) <= breakAbove) canvas.Line(px, py, x, yy, c);
-    else canvas.Set(x, yy, c);
-    px = x;
+    const int32_t xx = ToPixel(x[i], ax.xlo, ax.xhi, ax.plot.x0, ax.plot.x1);
+    const int32_t yy = ToPixel(y[i], ax.ylo, ax.yhi, ax.plot.y1, ax.plot.y0);
+    if (havePrevious) canvas.Line(px, py, xx, yy, c);
+    else canvas.Set(xx, yy, c);
+    px = xx;
     py = yy;
     havePrevious = true;
   }
@@ -195,12 +249,18 @@ void Range(const std::vector<double>& v, double& lo, double& hi) {
   }
 }
 
+std::vector<double> Indices(size_t n, double first) {
+  std::vector<double> x(n);
+  for (size_t i = 0; i < n; ++i) x[i] = first + static_cast<double>(i);
+  return x;
+}
+
 void DrawConstellation(Canvas& canvas, const ProbeSnapshot& s) {
   char title[64];
-  std::snprintf(title, sizeof title, "CONSTELLATION  %zu CARRIERS", s.carrierRe.size());
+  std::snprintf(title, sizeof title, "CONSTELLATION, %zu CARRIERS", s.carrierRe.size());
   const Area a = DrawPanelFrame(canvas, 0, 0, title);
-  // A square plot centred in the area; the scale follows the spread of the points, with the
-  // outermost 0.5 % left out so that a few wild carriers do not shrink the cloud to a dot.
+  // The scale follows the spread of the points, with the outermost 0.5 % left out so that a few
+  // wild carriers do not shrink the cloud to a dot.
   std::vector<double> magnitudes;
   magnitudes.reserve(s.carrierRe.size() * 2);
   for (size_t i = 0; i < s.carrierRe.size(); ++i) {
@@ -215,53 +275,89 @@ void DrawConstellation(Canvas& canvas, const ProbeSnapshot& s) {
     std::nth_element(magnitudes.begin(), magnitudes.begin() + static_cast<std::ptrdiff_t>(k), magnitudes.end());
     if (magnitudes[k] > 0.0) scale = magnitudes[k] * 1.2;
   }
-  const int32_t side = std::min(a.Width(), a.Height());
-  const int32_t cx = (a.x0 + a.x1) / 2, cy = (a.y0 + a.y1) / 2;
-  const Area sq{cx - side / 2, cy - side / 2, cx + side / 2, cy + side / 2};
-  canvas.Line(sq.x0, cy, sq.x1, cy, GREY);
-  canvas.Line(cx, sq.y0, cx, sq.y1, GREY);
+  // A square plot: the axes' area narrowed to the height of the plot.
+  Area square = a;
+  const int32_t extra = (a.Width() - a.Height()) / 2;
+  if (extra > 0) {
+    square.x0 += extra;
+    square.x1 -= extra;
+  }
+  const Axes ax = DrawAxes(canvas, square, -scale, scale, -scale, scale, "I (IN PHASE)", "Q (QUADRATURE)");
   for (size_t i = 0; i < s.carrierRe.size(); ++i) {
     if (!Finite(s.carrierRe[i]) || !Finite(s.carrierIm[i])) continue;
-    const int32_t x = ToPixel(s.carrierRe[i], -scale, scale, sq.x0, sq.x1);
-    const int32_t y = ToPixel(s.carrierIm[i], -scale, scale, sq.y1, sq.y0);
+    const int32_t x = ToPixel(s.carrierRe[i], -scale, scale, ax.plot.x0, ax.plot.x1);
+    const int32_t y = ToPixel(s.carrierIm[i], -scale, scale, ax.plot.y1, ax.plot.y0);
     canvas.Blend(x, y, BLUE, 96);
   }
-  char label[32];
-  std::snprintf(label, sizeof label, "+-%.3g", scale);
-  canvas.Text(a.x0 + 3, a.y1 - 10, label, DARK_GREY);
 }
 
+// The channel estimate across the carriers: magnitude on top and the phase, unwrapped along the
+// carriers, below it. A linear phase is a time offset of the FFT window: the slope is printed and
+// the line taken out.
 void DrawChannel(Canvas& canvas, const ProbeSnapshot& s) {
-  const Area a = DrawPanelFrame(canvas, PICTURE_WIDTH / 2, 0, "CHANNEL  MAGNITUDE  PHASE");
+  const Area a = DrawPanelFrame(canvas, PANEL_W, 0, "CHANNEL ESTIMATE");
   const size_t n = std::min(s.channelRe.size(), s.channelIm.size());
   std::vector<double> magnitude(n), phase(n);
+  double previous = 0.0, turns = 0.0;
+  bool started = false;
   for (size_t i = 0; i < n; ++i) {
     magnitude[i] = std::hypot(s.channelRe[i], s.channelIm[i]);
-    phase[i] = std::atan2(s.channelIm[i], s.channelRe[i]);
+    const double wrapped = std::atan2(s.channelIm[i], s.channelRe[i]);
+    if (!Finite(wrapped)) {
+      phase[i] = wrapped;
+      continue;
+    }
+    if (started) {
+      const double step = wrapped - previous;
+      if (step > M_PI) turns -= 2.0 * M_PI;
+      if (step < -M_PI) turns += 2.0 * M_PI;
+    }
+    started = true;
+    previous = wrapped;
+    phase[i] = wrapped + turns;
   }
+  const std::vector<double> carrier = Indices(n, 0.0);
+  const double last = n > 1 ? static_cast<double>(n - 1) : 1.0;
+  const Area top{a.x0, a.y0, a.x1, (a.y0 + a.y1) / 2};
+  const Area bottom{a.x0, (a.y0 + a.y1) / 2 + 2, a.x1, a.y1};
+
   double lo = 0.0, hi = 0.0;
   Range(magnitude, lo, hi);
-  lo = 0.0;
-  if (hi <= 0.0) hi = 1.0;
-  const int32_t mid = (a.y0 + a.y1) / 2;
-  canvas.Line(a.x0, mid, a.x1, mid, GREY);
-  PlotSeries(canvas, a, phase, -M_PI, M_PI, RED, M_PI);
-  PlotSeries(canvas, a, magnitude, lo, hi * 1.1, BLUE);
-  char label[48];
-  std::snprintf(label, sizeof label, "%zu CARRIERS  MAX %.3g", n, hi);
-  canvas.Text(a.x0 + 3, a.y1 - 10, label, DARK_GREY);
+  const Axes m = DrawAxes(canvas, top, 0.0, last, 0.0, hi > 0.0 ? hi * 1.1 : 1.0, "", "|H|");
+  PlotSeries(canvas, m, carrier, magnitude, BLUE);
+
+  // The straight line that fits best (least squares) is taken out and its slope printed, so
+  // that what echoes and filters do to the phase stays visible beside the window's offset.
+  double sx = 0, sy = 0, sxx = 0, sxy = 0, count = 0;
+  for (size_t i = 0; i < n; ++i) {
+    if (!Finite(phase[i])) continue;
+    sx += carrier[i];
+    sy += phase[i];
+    sxx += carrier[i] * carrier[i];
+    sxy += carrier[i] * phase[i];
+    count += 1;
+  }
+  const double det = count * sxx - sx * sx;
+  const double slope = det > 0 ? (count * sxy - sx * sy) / det : 0.0;
+  const double offset = count > 0 ? (sy - slope * sx) / count : 0.0;
+  for (size_t i = 0; i < n; ++i) phase[i] -= offset + slope * carrier[i];
+  Range(phase, lo, hi);
+  lo = std::min(lo, -M_PI);
+  hi = std::max(hi, M_PI);
+  const Axes p = DrawAxes(canvas, bottom, 0.0, last, lo, hi, "CARRIER", "PHASE (RAD)");
+  PlotSeries(canvas, p, carrier, phase, RED);
+  char label[80];
+  std::snprintf(label, sizeof label, "UNWRAPPED, LESS THE LINE %+.3g RAD/CARRIER", slope);
+  canvas.Text(p.plot.x0 + 6, p.plot.y0 + 6, label, DARK_GREY, TICK_SCALE);
 }
 
 void DrawTiming(Canvas& canvas, const ProbeSnapshot& s) {
-  const Area a = DrawPanelFrame(canvas, 0, PICTURE_HEIGHT / 2, "TIMING PROFILE");
+  const Area a = DrawPanelFrame(canvas, 0, PANEL_H, "TIMING PROFILE");
   double lo = 0.0, hi = 0.0;
   Range(s.timingProfile, lo, hi);
-  const int32_t cx = (a.x0 + a.x1) / 2;
-  canvas.Line(cx, a.y0, cx, a.y1, GREY);
-  PlotSeries(canvas, a, s.timingProfile, lo, hi, GREEN);
-  char label[48];
-  std::snprintf(label, sizeof label, "%zu TAPS  %.3g TO %.3g", s.timingProfile.size(), lo, hi);
-  canvas.Text(a.x0 + 3, a.y1 - 10, label, DARK_GREY);
+  const double half = static_cast<double>(s.timingProfile.size() / 2);
+  const Axes ax = DrawAxes(canvas, a, -half, half, lo, hi, "OFFSET (SAMPLES)", "CORRELATION");
+  PlotSeries(canvas, ax, Indices(s.timingProfile.size(), -half), s.timingProfile, GREEN);
 }
 
 const char* BlockStateName(double state) {
@@ -277,43 +373,44 @@ const char* BlockStateName(double state) {
 }
 
 void DrawStatus(Canvas& canvas, const ProbeSnapshot& s) {
-  const Area a = DrawPanelFrame(canvas, PICTURE_WIDTH / 2, PICTURE_HEIGHT / 2, "STATUS");
+  const Area a = DrawPanelFrame(canvas, PANEL_W, PANEL_H, "STATUS");
   char line[96];
-  int32_t y = a.y0 + 8;
+  int32_t y = a.y0 + 6;
   auto put = [&](const char* text) {
-    canvas.Text(a.x0 + 8, y, text, BLACK);
-    y += 12;
+    canvas.Text(a.x0 + 10, y, text, BLACK);
+    y += CHAR_H + 8;
   };
   const double state = Finite(s.blockState) ? s.blockState : 0.0;
   const double channel = Finite(s.channelState) ? s.channelState : 0.0;
   std::snprintf(line, sizeof line, "SNR %.2f DB", s.snrDb);
   put(line);
-  std::snprintf(line, sizeof line, "FREQUENCY OFFSET %.4f", s.frequencyOffset);
+  std::snprintf(line, sizeof line, "CARRIER OFFSET %+.4f SPACINGS", s.frequencyOffset);
   put(line);
-  std::snprintf(line, sizeof line, "STATE %d %s", static_cast<int>(std::lround(state)), BlockStateName(state));
+  std::snprintf(line, sizeof line, "STATE %s (%d)", BlockStateName(state), static_cast<int>(std::lround(state)));
   put(line);
-  std::snprintf(line, sizeof line, "CHANNEL %s", std::lround(channel) == 1 ? "FAST" : "SLOW");
+  std::snprintf(line, sizeof line, "CHANNEL %s", std::lround(channel) == 1 ? "FAST (MOVING)" : "SLOW");
   put(line);
-  std::snprintf(line, sizeof line, "PACKET ERR %.4f FAIL %.4f", s.rates[0], s.rates[2]);
+  std::snprintf(line, sizeof line, "PACKET ERR %.4f  FAIL %.4f", s.rates[0], s.rates[2]);
   put(line);
   std::snprintf(line, sizeof line, "BYTE ERR %.4f", s.rates[1]);
   put(line);
-  int n = std::snprintf(line, sizeof line, "JUMPS %zu:", s.jumps.size());
-  for (size_t i = 0; i < s.jumps.size() && n > 0 && n < 80; ++i)
+  int n = std::snprintf(line, sizeof line, "TIMING STEPS %zu:", s.jumps.size());
+  for (size_t i = 0; i < s.jumps.size() && n > 0 && n < 34; ++i)
     n += std::snprintf(line + n, sizeof line - static_cast<size_t>(n), " %d", static_cast<int>(s.jumps[i]));
   put(line);
   std::snprintf(line, sizeof line, "UPDATE %llu", static_cast<unsigned long long>(s.update));
   put(line);
 
   // SNR bar, 0 to 30 dB, red below 10, green above 20.
-  const int32_t bx0 = a.x0 + 8, bx1 = a.x1 - 8, by0 = a.y1 - 30, by1 = a.y1 - 16;
+  const int32_t bx0 = a.x0 + 10, bx1 = a.x1 - 10, by0 = a.y1 - CHAR_H - 36, by1 = a.y1 - CHAR_H - 12;
   canvas.Rect(bx0, by0, bx1, by1, DARK_GREY);
   const double snr = Finite(s.snrDb) ? s.snrDb : 0.0;
   const int32_t fill = ToPixel(snr, 0.0, 30.0, bx0 + 1, bx1 - 1);
   const Rgb c = snr < 10.0 ? RED : (snr < 20.0 ? Rgb{220, 160, 20} : GREEN);
   if (fill > bx0 + 1) canvas.FillRect(bx0 + 1, by0 + 1, fill, by1 - 1, c);
-  canvas.Text(bx0, by1 + 3, "0", DARK_GREY);
-  canvas.Text(bx1 - 12, by1 + 3, "30", DARK_GREY);
+  canvas.Text(bx0, by1 + 6, "0", DARK_GREY);
+  canvas.Text((bx0 + bx1) / 2 - 5 * CHAR_W, by1 + 6, "SNR (DB)", DARK_GREY);
+  canvas.Text(bx1 - 2 * CHAR_W, by1 + 6, "30", DARK_GREY);
 }
 
 // Writes text into path via a temporary name and a rename.

@@ -23,8 +23,8 @@ struct ProbeSnapshot {
   uint64_t update = 0;                       // number of this update since the bridge started
 };
 
-constexpr int32_t PICTURE_WIDTH = 640;
-constexpr int32_t PICTURE_HEIGHT = 480;
+constexpr int32_t PICTURE_WIDTH = 960;
+constexpr int32_t PICTURE_HEIGHT = 720;
 
 // RGB, 3 bytes per pixel, rows top to bottom.
 std::vector<uint8_t> RenderProbePicture(const ProbeSnapshot& snapshot);
