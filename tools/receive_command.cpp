@@ -15,6 +15,7 @@
 
 #include "tools/command_registry.h"
 #include "tools/process_memory.h"
+#include "tools/sdr_diagnosis.h"
 #include "zfnisdbt.h"
 
 namespace {
@@ -188,6 +189,7 @@ int RunReceive(int argc, char** argv) {
     ZFISDBT_CloseDevice();
     if (opened == 2) {
       std::fprintf(stderr, "zfnisdbt receive: the device library found no device (open result 2)\n");
+      zfn::tools::ExplainNoDevice(stderr);
     } else if (o.simulate) {
       std::fprintf(stderr,
                    "zfnisdbt receive: open failed: libZFNACCESS.so and libBDA_simu.so must both be found "

@@ -18,11 +18,15 @@ constexpr double MIN_STREAM_RATE_HZ = 1.2e6;
 // A rate this close to the device rate is the device rate: no resampling.
 constexpr double SAME_RATE_TOLERANCE_HZ = 1.0;
 
-// With no arguments the first SDR found serves; sound cards, which the audio module lists as
+// With no arguments the first SDR found serves. Sound cards, which the audio module lists as
 // devices, are never taken for one.
-inline bool UsableByDefault(const SoapySDR::Kwargs& found) {
-  const auto driver = found.find("driver");
-  return driver == found.end() || driver->second != "audio";
+inline SoapySDR::KwargsList FindDefaultDevices() {
+  SoapySDR::KwargsList found;
+  for (const auto& device : SoapySDR::Device::enumerate(SoapySDR::Kwargs{})) {
+    const auto driver = device.find("driver");
+    if (driver == device.end() || driver->second != "audio") found.push_back(device);
+  }
+  return found;
 }
 
 // The rate to stream at, from the rates the device lists and the ranges it offers: the device rate

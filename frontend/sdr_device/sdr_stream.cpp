@@ -275,10 +275,8 @@ void ReadLoop() {
 
 SoapySDR::Device* MakeDevice(const std::string& args) {
   if (!args.empty()) return SoapySDR::Device::make(args);
-  for (const auto& found : SoapySDR::Device::enumerate(std::string())) {
-    if (UsableByDefault(found)) return SoapySDR::Device::make(found);
-  }
-  return nullptr;
+  const SoapySDR::KwargsList found = FindDefaultDevices();
+  return found.empty() ? nullptr : SoapySDR::Device::make(found.front());
 }
 
 void SetUpGain(const SdrSettings& s) {
