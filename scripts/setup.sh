@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(
   cmake make g++ pkg-config binutils
   libgtest-dev libbenchmark-dev libfftw3-dev libpng-dev
+  libsoapysdr-dev soapysdr-module-all libliquid-dev
 )
 
 missing=()

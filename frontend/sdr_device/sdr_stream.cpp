@@ -39,9 +39,9 @@ constexpr auto DEAD_AFTER = std::chrono::milliseconds(500);  // no samples this 
 constexpr auto ERROR_PAUSE = std::chrono::milliseconds(10);  // between reads that fail at once
 constexpr size_t RING_BYTES = size_t{1} << 22;  // about one second of the device byte stream
 
-// Resampler: a polyphase filter bank of semi-length 12 taps, 60 dB stop band, 32 phases. Its pass
+// Resampler: a polyphase filter bank of semi-length 8 taps, 60 dB stop band, 32 phases. Its pass
 // band reaches 0.45 of the lower of the two rates, well beyond what the conditioning keeps.
-constexpr unsigned RESAMPLER_M = 12;
+constexpr unsigned RESAMPLER_M = 8;
 constexpr size_t HISTORY = 2 * RESAMPLER_M;  // input kept from the read before
 constexpr float RESAMPLER_STOPBAND_DB = 60.0f;
 constexpr unsigned RESAMPLER_PHASES = 32;

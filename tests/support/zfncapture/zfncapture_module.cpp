@@ -226,7 +226,7 @@ class CaptureDevice : public SoapySDR::Device {
     resampler_ = nullptr;
     if (std::fabs(rate_ - FILE_RATE_HZ) > 0.5) {
       const float r = static_cast<float>(rate_ / FILE_RATE_HZ);
-      resampler_ = resamp_crcf_create(r, 16, 0.45f * std::min(1.0f, r), 70.0f, 64);
+      resampler_ = resamp_crcf_create(r, 8, 0.45f * std::min(1.0f, r), 60.0f, 32);
     }
   }
   double getSampleRate(const int, const size_t) const override {
