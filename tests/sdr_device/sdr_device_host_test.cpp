@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
+#include <ostream>
 #include <thread>
 #include <vector>
 
@@ -40,13 +41,16 @@ struct HostCase {
   const char* moduleArgs;
 };
 
+void PrintTo(const HostCase& c, std::ostream* os) { *os << c.name; }
+
 class SdrHost : public testing::TestWithParam<HostCase> {};
 
 TEST_P(SdrHost, ReceivesTheTransmittedStream) {
   zfn::sdrtest::UseOnlyTheCaptureModule();
   static const zfn::sdrtest::Capture capture = zfn::sdrtest::WriteCapture("sdr_host_capture.u8", 4.0);
-  // In real time, as a device streams: the library and the module resample in real time too.
-  const std::string speed = "speed=1";
+  // In real time, as a device streams (the library and the module resample in real time too),
+  // with a device buffer that rides out the stalls of a busy machine.
+  const std::string speed = "speed=1,buffer=2";
   const std::string extra = std::string(GetParam().moduleArgs) + (GetParam().moduleArgs[0] != '\0' ? "," : "") + speed;
   setenv("ZFNISDBT_DEVICE", zfn::sdrtest::CaptureArgs(capture, extra).c_str(), 1);
   {

@@ -158,9 +158,9 @@ TEST(SdrDeviceLibrary, AStreamThatEndsIsNoLongerAnnouncedAndClosesPromptly) {
     std::string extra;
   };
   const Case cases[] = {
-      {"end of the capture", "speed=4"},
-      {"reads fail (unplugged)", "speed=4,fail_after=0.2"},
-      {"reads time out", "speed=4,fail_after=0.2,fail_mode=timeout"},
+      {"end of the capture", "speed=2,buffer=1"},
+      {"reads fail (unplugged)", "speed=2,buffer=1,fail_after=0.3"},
+      {"reads time out", "speed=2,buffer=1,fail_after=0.3,fail_mode=timeout"},
   };
   const int event = eventfd(0, EFD_NONBLOCK);
   ASSERT_GE(event, 0);
@@ -171,7 +171,7 @@ TEST(SdrDeviceLibrary, AStreamThatEndsIsNoLongerAnnouncedAndClosesPromptly) {
     int descriptor = event;
     ASSERT_EQ(lib.SetEvent(&descriptor), 1);
     Clock::time_point lastData;
-    const size_t fetched = FetchUntilQuiet(lib, event, 0.9, 10.0, &lastData);
+    const size_t fetched = FetchUntilQuiet(lib, event, 0.8, 10.0, &lastData);
     EXPECT_GT(fetched, size_t{100000});
     EXPECT_LE(fetched, 2 * HalfSecond().samples);
     // Silent: nothing announced, nothing to fetch.

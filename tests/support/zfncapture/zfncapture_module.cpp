@@ -10,6 +10,7 @@
 //   rates=R1,R2,...   the sample rates offered (default 1024000,2031746,2048000,2400000); the
 //                     capture is resampled to the rate chosen
 //   speed=X           pacing: X times real time (default 1); 0 delivers as fast as read
+//   buffer=S          seconds of stream the device holds before it overflows (default 0.25)
 //   gain_ref=DB       the gain at which the capture plays at its recorded level (default 25, the
 //                     middle of the 0..50 dB range)
 //   center=HZ         the frequency the capture was recorded at: tuning elsewhere shifts it by the
@@ -43,7 +44,7 @@ using Complex = std::complex<float>;
 using Clock = std::chrono::steady_clock;
 
 constexpr double FILE_RATE_HZ = 2031746.0;
-constexpr double BUFFER_SECONDS = 0.25;  // what the device holds before it overflows
+constexpr double BUFFER_SECONDS = 0.25;  // what the device holds before it overflows, by default
 constexpr double GAIN_MAX_DB = 50.0;
 
 std::string Arg(const SoapySDR::Kwargs& args, const std::string& key, const std::string& otherwise) {
@@ -77,6 +78,7 @@ class CaptureDevice : public SoapySDR::Device {
       }
     }
     speed_ = NumberArg(args, "speed", 1.0);
+    bufferSeconds_ = NumberArg(args, "buffer", BUFFER_SECONDS);
     gainRef_ = NumberArg(args, "gain_ref", GAIN_MAX_DB / 2);
     gain_ = GAIN_MAX_DB / 2;
     hasCenter_ = args.count("center") != 0;
@@ -138,9 +140,9 @@ class CaptureDevice : public SoapySDR::Device {
     if (speed_ > 0) {
       const auto deadline = Clock::now() + std::chrono::microseconds(timeoutUs);
       int64_t due = Due();
-      if (due - static_cast<int64_t>(delivered_) > static_cast<int64_t>(BUFFER_SECONDS * rate_)) {
+      if (due - static_cast<int64_t>(delivered_) > static_cast<int64_t>(bufferSeconds_ * rate_)) {
         // The reader fell behind: the device's buffer ran over and its oldest samples are gone.
-        Skip(static_cast<size_t>(due - static_cast<int64_t>(delivered_)) - static_cast<size_t>(BUFFER_SECONDS * rate_ / 2));
+        Skip(static_cast<size_t>(due - static_cast<int64_t>(delivered_)) - static_cast<size_t>(bufferSeconds_ * rate_ / 2));
         ++overflows_;
         return SOAPY_SDR_OVERFLOW;
       }
@@ -303,6 +305,7 @@ class CaptureDevice : public SoapySDR::Device {
   std::vector<double> rates_;
   double rate_ = FILE_RATE_HZ;
   double speed_ = 1.0;
+  double bufferSeconds_ = BUFFER_SECONDS;
   double gain_ = 25.0;
   double gainRef_ = 25.0;
   bool hasCenter_ = false;
