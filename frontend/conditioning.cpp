@@ -112,11 +112,12 @@ ZFN_VECTOR_LOOP void HalfBand(const float* x, float* y, size_t n) {
   }
 }
 
-// DC removal and the correction of Q, in place.
-ZFN_VECTOR_LOOP void Correct(float* xi, float* xq, size_t n, float dcI, float dcQ, float a, float b) {
+// DC removal and the correction of Q, from the raw input to the filter's input.
+ZFN_VECTOR_LOOP void Correct(const float* ri, const float* rq, float* xi, float* xq, size_t n, float dcI, float dcQ,
+                             float a, float b) {
   for (size_t k = 0; k < n; ++k) {
-    const float u = xi[k] - dcI;
-    const float v = xq[k] - dcQ;
+    const float u = ri[k] - dcI;
+    const float v = rq[k] - dcQ;
     xi[k] = u;
     xq[k] = a * v + b * u;
   }
@@ -139,51 +140,44 @@ void UpdateGain(SdrConditioner& c) {
   c.gain = std::min(MAX_GAIN, TARGET_LEVEL / std::sqrt(std::max(c.filteredPower, MIN_POWER)));
 }
 
-// Conditions the n raw samples that stand in xI, xQ behind the filter history into yI, yQ, and
-// updates every estimate from them first. Returns the sum of |x|^2 of the raw samples.
-float ConditionChunk(SdrConditioner& c, size_t n) {
-  float* xi = c.xI + SDR_FILTER_HISTORY;
-  float* xq = c.xQ + SDR_FILTER_HISTORY;
-  const float inv = 1.0f / static_cast<float>(n);
-  const ChunkSums s = SumInput(xi, xq, n);
-  // Until a time constant's worth has come in, each estimate is the plain mean of all chunks so
-  // far (the first chunk alone at first); then it follows with its time constant.
-  const double seen = static_cast<double>(c.samplesIn);
+// Folds the statistics of the block just completed (the raw input in rawI, rawQ and the filtered
+// output in yI, yQ, SDR_CHUNK samples each) into the estimates that the next block is conditioned
+// with. Until a time constant's worth has come in, each estimate is the plain mean of all blocks so
+// far (the first block alone at first); then it follows with its time constant.
+void UpdateEstimates(SdrConditioner& c) {
+  constexpr size_t n = SDR_CHUNK;
+  constexpr float inv = 1.0f / static_cast<float>(n);
+  const ChunkSums s = SumInput(c.rawI, c.rawQ, n);
+  const double seen = static_cast<double>(c.samplesIn - n);
   auto follow = [&](float& estimate, float value, double samples) {
     estimate = Smooth(estimate, value, n, std::min(samples, seen + static_cast<double>(n)));
   };
   follow(c.meanI, s.i * inv, DC_SAMPLES);
   follow(c.meanQ, s.q * inv, DC_SAMPLES);
-  // Moments about the DC estimate, not the chunk's own mean, so that short chunks are not biased.
+  // Moments about the DC estimate.
   const float mi = c.meanI, mq = c.meanQ;
   follow(c.powerI, (s.ii - 2.0f * mi * s.i) * inv + mi * mi, IMBALANCE_SAMPLES);
   follow(c.powerQ, (s.qq - 2.0f * mq * s.q) * inv + mq * mq, IMBALANCE_SAMPLES);
   follow(c.crossIQ, (s.iq - mi * s.q - mq * s.i) * inv + mi * mq, IMBALANCE_SAMPLES);
-  follow(c.inputRms, std::sqrt(0.5f * (s.ii + s.qq) * inv), LEVEL_SAMPLES);
+  c.rms = std::sqrt((s.ii + s.qq) * inv);
+  follow(c.inputRms, c.rms * 0.70710678f, LEVEL_SAMPLES);
   follow(c.inputClipFraction, s.clipped * inv, LEVEL_SAMPLES);
   c.inputClipped += static_cast<uint64_t>(s.clipped);
   UpdateImbalance(c);
-
-  Correct(xi, xq, n, c.meanI, c.meanQ, c.qFromQ, c.qFromI);
-  HalfBand(c.xI, c.yI, n);
-  HalfBand(c.xQ, c.yQ, n);
-  std::memmove(c.xI, c.xI + n, sizeof(float) * SDR_FILTER_HISTORY);
-  std::memmove(c.xQ, c.xQ + n, sizeof(float) * SDR_FILTER_HISTORY);
-
   follow(c.filteredPower, 0.5f * SumPower(c.yI, c.yQ, n) * inv, LEVEL_SAMPLES);
   UpdateGain(c);
-  c.samplesIn += n;
   c.primed = true;
-  return s.ii + s.qq;
 }
 
-// Bytes of the filtered chunk at the gain: I, Q per sample, zero level 127, rounded to nearest.
-ZFN_VECTOR_LOOP void Requantise(SdrConditioner& c, size_t n, uint8_t* out) {
+// Bytes of filtered samples at the gain: I, Q per sample, zero level 127, rounded to nearest.
+ZFN_VECTOR_LOOP void Requantise(SdrConditioner& c, size_t from, size_t n, uint8_t* out) {
   const float scale = c.gain * 128.0f;
+  const float* yi = c.yI + from;
+  const float* yq = c.yQ + from;
   uint32_t clipped = 0;
   for (size_t k = 0; k < n; ++k) {
-    const float vi = c.yI[k] * scale + 127.5f;
-    const float vq = c.yQ[k] * scale + 127.5f;
+    const float vi = yi[k] * scale + 127.5f;
+    const float vq = yq[k] * scale + 127.5f;
     clipped += static_cast<uint32_t>((vi < 0.0f) | (vi >= 256.0f)) + static_cast<uint32_t>((vq < 0.0f) | (vq >= 256.0f));
     const auto bi = static_cast<uint32_t>(static_cast<int32_t>(std::min(std::max(vi, 0.0f), 255.0f)));
     const auto bq = static_cast<uint32_t>(static_cast<int32_t>(std::min(std::max(vq, 0.0f), 255.0f)));
@@ -193,10 +187,8 @@ ZFN_VECTOR_LOOP void Requantise(SdrConditioner& c, size_t n, uint8_t* out) {
   c.outputClipped += clipped;
 }
 
-// Input to floats behind the filter history; what is not a finite number counts as 0.
-ZFN_VECTOR_LOOP void Load(SdrConditioner& c, const float* iq, size_t n) {
-  float* xi = c.xI + SDR_FILTER_HISTORY;
-  float* xq = c.xQ + SDR_FILTER_HISTORY;
+// Input to floats; what is not a finite number counts as 0.
+ZFN_VECTOR_LOOP void Load(float* xi, float* xq, const float* iq, size_t n) {
   for (size_t k = 0; k < n; ++k) {
     const float i = iq[2 * k], q = iq[2 * k + 1];
     xi[k] = std::fabs(i) <= 1e6f ? i : 0.0f;  // false for NaN too
@@ -204,15 +196,17 @@ ZFN_VECTOR_LOOP void Load(SdrConditioner& c, const float* iq, size_t n) {
   }
 }
 
-ZFN_VECTOR_LOOP void Load(SdrConditioner& c, const uint8_t* iq, size_t n) {
-  float* xi = c.xI + SDR_FILTER_HISTORY;
-  float* xq = c.xQ + SDR_FILTER_HISTORY;
+ZFN_VECTOR_LOOP void Load(float* xi, float* xq, const uint8_t* iq, size_t n) {
   for (size_t k = 0; k < n; ++k) {
     xi[k] = (static_cast<float>(iq[2 * k]) - 127.5f) * 0.0078125f;
     xq[k] = (static_cast<float>(iq[2 * k + 1]) - 127.5f) * 0.0078125f;
   }
 }
 
+// The input is conditioned in blocks of SDR_CHUNK samples on a grid that counts from the reset,
+// whatever lengths the calls have: a block is conditioned with the estimates of the blocks before
+// it, and its own statistics are taken once it is whole. The output is therefore the same byte
+// for byte however the stream is cut into calls.
 template <class Sample>
 size_t Condition(SdrConditioner& c, const Sample* iq, size_t samples, uint8_t* out) {
   size_t pairs = 0;  // samples written to out, two bytes each
@@ -222,16 +216,26 @@ size_t Condition(SdrConditioner& c, const Sample* iq, size_t samples, uint8_t* o
     pairs = 1;
     c.heldValid = false;
   }
-  double power = 0.0;
   for (size_t done = 0; done < samples;) {
-    const size_t n = std::min(SDR_CHUNK, samples - done);
-    Load(c, iq + 2 * done, n);
-    power += ConditionChunk(c, n);
-    Requantise(c, n, out + 2 * pairs);
+    const size_t from = c.blockFill;
+    const size_t n = std::min(SDR_CHUNK - from, samples - done);
+    Load(c.rawI + from, c.rawQ + from, iq + 2 * done, n);
+    Correct(c.rawI + from, c.rawQ + from, c.xI + SDR_FILTER_HISTORY + from, c.xQ + SDR_FILTER_HISTORY + from, n,
+            c.meanI, c.meanQ, c.qFromQ, c.qFromI);
+    HalfBand(c.xI + from, c.yI + from, n);
+    HalfBand(c.xQ + from, c.yQ + from, n);
+    Requantise(c, from, n, out + 2 * pairs);
     pairs += n;
     done += n;
+    c.samplesIn += n;
+    c.blockFill = from + n;
+    if (c.blockFill == SDR_CHUNK) {
+      UpdateEstimates(c);
+      std::memcpy(c.xI, c.xI + SDR_CHUNK, sizeof(float) * SDR_FILTER_HISTORY);
+      std::memcpy(c.xQ, c.xQ + SDR_CHUNK, sizeof(float) * SDR_FILTER_HISTORY);
+      c.blockFill = 0;
+    }
   }
-  if (samples > 0) c.rms = static_cast<float>(std::sqrt(power / static_cast<double>(samples)));
   if (pairs % 2 != 0) {
     c.held[0] = out[2 * pairs - 2];
     c.held[1] = out[2 * pairs - 1];

@@ -18,8 +18,10 @@
 //   byte component (the level of the design's device as our simulator models it), followed with a
 //   time constant of 100 ms;
 // - requantisation to unsigned bytes, zero level 127, one step 1/128 of full scale.
-// Until a time constant's worth of samples has come in, each estimate is the plain mean of all so
-// far, so the first chunk of a stream is already conditioned at the right level.
+// The estimates are taken over blocks of SDR_CHUNK samples counted from the reset and used for the
+// block after, so the output is the same byte for byte however the input is cut into calls. Until
+// a time constant's worth of samples has come in, each estimate is the plain mean of all blocks so
+// far; the first block (1 ms) goes through with no correction and unit gain.
 #include <cstddef>
 #include <cstdint>
 
@@ -28,7 +30,7 @@ namespace zfn {
 // The device rate of the design: 28.8 MHz * 2^22 / 59454256.
 constexpr double DEVICE_SAMPLE_RATE_HZ = 28800000.0 * 4194304.0 / 59454256.0;
 
-// Samples conditioned in one pass; longer calls are cut into chunks of this length.
+// Samples of one block of statistics (about 1 ms).
 constexpr size_t SDR_CHUNK = 2048;
 // Half-band filter: taps - 1 samples of history.
 constexpr int SDR_FILTER_TAPS = 47;
@@ -41,7 +43,7 @@ constexpr float SDR_INPUT_TARGET_RMS = 28.0f / 128.0f;
 
 struct SdrConditioner {
   // What the SDR gain control reads (see SdrGainAdviceDb). Full scale is 1.0.
-  float rms;                  // complex RMS of the input of the last call
+  float rms;                  // complex RMS of the input over the last whole block
   float inputRms;             // RMS per component of the input, followed over 100 ms
   float inputClipFraction;    // share of input samples with a component at the rails, over 100 ms
   uint64_t inputClipped;      // input samples with a component at the rails, since the reset
@@ -56,7 +58,11 @@ struct SdrConditioner {
   float filteredPower;        // mean power per component after the filter, before the gain
   float gain;                 // digital gain applied before requantisation
 
-  // Work areas: filter history followed by the chunk, and the filtered chunk.
+  // Work areas of the block under way: its raw input, the corrected input behind the filter
+  // history, the filtered output.
+  size_t blockFill;           // samples of the block so far
+  float rawI[SDR_CHUNK];
+  float rawQ[SDR_CHUNK];
   float xI[SDR_FILTER_HISTORY + SDR_CHUNK];
   float xQ[SDR_FILTER_HISTORY + SDR_CHUNK];
   float yI[SDR_CHUNK];

@@ -55,10 +55,6 @@ struct Setting {
   bool sdr = false;
 };
 
-void SetFrontEnd(const Setting& s, zfn::sim::BroadcastConfig& b, zfn::sim::ChannelConfig& c) {
-  if (!s.sdr) return;
-  b.wideDeviceFilter = true;
-}
 
 Point RunPoint(const Setting& setting, double cnDb, double seconds, uint64_t seed, bool resync) {
   Point p;
@@ -71,7 +67,7 @@ Point RunPoint(const Setting& setting, double cnDb, double seconds, uint64_t see
   c.seed = seed + 1;
   c.carrierOffsetHz = setting.carrierOffsetHz;
   c.clockPpm = setting.clockPpm;
-  SetFrontEnd(setting, b, c);
+  if (setting.sdr) c.frontEnd = zfn::sim::FrontEnd::Sdr;  // the simulator's defaults for DC and imbalance
   std::string error;
   auto gen = zfn::sim::SignalGenerator::Create(b, c, zfn::sim::MakeTestPatternSource(seed), &error);
   if (!gen) {

@@ -25,8 +25,8 @@ constexpr size_t BLOCK_BYTES = 240640;
 const std::vector<uint8_t>& Recording() {
   static const std::vector<uint8_t> recording = [] {
     sim::BroadcastConfig b;
-    b.wideDeviceFilter = true;
     sim::ChannelConfig c;
+    c.frontEnd = sim::FrontEnd::Sdr;
     c.noise = true;
     c.cnDb = 20;
     c.carrierOffsetHz = -11000;
