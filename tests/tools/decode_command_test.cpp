@@ -71,11 +71,9 @@ std::map<std::string, std::string> LastLineJson(const std::string& text) {
 
 // A capture of the common broadcast (Mode 3, 1/8, QPSK 2/3, I = 4) with numbered test packets and
 // a little noise, made once for the suite: 40 whole blocks (2.37 s) and half a block more, with
-// the packets that went in. The file holds the whole blocks. Beside it, what a generic SDR records
-// of the same broadcast (other packets) at C/N 20 dB, 11 kHz below its channel and with its clock
-// 15 ppm slow: 2.37 s of 8-bit I/Q.
-std::vector<uint8_t> capture, sent, sdrSent;
-const std::string capturePath = TempPath("capture"), sdrPath = TempPath("sdr");
+// the packets that went in. The file holds the whole blocks.
+std::vector<uint8_t> capture, sent;
+const std::string capturePath = TempPath("capture");
 
 class DecodeCommand : public ::testing::Test {
  protected:
@@ -91,22 +89,8 @@ class DecodeCommand : public ::testing::Test {
     gen->GenerateBytes(capture.data(), capture.size());
     sent = gen->TransmittedPackets();
     WriteAll(capturePath, capture.data(), 40 * BLOCK_BYTES);
-
-    c.frontEnd = zfn::sim::FrontEnd::Sdr;
-    c.carrierOffsetHz = -11000;
-    c.clockPpm = -15;
-    auto sdr = zfn::sim::SignalGenerator::Create(zfn::sim::BroadcastConfig{}, c, zfn::sim::MakeTestPatternSource(8), &error);
-    ASSERT_TRUE(sdr) << error;
-    sdr->RecordPackets(true);
-    std::vector<uint8_t> recording(40 * BLOCK_BYTES);
-    sdr->GenerateBytes(recording.data(), recording.size());
-    sdrSent = sdr->TransmittedPackets();
-    WriteAll(sdrPath, recording.data(), recording.size());
   }
-  static void TearDownTestSuite() {
-    std::remove(capturePath.c_str());
-    std::remove(sdrPath.c_str());
-  }
+  static void TearDownTestSuite() { std::remove(capturePath.c_str()); }
 
   // The decoded stream must be the transmitted one from some packet on, within the first few
   // hundred packets (the start-up), and to its end.
@@ -160,14 +144,31 @@ TEST_F(DecodeCommand, StreamComesBackAndTheSummaryTellsTheBroadcast) {
   EXPECT_NE(std::string::npos, r.err.find("Mode 3, guard 1/8, QPSK 2/3"));
 }
 
-// A generic SDR's recording, through the device library's conditioning, comes back as the stream
-// that went in, with no failed packet after the start-up; read as the design device's stream (no
-// filter ahead of the sample drop) the same file gives nothing.
+// What a generic SDR records of the broadcast (other packets) at C/N 20 dB, 11 kHz below its
+// channel and with its clock 15 ppm slow, 2.37 s of 8-bit I/Q, through the device library's
+// conditioning, comes back as the stream that went in, with no failed packet after the start-up;
+// read as the design device's stream (no filter ahead of the sample drop) the same file gives
+// nothing.
 TEST_F(DecodeCommand, SdrRecordingComesBackThroughTheConditioning) {
+  zfn::sim::ChannelConfig c;
+  c.noise = true;
+  c.cnDb = 20;
+  c.frontEnd = zfn::sim::FrontEnd::Sdr;
+  c.carrierOffsetHz = -11000;
+  c.clockPpm = -15;
+  std::string error;
+  auto sdr = zfn::sim::SignalGenerator::Create(zfn::sim::BroadcastConfig{}, c, zfn::sim::MakeTestPatternSource(8), &error);
+  ASSERT_TRUE(sdr) << error;
+  sdr->RecordPackets(true);
+  std::vector<uint8_t> recording(40 * BLOCK_BYTES);
+  sdr->GenerateBytes(recording.data(), recording.size());
+  const std::string sdrPath = TempPath("sdr");
+  WriteAll(sdrPath, recording.data(), recording.size());
+
   const std::string ts = TempPath("sdr.ts");
   const Result r = RunProgram(sdrPath + " --front-end sdr --output " + ts + " --json");
   ASSERT_EQ(0, r.status) << r.err;
-  ExpectSentStream(ReadAll(ts), sdrSent);
+  ExpectSentStream(ReadAll(ts), sdr->TransmittedPackets());
   std::remove(ts.c_str());
   std::map<std::string, std::string> f = LastLineJson(r.out);
   const std::map<std::string, std::string> expected = {{"blocks", "40"},        {"final_state", "tracking"},
@@ -177,6 +178,7 @@ TEST_F(DecodeCommand, SdrRecordingComesBackThroughTheConditioning) {
   EXPECT_GT(std::stod(f["snr_db"]), 15.0);
 
   const Result plain = RunProgram(sdrPath + " --front-end device --json");
+  std::remove(sdrPath.c_str());
   ASSERT_EQ(0, plain.status) << plain.err;
   EXPECT_EQ("0", LastLineJson(plain.out)["packets"]);
 }
