@@ -64,37 +64,50 @@ std::vector<float> KaiserLowpass(double cutoff, double transition, double attenu
 
 FirFilter::FirFilter(const std::vector<float>& taps, int decimation, int maxBlock)
     : length_(static_cast<int>(taps.size())), decimation_(decimation) {
-  const int padded = (length_ + 7) / 8 * 8;
-  taps_.assign(static_cast<size_t>(padded - length_), 0.0f);
-  taps_.insert(taps_.end(), taps.rbegin(), taps.rend());
-  re_.assign(static_cast<size_t>(padded - 1 + maxBlock), 0.0f);
-  im_.assign(re_.size(), 0.0f);
+  // Output k is the sum over u of g[u] x[k D + u] along the buffer (history then block), whose
+  // history holds H = G - D samples: g[H - t] = h[t].
+  const int g = (length_ + decimation - 1 + 7) / 8 * 8;
+  history_ = g - decimation;
+  taps_.assign(static_cast<size_t>(g), 0.0f);
+  for (int t = 0; t < length_; ++t) taps_[static_cast<size_t>(history_ - t)] = taps[static_cast<size_t>(t)];
+  // One plane per phase of the decimation (sample p + D j of the buffer in plane p), real and
+  // imaginary parts apart, so that the loops over outputs run on contiguous floats.
+  const size_t plane = static_cast<size_t>(history_ / decimation + maxBlock / decimation + 1);
+  re_.assign(static_cast<size_t>(decimation), std::vector<float>(plane, 0.0f));
+  im_ = re_;
 }
 
 void FirFilter::Process(const std::complex<float>* in, int count, std::complex<float>* out) {
-  const int padded = static_cast<int>(taps_.size());
-  const int hist = padded - 1;
-  const float* v = reinterpret_cast<const float*>(in);
-  for (int n = 0; n < count; ++n) {
-    re_[static_cast<size_t>(hist + n)] = v[2 * n];
-    im_[static_cast<size_t>(hist + n)] = v[2 * n + 1];
-  }
-  const float* h = taps_.data();
-  for (int k = 0; k < count / decimation_; ++k) {
-    // Output at input i = k * decimation: the window x[i - padded + 1 .. i] against the taps.
-    const float* a = re_.data() + static_cast<size_t>(k * decimation_);
-    const float* b = im_.data() + static_cast<size_t>(k * decimation_);
-    float sr[8] = {}, si[8] = {};  // eight independent sums that the compiler keeps in vectors
-    for (int u = 0; u < padded; u += 8)
-      for (int j = 0; j < 8; ++j) {
-        sr[j] += h[u + j] * a[u + j];
-        si[j] += h[u + j] * b[u + j];
+  const int d = decimation_;
+  const int n = count / d;
+  const int hist = history_ / d;
+  for (int j = 0; j < n; ++j)
+    for (int p = 0; p < d; ++p) {
+      re_[static_cast<size_t>(p)][static_cast<size_t>(hist + j)] = in[d * j + p].real();
+      im_[static_cast<size_t>(p)][static_cast<size_t>(hist + j)] = in[d * j + p].imag();
+    }
+  constexpr int kStretch = 64;
+  const int perPlane = static_cast<int>(taps_.size()) / d;
+  for (int start = 0; start < n; start += kStretch) {
+    const int len = std::min(n - start, kStretch);
+    float ar[kStretch] = {}, ai[kStretch] = {};
+    for (int p = 0; p < d; ++p)
+      for (int v = 0; v < perPlane; ++v) {
+        const float c = taps_[static_cast<size_t>(d * v + p)];
+        if (c == 0.0f) continue;
+        const float* xr = re_[static_cast<size_t>(p)].data() + start + v;
+        const float* xi = im_[static_cast<size_t>(p)].data() + start + v;
+        for (int k = 0; k < len; ++k) {
+          ar[k] += c * xr[k];
+          ai[k] += c * xi[k];
+        }
       }
-    out[k] = {((sr[0] + sr[4]) + (sr[1] + sr[5])) + ((sr[2] + sr[6]) + (sr[3] + sr[7])),
-              ((si[0] + si[4]) + (si[1] + si[5])) + ((si[2] + si[6]) + (si[3] + si[7]))};
+    for (int k = 0; k < len; ++k) out[start + k] = {ar[k], ai[k]};
   }
-  std::memmove(re_.data(), re_.data() + count, sizeof(float) * static_cast<size_t>(hist));
-  std::memmove(im_.data(), im_.data() + count, sizeof(float) * static_cast<size_t>(hist));
+  for (int p = 0; p < d; ++p) {
+    std::memmove(re_[static_cast<size_t>(p)].data(), re_[static_cast<size_t>(p)].data() + n, sizeof(float) * static_cast<size_t>(hist));
+    std::memmove(im_[static_cast<size_t>(p)].data(), im_[static_cast<size_t>(p)].data() + n, sizeof(float) * static_cast<size_t>(hist));
+  }
 }
 
 double FirFilter::NoiseGain() const {

@@ -33,9 +33,9 @@ class FirFilter {
   double PowerResponse(double f) const;
 
  private:
-  std::vector<float> taps_;  // zeros in front up to a multiple of eight
-  int length_, decimation_;
-  std::vector<float> re_, im_;  // history then block, real and imaginary planes
+  std::vector<float> taps_;  // reversed, with zeros around them up to a multiple of eight
+  int length_, decimation_, history_ = 0;
+  std::vector<std::vector<float>> re_, im_;  // per phase of the decimation: history then block
 };
 
 // Time-varying tapped delay line of the multipath paths.

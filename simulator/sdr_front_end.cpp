@@ -29,20 +29,46 @@ constexpr int kOversample = 4;
 constexpr double kFastRateHz = kOversample * kBroadcastRateHz;
 constexpr double kPi = 3.141592653589793;
 
-// Transmitter: flat over the band (+-2.79 MHz), 50 dB down from 3.2 MHz.
-std::vector<float> TransmitTaps() { return KaiserLowpass(3.0e6 / kFastRateHz, 0.4e6 / kFastRateHz, 50.0); }
+// Transmitter: flat over the band (+-2.79 MHz), 45 dB down from 3.6 MHz. Beyond 1.11 MHz the SDR's
+// filter rules; the transmitter's filter matters here for what it does across symbol edges.
+std::vector<float> TransmitTaps() { return KaiserLowpass(3.2e6 / kFastRateHz, 0.8e6 / kFastRateHz, 45.0); }
 
-// The SDR's anti-alias filter: flat to 0.92 MHz, 6 dB down at the device's Nyquist frequency,
-// 55 dB from 1.11 MHz. Padded with zeros on both sides so that the two filters together delay by
-// whole device samples.
-std::vector<float> AntiAliasTaps(int transmitDelay) {
-  std::vector<float> taps = KaiserLowpass(0.5 * kBroadcastRateHz / kFastRateHz, 0.19e6 / kFastRateHz, 55.0);
-  const int delay = transmitDelay + static_cast<int>(taps.size() - 1) / 2;
-  const int pad = (kOversample - delay % kOversample) % kOversample;
-  taps.insert(taps.begin(), static_cast<size_t>(pad), 0.0f);
-  taps.insert(taps.end(), static_cast<size_t>(pad), 0.0f);
-  return taps;
+// The SDR's anti-alias filter and decimation, in two stages: to twice the device rate (flat to
+// 1.11 MHz, 55 dB down from 2.95 MHz, which would fold onto that), then to the device rate (flat
+// to 0.92 MHz, 6 dB down at the device's Nyquist frequency 1.016 MHz, 55 dB from 1.11 MHz).
+std::vector<float> FirstStageTaps() { return KaiserLowpass(2.03e6 / kFastRateHz, 1.84e6 / kFastRateHz, 55.0); }
+std::vector<float> SecondStageTaps() {
+  return KaiserLowpass(0.25, 0.19e6 / (2 * kBroadcastRateHz), 55.0);
 }
+
+// A filter that halves the rate, fed in pieces of any length: an odd sample waits for the next
+// piece. Its first inputs are dropped as many as the filters before it and itself delay, so that
+// output k lies at sample 2k of the undelayed stream.
+class Halver {
+ public:
+  Halver(const std::vector<float>& taps, int delayBefore, int maxBlock)
+      : fir_(taps, 2, maxBlock + 2), skip_(delayBefore + fir_.Delay()), buf_(static_cast<size_t>(maxBlock + 2)) {}
+  int Delay() const { return fir_.Delay(); }
+  const FirFilter& Filter() const { return fir_; }
+  int Process(const std::complex<float>* in, int count, std::complex<float>* out) {
+    const int skipped = std::min(skip_, count);
+    skip_ -= skipped;
+    std::memcpy(static_cast<void*>(buf_.data() + carried_), in + skipped,
+                sizeof(std::complex<float>) * static_cast<size_t>(count - skipped));
+    const int total = carried_ + count - skipped;
+    const int even = total / 2 * 2;
+    fir_.Process(buf_.data(), even, out);
+    carried_ = total - even;
+    if (carried_ > 0) buf_[0] = buf_[static_cast<size_t>(even)];
+    return even / 2;
+  }
+
+ private:
+  FirFilter fir_;
+  int skip_;
+  int carried_ = 0;
+  std::vector<std::complex<float>> buf_;
+};
 
 class SdrGenerator final : public SignalGenerator {
  public:
@@ -55,12 +81,12 @@ class SdrGenerator final : public SignalGenerator {
         fastSamples_(synth_.SymbolSamples()),
         ns_(fastSamples_ / kOversample),
         transmit_(TransmitTaps(), 1, fastSamples_),
-        antiAlias_(AntiAliasTaps(c.transmitFilter ? transmit_.Delay() : 0), kOversample, fastSamples_),
+        first_(FirstStageTaps(), TransmitDelay(), fastSamples_),
+        second_(SecondStageTaps(), 0, 2 * ns_ + 64),
         multipath_(c, fastSamples_, kFastRateHz),
         fast_(c, NoiseVariance(), 1.0, kFastRateHz),
-        resampler_(c.clockPpm, ns_),
+        resampler_(c.clockPpm, 2 * ns_ + 2),
         lossRng_(c.seed ^ 0x05B7A45Full) {
-    skip_ = antiAlias_.Delay() + (c.transmitFilter ? transmit_.Delay() : 0);
     scale_ = ComputeScale();
     const double g = std::pow(10.0, c.iqGainDb / 40.0);
     const double p = c.iqPhaseDeg * kPi / 180.0;
@@ -70,7 +96,7 @@ class SdrGenerator final : public SignalGenerator {
     symbol_.resize(static_cast<size_t>(fastSamples_));
     work_.resize(static_cast<size_t>(fastSamples_));
     slots_.resize(static_cast<size_t>(NumbersOfMode(b.mode).nd));
-    decimated_.resize(static_cast<size_t>(ns_));
+    half_.resize(static_cast<size_t>(2 * ns_ + 64));
     ready_.resize(static_cast<size_t>(2 * ns_ + 64));
     scratch_.resize(4096);
     // The chain's first carrier symbol belongs to symbol 202: run two symbols before frame 0.
@@ -128,27 +154,36 @@ class SdrGenerator final : public SignalGenerator {
   int64_t TransfersLost() const override { return lost_; }
 
  private:
+  int TransmitDelay() const { return c_.transmitFilter ? transmit_.Delay() : 0; }
+
   // White noise at the fast rate whose density gives the C/N over segment 0's 6/14 MHz.
   double NoiseVariance() const {
     if (!c_.noise) return 0.0;
     return Segment0Power() * (kFastRateHz / (6e6 / 14.0)) / std::pow(10.0, c_.cnDb / 10.0);
   }
 
-  // The scale that puts each component at the RMS level: the power of every carrier through both
-  // filters (where the carrier offset puts it against the anti-alias filter), and the noise's.
+  // The scale that puts each component at the RMS level: the power of every carrier through the
+  // filters (where the carrier offset puts it against the SDR's), and the noise's.
   double ComputeScale() {
     const auto& bins = synth_.BinPowers();
     const int m = synth_.TransformSize();
+    const FirFilter& first = first_.Filter();
+    const FirFilter& second = second_.Filter();
+    auto sdr = [&](double f) { return first.PowerResponse(f) * second.PowerResponse(2 * f); };
     double power = 0;
     for (int bin = 0; bin < m; ++bin) {
       const double p = bins[static_cast<size_t>(bin)];
       if (p == 0.0) continue;
       const double f = static_cast<double>(bin < m / 2 ? bin : bin - m) / m;
       const double tx = c_.transmitFilter ? transmit_.PowerResponse(f) : 1.0;
-      power += p * tx * antiAlias_.PowerResponse(f + c_.carrierOffsetHz / kFastRateHz);
+      power += p * tx * sdr(f + c_.carrierOffsetHz / kFastRateHz);
     }
     signalPower_ = power * multipath_.PowerGain();
-    return c_.rmsLevel / std::sqrt((signalPower_ + NoiseVariance() * antiAlias_.NoiseGain()) / 2.0);
+    // White noise through both stages: the second sees the first's output at half the rate.
+    double noiseGain = 0;
+    constexpr int kPoints = 4096;
+    for (int i = 0; i < kPoints; ++i) noiseGain += sdr((i + 0.5) / kPoints - 0.5) / kPoints;
+    return c_.rmsLevel / std::sqrt((signalPower_ + NoiseVariance() * noiseGain) / 2.0);
   }
 
   void Refill() {
@@ -168,22 +203,20 @@ class SdrGenerator final : public SignalGenerator {
         x = work_.data();
       }
       fast_.Process(x, fastSamples_);
-      // The filters' delay is taken off the start of the stream (a multiple of the decimation).
-      const int from = std::min(skip_, fastSamples_);
-      skip_ -= from;
-      const int count = fastSamples_ - from;
-      antiAlias_.Process(x + from, count, decimated_.data());
-      int made = count / kOversample;
-      std::complex<float>* y = decimated_.data();
+      // The SDR: first stage, its own sample clock (at twice the device rate, where the band it
+      // keeps lies well inside the resampler's flat passband), second stage.
+      int made = first_.Process(x, fastSamples_, half_.data());
+      std::complex<float>* y = half_.data();
       if (resampler_.Active()) {
         resampler_.Push(y, made);
-        made = resampler_.Produce(ready_.data(), static_cast<int>(ready_.size()));
-        y = ready_.data();
+        made = resampler_.Produce(work_.data(), static_cast<int>(work_.size()));
+        y = work_.data();
       }
+      made = second_.Process(y, made, ready_.data());
       // The receiver's analogue faults and its gain, in byte steps around 127.5.
       const auto dc = std::complex<float>(static_cast<float>(c_.dcI), static_cast<float>(c_.dcQ));
       for (int k = 0; k < made; ++k) {
-        const float i = y[k].real(), q = y[k].imag();
+        const float i = ready_[static_cast<size_t>(k)].real(), q = ready_[static_cast<size_t>(k)].imag();
         ready_[static_cast<size_t>(k)] = std::complex<float>(gainI_ * i, qFromQ_ * q + qFromI_ * i) + dc;
       }
       readyFill_ = static_cast<size_t>(made);
@@ -204,15 +237,15 @@ class SdrGenerator final : public SignalGenerator {
   LayerChain chain_;
   OfdmSynthesiser synth_;
   int fastSamples_, ns_;
-  FirFilter transmit_, antiAlias_;
+  FirFilter transmit_;
+  Halver first_, second_;
   MultipathFilter multipath_;
   FrontEndStage fast_;
   ClockResampler resampler_;
   Rng lossRng_;
-  int skip_ = 0;
   double scale_ = 1, signalPower_ = 0;
   float gainI_ = 1, qFromQ_ = 1, qFromI_ = 0;
-  std::vector<std::complex<float>> symbol_, work_, slots_, decimated_, ready_, scratch_;
+  std::vector<std::complex<float>> symbol_, work_, slots_, half_, ready_, scratch_;
   std::vector<uint8_t> record_;
   size_t readyPos_ = 0, readyFill_ = 0, inTransfer_ = 0;
   int64_t frame_ = 0, lost_ = 0;
