@@ -4,20 +4,17 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 namespace zfn {
 
 namespace {
 
-// The loops below are plain code that the compiler vectorises; on x86-64 it also builds each one
-// for AVX2, chosen when the process starts if the processor has it. Every output is computed in
-// the same order of operations either way (the vectors run across samples, and the sums keep
-// their LANES partial sums), so both builds give the same bytes.
-#if defined(__x86_64__) && defined(__GNUC__)
-#define ZFN_VECTOR_LOOP __attribute__((target_clones("avx2", "default")))
-#else
-#define ZFN_VECTOR_LOOP
-#endif
+// The loops below are plain code that the compiler vectorises. Each is built twice on x86-64: for
+// the baseline processor, and for AVX2 (see KERNELS_AVX2). Every output is computed in the same
+// order of operations either way (the vectors run across samples, and the sums keep their LANES
+// partial sums apart), so both builds give the same bytes; a test holds them to it.
+#define ZFN_VECTOR_LOOP __attribute__((always_inline)) inline
 
 // Half-band low-pass at a quarter of the device rate: 47 taps, a sinc under a Kaiser window with
 // beta 7, the odd taps scaled so that the gain at DC is exactly 1. Every even tap but the centre
@@ -140,53 +137,6 @@ void UpdateGain(SdrConditioner& c) {
   c.gain = std::min(MAX_GAIN, TARGET_LEVEL / std::sqrt(std::max(c.filteredPower, MIN_POWER)));
 }
 
-// Folds the statistics of the block just completed (the raw input in rawI, rawQ and the filtered
-// output in yI, yQ, SDR_CHUNK samples each) into the estimates that the next block is conditioned
-// with. Until a time constant's worth has come in, each estimate is the plain mean of all blocks so
-// far (the first block alone at first); then it follows with its time constant.
-void UpdateEstimates(SdrConditioner& c) {
-  constexpr size_t n = SDR_CHUNK;
-  constexpr float inv = 1.0f / static_cast<float>(n);
-  const ChunkSums s = SumInput(c.rawI, c.rawQ, n);
-  const double seen = static_cast<double>(c.samplesIn - n);
-  auto follow = [&](float& estimate, float value, double samples) {
-    estimate = Smooth(estimate, value, n, std::min(samples, seen + static_cast<double>(n)));
-  };
-  follow(c.meanI, s.i * inv, DC_SAMPLES);
-  follow(c.meanQ, s.q * inv, DC_SAMPLES);
-  // Moments about the DC estimate.
-  const float mi = c.meanI, mq = c.meanQ;
-  follow(c.powerI, (s.ii - 2.0f * mi * s.i) * inv + mi * mi, IMBALANCE_SAMPLES);
-  follow(c.powerQ, (s.qq - 2.0f * mq * s.q) * inv + mq * mq, IMBALANCE_SAMPLES);
-  follow(c.crossIQ, (s.iq - mi * s.q - mq * s.i) * inv + mi * mq, IMBALANCE_SAMPLES);
-  c.rms = std::sqrt((s.ii + s.qq) * inv);
-  follow(c.inputRms, c.rms * 0.70710678f, LEVEL_SAMPLES);
-  follow(c.inputClipFraction, s.clipped * inv, LEVEL_SAMPLES);
-  c.inputClipped += static_cast<uint64_t>(s.clipped);
-  UpdateImbalance(c);
-  follow(c.filteredPower, 0.5f * SumPower(c.yI, c.yQ, n) * inv, LEVEL_SAMPLES);
-  UpdateGain(c);
-  c.primed = true;
-}
-
-// Bytes of filtered samples at the gain: I, Q per sample, zero level 127, rounded to nearest.
-ZFN_VECTOR_LOOP void Requantise(SdrConditioner& c, size_t from, size_t n, uint8_t* out) {
-  const float scale = c.gain * 128.0f;
-  const float* yi = c.yI + from;
-  const float* yq = c.yQ + from;
-  uint32_t clipped = 0;
-  for (size_t k = 0; k < n; ++k) {
-    const float vi = yi[k] * scale + 127.5f;
-    const float vq = yq[k] * scale + 127.5f;
-    clipped += static_cast<uint32_t>((vi < 0.0f) | (vi >= 256.0f)) + static_cast<uint32_t>((vq < 0.0f) | (vq >= 256.0f));
-    const auto bi = static_cast<uint32_t>(static_cast<int32_t>(std::min(std::max(vi, 0.0f), 255.0f)));
-    const auto bq = static_cast<uint32_t>(static_cast<int32_t>(std::min(std::max(vq, 0.0f), 255.0f)));
-    c.pairs[k] = static_cast<uint16_t>(std::endian::native == std::endian::little ? bi | (bq << 8) : bq | (bi << 8));
-  }
-  std::memcpy(out, c.pairs, 2 * n);
-  c.outputClipped += clipped;
-}
-
 // Input to floats; what is not a finite number counts as 0.
 ZFN_VECTOR_LOOP void Load(float* xi, float* xq, const float* iq, size_t n) {
   for (size_t k = 0; k < n; ++k) {
@@ -203,6 +153,91 @@ ZFN_VECTOR_LOOP void Load(float* xi, float* xq, const uint8_t* iq, size_t n) {
   }
 }
 
+// Bytes of filtered samples at the gain: I, Q per sample, zero level 127, rounded to nearest.
+ZFN_VECTOR_LOOP uint32_t Requantise(const float* yi, const float* yq, size_t n, float gain, uint16_t* pairs) {
+  const float scale = gain * 128.0f;
+  uint32_t clipped = 0;
+  for (size_t k = 0; k < n; ++k) {
+    const float vi = yi[k] * scale + 127.5f;
+    const float vq = yq[k] * scale + 127.5f;
+    clipped += static_cast<uint32_t>((vi < 0.0f) | (vi >= 256.0f)) + static_cast<uint32_t>((vq < 0.0f) | (vq >= 256.0f));
+    const auto bi = static_cast<uint32_t>(static_cast<int32_t>(std::min(std::max(vi, 0.0f), 255.0f)));
+    const auto bq = static_cast<uint32_t>(static_cast<int32_t>(std::min(std::max(vq, 0.0f), 255.0f)));
+    pairs[k] = static_cast<uint16_t>(std::endian::native == std::endian::little ? bi | (bq << 8) : bq | (bi << 8));
+  }
+  return clipped;
+}
+
+// The loops, built for one instruction set.
+struct Kernels {
+  ChunkSums (*sumInput)(const float*, const float*, size_t);
+  float (*sumPower)(const float*, const float*, size_t);
+  void (*halfBand)(const float*, float*, size_t);
+  void (*correct)(const float*, const float*, float*, float*, size_t, float, float, float, float);
+  uint32_t (*requantise)(const float*, const float*, size_t, float, uint16_t*);
+  void (*loadFloat)(float*, float*, const float*, size_t);
+  void (*loadBytes)(float*, float*, const uint8_t*, size_t);
+};
+
+#define ZFN_KERNEL_SET(NAME, ATTRIBUTE)                                                                    \
+  ATTRIBUTE ChunkSums SumInput##NAME(const float* a, const float* b, size_t n) { return SumInput(a, b, n); } \
+  ATTRIBUTE float SumPower##NAME(const float* a, const float* b, size_t n) { return SumPower(a, b, n); }    \
+  ATTRIBUTE void HalfBand##NAME(const float* x, float* y, size_t n) { HalfBand(x, y, n); }                  \
+  ATTRIBUTE void Correct##NAME(const float* ri, const float* rq, float* xi, float* xq, size_t n, float dcI,  \
+                               float dcQ, float a, float b) {                                               \
+    Correct(ri, rq, xi, xq, n, dcI, dcQ, a, b);                                                             \
+  }                                                                                                         \
+  ATTRIBUTE uint32_t Requantise##NAME(const float* yi, const float* yq, size_t n, float gain, uint16_t* p) { \
+    return Requantise(yi, yq, n, gain, p);                                                                  \
+  }                                                                                                         \
+  ATTRIBUTE void LoadFloat##NAME(float* xi, float* xq, const float* iq, size_t n) { Load(xi, xq, iq, n); }  \
+  ATTRIBUTE void LoadBytes##NAME(float* xi, float* xq, const uint8_t* iq, size_t n) { Load(xi, xq, iq, n); } \
+  constexpr Kernels KERNELS_##NAME = {SumInput##NAME, SumPower##NAME,   HalfBand##NAME, Correct##NAME,      \
+                                      Requantise##NAME, LoadFloat##NAME, LoadBytes##NAME};
+
+ZFN_KERNEL_SET(PLAIN, )
+#if defined(__x86_64__) && defined(__GNUC__)
+ZFN_KERNEL_SET(AVX2, __attribute__((target("avx2"))))
+#endif
+
+const Kernels& KernelsOf(const SdrConditioner& c) {
+#if defined(__x86_64__) && defined(__GNUC__)
+  if (c.vectorKind == SDR_VECTOR_AVX2) return KERNELS_AVX2;
+#endif
+  return KERNELS_PLAIN;
+}
+
+
+// Folds the statistics of the block just completed (the raw input in rawI, rawQ and the filtered
+// output in yI, yQ, SDR_CHUNK samples each) into the estimates that the next block is conditioned
+// with. Until a time constant's worth has come in, each estimate is the plain mean of all blocks so
+// far (the first block alone at first); then it follows with its time constant.
+void UpdateEstimates(SdrConditioner& c) {
+  constexpr size_t n = SDR_CHUNK;
+  constexpr float inv = 1.0f / static_cast<float>(n);
+  const Kernels& k = KernelsOf(c);
+  const ChunkSums s = k.sumInput(c.rawI, c.rawQ, n);
+  const double seen = static_cast<double>(c.samplesIn - n);
+  auto follow = [&](float& estimate, float value, double samples) {
+    estimate = Smooth(estimate, value, n, std::min(samples, seen + static_cast<double>(n)));
+  };
+  follow(c.meanI, s.i * inv, DC_SAMPLES);
+  follow(c.meanQ, s.q * inv, DC_SAMPLES);
+  // Moments about the DC estimate.
+  const float mi = c.meanI, mq = c.meanQ;
+  follow(c.powerI, (s.ii - 2.0f * mi * s.i) * inv + mi * mi, IMBALANCE_SAMPLES);
+  follow(c.powerQ, (s.qq - 2.0f * mq * s.q) * inv + mq * mq, IMBALANCE_SAMPLES);
+  follow(c.crossIQ, (s.iq - mi * s.q - mq * s.i) * inv + mi * mq, IMBALANCE_SAMPLES);
+  c.rms = std::sqrt((s.ii + s.qq) * inv);
+  follow(c.inputRms, c.rms * 0.70710678f, LEVEL_SAMPLES);
+  follow(c.inputClipFraction, s.clipped * inv, LEVEL_SAMPLES);
+  c.inputClipped += static_cast<uint64_t>(s.clipped);
+  UpdateImbalance(c);
+  follow(c.filteredPower, 0.5f * k.sumPower(c.yI, c.yQ, n) * inv, LEVEL_SAMPLES);
+  UpdateGain(c);
+  c.primed = true;
+}
+
 // The input is conditioned in blocks of SDR_CHUNK samples on a grid that counts from the reset,
 // whatever lengths the calls have: a block is conditioned with the estimates of the blocks before
 // it, and its own statistics are taken once it is whole. The output is therefore the same byte
@@ -216,15 +251,21 @@ size_t Condition(SdrConditioner& c, const Sample* iq, size_t samples, uint8_t* o
     pairs = 1;
     c.heldValid = false;
   }
+  const Kernels& k = KernelsOf(c);
   for (size_t done = 0; done < samples;) {
     const size_t from = c.blockFill;
     const size_t n = std::min(SDR_CHUNK - from, samples - done);
-    Load(c.rawI + from, c.rawQ + from, iq + 2 * done, n);
-    Correct(c.rawI + from, c.rawQ + from, c.xI + SDR_FILTER_HISTORY + from, c.xQ + SDR_FILTER_HISTORY + from, n,
-            c.meanI, c.meanQ, c.qFromQ, c.qFromI);
-    HalfBand(c.xI + from, c.yI + from, n);
-    HalfBand(c.xQ + from, c.yQ + from, n);
-    Requantise(c, from, n, out + 2 * pairs);
+    if constexpr (std::is_same_v<Sample, float>) {
+      k.loadFloat(c.rawI + from, c.rawQ + from, iq + 2 * done, n);
+    } else {
+      k.loadBytes(c.rawI + from, c.rawQ + from, iq + 2 * done, n);
+    }
+    k.correct(c.rawI + from, c.rawQ + from, c.xI + SDR_FILTER_HISTORY + from, c.xQ + SDR_FILTER_HISTORY + from, n,
+              c.meanI, c.meanQ, c.qFromQ, c.qFromI);
+    k.halfBand(c.xI + from, c.yI + from, n);
+    k.halfBand(c.xQ + from, c.yQ + from, n);
+    c.outputClipped += k.requantise(c.yI + from, c.yQ + from, n, c.gain, c.pairs);
+    std::memcpy(out + 2 * pairs, c.pairs, 2 * n);
     pairs += n;
     done += n;
     c.samplesIn += n;
@@ -251,6 +292,10 @@ void SdrConditionerReset(SdrConditioner& c) {
   std::memset(&c, 0, sizeof c);
   c.qFromQ = 1.0f;
   c.gain = 1.0f;
+  c.vectorKind = SDR_VECTOR_PLAIN;
+#if defined(__x86_64__) && defined(__GNUC__)
+  if (__builtin_cpu_supports("avx2")) c.vectorKind = SDR_VECTOR_AVX2;
+#endif
 }
 
 size_t SdrConditionFloat(SdrConditioner& c, const float* iq, size_t samples, uint8_t* out) {

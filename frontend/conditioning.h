@@ -41,7 +41,12 @@ constexpr float SDR_TARGET_STEPS = 28.0f;
 // headroom as the output, 4.6 RMS to the rails, so that an 8-bit converter clips almost never.
 constexpr float SDR_INPUT_TARGET_RMS = 28.0f / 128.0f;
 
+// Builds of the conditioning loops: the same bytes from either.
+constexpr int32_t SDR_VECTOR_PLAIN = 0;  // the baseline processor
+constexpr int32_t SDR_VECTOR_AVX2 = 1;   // x86-64 with AVX2
+
 struct SdrConditioner {
+  int32_t vectorKind;         // set by the reset to the widest the processor has
   // What the SDR gain control reads (see SdrGainAdviceDb). Full scale is 1.0.
   float rms;                  // complex RMS of the input over the last whole block
   float inputRms;             // RMS per component of the input, followed over 100 ms

@@ -185,7 +185,8 @@ TEST(SdrConditioning, StopsWhatTheSampleDropWouldFoldOntoTheSpan) {
 }
 
 // Whole groups of four bytes on every call, the odd sample held over, and the same bytes however
-// the stream is cut, from 8-bit and from float input alike.
+// the stream is cut, from 8-bit and from float input alike, and from the baseline build of the
+// loops as from the AVX2 one that the processor may choose.
 TEST(SdrConditioning, WholeGroupsOfFourAndTheSameBytesHoweverTheStreamIsCut) {
   constexpr size_t SAMPLES = 5 * SDR_CHUNK + 777;
   const std::vector<uint8_t> recorded = ToBytes(Synthesise(SAMPLES, Impairment{0.2, 0.01, 0.0, 0.5, 3.0}, 2e5, 11));
@@ -197,6 +198,11 @@ TEST(SdrConditioning, WholeGroupsOfFourAndTheSameBytesHoweverTheStreamIsCut) {
   std::vector<uint8_t> whole(2 * SAMPLES + 2);
   whole.resize(SdrConditionU8(*c, recorded.data(), SAMPLES, whole.data()));
   ASSERT_EQ(whole.size(), 2 * (SAMPLES - 1)) << "the odd last sample is held";
+  SdrConditionerReset(*c);
+  c->vectorKind = SDR_VECTOR_PLAIN;
+  std::vector<uint8_t> plain(2 * SAMPLES + 2);
+  plain.resize(SdrConditionU8(*c, recorded.data(), SAMPLES, plain.data()));
+  EXPECT_EQ(plain, whole) << "baseline build against the one chosen";
 
   std::mt19937 rng(5);
   for (bool bytes : {true, false}) {
