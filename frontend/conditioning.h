@@ -78,7 +78,8 @@ struct SdrConditioner {
   uint8_t held[2];
 };
 
-// Sets up for a new stream (at open, at a retune, after lost samples).
+// Sets up for a new stream (at open, at a retune). Lost samples need no reset: the estimates stay
+// good, and the filter's memory spans only 23 samples either side.
 void SdrConditionerReset(SdrConditioner& c);
 // Conditions `samples` complex samples (interleaved I, Q floats, full scale about +-1.0). Writes
 // whole groups of four bytes to `out` (room for 2 * samples + 2 bytes) and returns how many; an odd
