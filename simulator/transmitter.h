@@ -140,7 +140,8 @@ class SignalGenerator {
   virtual void GenerateBytes(uint8_t* out, size_t count) = 0;
   std::vector<uint8_t> GenerateSeconds(double seconds);
   // Complex device-rate samples after the channel, before quantisation (unit: one step of a byte
-  // component). Use either this or GenerateBytes on one generator.
+  // component; from the generic SDR front end with its DC offset and imbalance, 0 standing for
+  // 127.5). Use either this or GenerateBytes on one generator.
   virtual void GenerateSamples(std::complex<float>* out, size_t count) = 0;
 
   // Keep a copy of every 188-byte packet that enters the transmitter, in order.

@@ -43,7 +43,7 @@ void PrintHelp(FILE* out) {
                "  --echo US,DB[,DEG]            static echo; repeatable\n"
                "  --doppler HZ                  Rayleigh fading, maximum Doppler (0: none)\n"
                "  --profile tu6|flat            fading profile (tu6)\n"
-               "  --level STEPS                 RMS of each byte component (28)\n"
+               "  --level STEPS                 RMS of each byte component, all the band passes (28)\n"
                "  --drop EVERY:BYTES            lose BYTES after every EVERY bytes (device front end)\n"
                "front end:\n"
                "  --front-end device|sdr        the design's device (default), or a generic SDR: the\n"
