@@ -1,8 +1,8 @@
 // The SDR stream of the device library. SoapySDR gives complex floats at a rate the device offers;
 // the reader thread brings them to the device rate of the design (2031746 samples/s, corrected by
-// the sample clock word), shifts them by the IF word's departure from the nominal 600 kHz, steers
-// the SDR's gain from their level, conditions them into the device byte stream and keeps the bytes
-// in a fixed ring. Everything is allocated at open; nothing while samples flow.
+// the sample clock word), shifts them by the IF word's departure from the nominal 600 kHz,
+// conditions them into the device byte stream, steers the SDR's gain by the conditioning's advice,
+// and keeps the bytes in a fixed ring. Everything is allocated at open; nothing while samples flow.
 #include "frontend/sdr_device/sdr_stream.h"
 
 #include <SoapySDR/Device.hpp>
@@ -49,13 +49,11 @@ constexpr unsigned RESAMPLER_PHASES = 32;
 constexpr double SAME_RATIO = 0.5e-6;
 constexpr double MAX_CLOCK_WORD = 8192.0;  // the 14-bit word's largest magnitude
 
-// Gain steering: the complex RMS held near TARGET_RMS of full scale leaves the peaks of the OFDM
-// signal (a near-Gaussian one) more than 4 standard deviations of each component below the
-// converter's limit. A window of about 0.1 s is judged at a time; a clipped sample in
-// CLIP_SHARE_LIMIT of them or a level more than GAIN_HYSTERESIS_DB away moves the gain.
-constexpr float TARGET_RMS = 0.3f;
-constexpr float CLIP_LEVEL = 0.99f;
-constexpr double CLIP_SHARE_LIMIT = 1e-4;
+// Gain steering by the conditioning's advice (the change of the SDR's gain that brings its input
+// to the level the conditioning wants, and a step down at once while the converter clips): judged
+// every GAIN_WINDOW_SAMPLES (0.1 s), acted on when at least GAIN_HYSTERESIS_DB, at most
+// GAIN_STEP_LIMIT_DB at a time; the window after a change is left out, since samples taken before
+// the SDR applied it are still arriving.
 constexpr double GAIN_HYSTERESIS_DB = 4.0;
 constexpr double GAIN_STEP_LIMIT_DB = 12.0;
 constexpr size_t GAIN_WINDOW_SAMPLES = 200000;
@@ -64,10 +62,8 @@ struct GainLoop {
   bool on;
   double gainDb;
   SoapySDR::Range range;
-  double power;
-  size_t clipped;
-  size_t samples;
-  bool settling;  // the window after a change is not judged
+  size_t samples;  // since the last judgement
+  bool settling;
 };
 
 struct ByteRing {
@@ -148,37 +144,28 @@ void SetGain(double db) {
   }
 }
 
-void SteerGain(const Complex* x, size_t n) {
+void SteerGain(size_t n) {
   GainLoop& g = sdr.gain;
   if (!g.on) return;
-  for (size_t k = 0; k < n; ++k) {
-    const float i = x[k].real();
-    const float q = x[k].imag();
-    g.power += static_cast<double>(i) * i + static_cast<double>(q) * q;
-    if (std::fabs(i) >= CLIP_LEVEL || std::fabs(q) >= CLIP_LEVEL) ++g.clipped;
-  }
   g.samples += n;
   if (g.samples < GAIN_WINDOW_SAMPLES) return;
-  const double rms = std::sqrt(g.power / static_cast<double>(g.samples));
-  const bool clipping = static_cast<double>(g.clipped) > CLIP_SHARE_LIMIT * static_cast<double>(g.samples);
-  const bool settling = g.settling;
-  g.power = 0.0;
-  g.clipped = 0;
   g.samples = 0;
-  g.settling = false;
-  if (settling) return;
-  double change = rms > 0.0 ? 20.0 * std::log10(TARGET_RMS / rms) : GAIN_STEP_LIMIT_DB;
-  if (clipping) change = std::min(change, -GAIN_HYSTERESIS_DB);
-  if (std::fabs(change) < GAIN_HYSTERESIS_DB) return;
-  change = std::clamp(change, -GAIN_STEP_LIMIT_DB, GAIN_STEP_LIMIT_DB);
-  double next = std::clamp(g.gainDb + change, g.range.minimum(), g.range.maximum());
+  if (g.settling) {
+    g.settling = false;
+    return;
+  }
+  const double advice = SdrGainAdviceDb(sdr.conditioner);
+  if (std::fabs(advice) < GAIN_HYSTERESIS_DB) return;
+  double next = std::clamp(g.gainDb + std::clamp(advice, -GAIN_STEP_LIMIT_DB, GAIN_STEP_LIMIT_DB),
+                           g.range.minimum(), g.range.maximum());
   if (g.range.step() > 0.0) {
     next = g.range.minimum() + std::round((next - g.range.minimum()) / g.range.step()) * g.range.step();
   }
   if (next == g.gainDb) return;
+  SetGain(next);
+  SdrConditionerGainChanged(sdr.conditioner, static_cast<float>(next - g.gainDb));
   g.gainDb = next;
   g.settling = true;
-  SetGain(next);
 }
 
 // Brings `n` new samples (after the history in sdr.input) to the device rate; returns how many.
@@ -236,9 +223,8 @@ void ReadLoop() {
     const auto now = Clock::now();
     if (n <= 0) {
       if (n == SOAPY_SDR_OVERFLOW) {
-        // Samples were lost, but the device lives.
+        // Samples were lost, but the device lives (the conditioning needs no restart for that).
         lastSamples = now;
-        restart = true;
         continue;
       }
       if (now - lastSamples > DEAD_AFTER) break;
@@ -255,12 +241,11 @@ void ReadLoop() {
       SdrConditionerReset(sdr.conditioner);
       restart = false;
     }
-    const size_t count = static_cast<size_t>(n);
-    SteerGain(sdr.input.data() + HISTORY, count);
-    const size_t produced = ToDeviceRate(count);
+    const size_t produced = ToDeviceRate(static_cast<size_t>(n));
     ShiftByIfWord(sdr.output.data(), produced);
     const size_t bytes = SdrConditionFloat(sdr.conditioner, reinterpret_cast<const float*>(sdr.output.data()),
                                            produced, sdr.conditioned.data());
+    SteerGain(produced);
     if (bytes == 0) continue;
     PushBytes(sdr.conditioned.data(), bytes);
     SignalData();

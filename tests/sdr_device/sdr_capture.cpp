@@ -36,6 +36,7 @@ sim::ChannelConfig CaptureChannel() {
   c.cnDb = 20;
   c.carrierOffsetHz = 3000;
   c.clockPpm = 5;
+  c.frontEnd = sim::FrontEnd::Sdr;  // the whole broadcast, DC offset, I/Q imbalance, 8-bit converter
   return c;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 // SDR captures for the device library's tests: our transmitter's broadcast through the channel
-// model, written as an SDR tool records (unsigned 8-bit I/Q at 2031746 samples/s, the device byte
-// stream's own layout), and the packets that went in; and the check of a received stream against
+// model and the generic-SDR front end, written as an SDR tool records (unsigned 8-bit I/Q at
+// 2031746 samples/s), and the packets that went in; and the check of a received stream against
 // them.
 #include <cstdint>
 #include <string>
