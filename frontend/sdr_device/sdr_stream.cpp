@@ -219,7 +219,12 @@ void ReadLoop() {
     void* buffers[1] = {sdr.input.data() + HISTORY};
     int flags = 0;
     long long timeNs = 0;
-    const int n = sdr.device->readStream(sdr.stream, buffers, READ_SAMPLES, flags, timeNs, READ_TIMEOUT_US);
+    int n = SOAPY_SDR_STREAM_ERROR;
+    try {
+      n = sdr.device->readStream(sdr.stream, buffers, READ_SAMPLES, flags, timeNs, READ_TIMEOUT_US);
+    } catch (...) {
+      // A driver that throws is a stream that errs.
+    }
     const auto now = Clock::now();
     if (n <= 0) {
       if (n == SOAPY_SDR_OVERFLOW) {
