@@ -7,6 +7,7 @@ packages=(
   libgtest-dev libbenchmark-dev libfftw3-dev libpng-dev
   libdvbpsi-dev
   ffmpeg
+  libsoapysdr-dev soapysdr-module-all libliquid-dev
 )
 
 missing=()

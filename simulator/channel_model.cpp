@@ -41,12 +41,101 @@ constexpr ProfilePath kTu6[6] = {{0.0, -3.0}, {0.2, 0.0}, {0.5, -2.0}, {1.6, -6.
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-MultipathFilter::MultipathFilter(const ChannelConfig& c, int maxBlock) {
+std::vector<float> KaiserLowpass(double cutoff, double transition, double attenuationDb) {
+  const double a = attenuationDb;
+  const double beta = a > 50 ? 0.1102 * (a - 8.7) : a > 21 ? 0.5842 * std::pow(a - 21, 0.4) + 0.07886 * (a - 21) : 0.0;
+  int length = static_cast<int>(std::ceil((a - 8) / (2.285 * 2 * kPi * transition))) + 1;
+  length |= 1;
+  const int mid = length / 2;
+  std::vector<double> h(static_cast<size_t>(length));
+  double sum = 0;
+  for (int n = 0; n < length; ++n) {
+    const double t = n - mid;
+    const double x = 2 * kPi * cutoff * t;
+    const double sinc = t == 0 ? 2 * cutoff : std::sin(x) / (kPi * t);
+    const double r = static_cast<double>(t) / mid;
+    h[static_cast<size_t>(n)] = sinc * std::cyl_bessel_i(0.0, beta * std::sqrt(std::max(0.0, 1 - r * r))) / std::cyl_bessel_i(0.0, beta);
+    sum += h[static_cast<size_t>(n)];
+  }
+  std::vector<float> taps(h.size());
+  for (size_t n = 0; n < h.size(); ++n) taps[n] = static_cast<float>(h[n] / sum);
+  return taps;
+}
+
+FirFilter::FirFilter(const std::vector<float>& taps, int decimation, int maxBlock)
+    : length_(static_cast<int>(taps.size())), decimation_(decimation) {
+  // Output k is the sum over u of g[u] x[k D + u] along the buffer (history then block), whose
+  // history holds H = G - D samples: g[H - t] = h[t].
+  const int g = (length_ + decimation - 1 + 7) / 8 * 8;
+  history_ = g - decimation;
+  taps_.assign(static_cast<size_t>(g), 0.0f);
+  for (int t = 0; t < length_; ++t) taps_[static_cast<size_t>(history_ - t)] = taps[static_cast<size_t>(t)];
+  // One plane per phase of the decimation (sample p + D j of the buffer in plane p), real and
+  // imaginary parts apart, so that the loops over outputs run on contiguous floats.
+  const size_t plane = static_cast<size_t>(history_ / decimation + maxBlock / decimation + 1);
+  re_.assign(static_cast<size_t>(decimation), std::vector<float>(plane, 0.0f));
+  im_ = re_;
+}
+
+void FirFilter::Process(const std::complex<float>* in, int count, std::complex<float>* out) {
+  const int d = decimation_;
+  const int n = count / d;
+  const int hist = history_ / d;
+  for (int j = 0; j < n; ++j)
+    for (int p = 0; p < d; ++p) {
+      re_[static_cast<size_t>(p)][static_cast<size_t>(hist + j)] = in[d * j + p].real();
+      im_[static_cast<size_t>(p)][static_cast<size_t>(hist + j)] = in[d * j + p].imag();
+    }
+  constexpr int kStretch = 64;
+  const int perPlane = static_cast<int>(taps_.size()) / d;
+  for (int start = 0; start < n; start += kStretch) {
+    const int len = std::min(n - start, kStretch);
+    float ar[kStretch] = {}, ai[kStretch] = {};
+    for (int p = 0; p < d; ++p)
+      for (int v = 0; v < perPlane; ++v) {
+        const float c = taps_[static_cast<size_t>(d * v + p)];
+        if (c == 0.0f) continue;
+        const float* xr = re_[static_cast<size_t>(p)].data() + start + v;
+        const float* xi = im_[static_cast<size_t>(p)].data() + start + v;
+        for (int k = 0; k < len; ++k) {
+          ar[k] += c * xr[k];
+          ai[k] += c * xi[k];
+        }
+      }
+    for (int k = 0; k < len; ++k) out[start + k] = {ar[k], ai[k]};
+  }
+  for (int p = 0; p < d; ++p) {
+    std::memmove(re_[static_cast<size_t>(p)].data(), re_[static_cast<size_t>(p)].data() + n, sizeof(float) * static_cast<size_t>(hist));
+    std::memmove(im_[static_cast<size_t>(p)].data(), im_[static_cast<size_t>(p)].data() + n, sizeof(float) * static_cast<size_t>(hist));
+  }
+}
+
+double FirFilter::NoiseGain() const {
+  double sum = 0;
+  for (float t : taps_) sum += static_cast<double>(t) * t;
+  return sum;
+}
+
+double FirFilter::PowerResponse(double f) const {
+  std::complex<double> sum = 0;
+  for (size_t t = 0; t < taps_.size(); ++t) sum += static_cast<double>(taps_[t]) * std::polar(1.0, -2 * kPi * f * static_cast<double>(t));
+  return std::norm(sum);
+}
+
+std::vector<float> DeviceNoiseTaps(const BroadcastConfig& b) {
+  if (b.wideDeviceFilter) return {};
+  // Flat to 60 kHz inside the edge, 55 dB down from 20 kHz beyond it: what would fold onto
+  // segment 0 when the receiver keeps every second sample (from 0.80 MHz) stays out.
+  return KaiserLowpass((b.deviceFilterHz - 20e3) / kBroadcastRateHz, 80e3 / kBroadcastRateHz, 55.0);
+}
+
+// ---------------------------------------------------------------------------------------------
+MultipathFilter::MultipathFilter(const ChannelConfig& c, int maxBlock, double rateHz) {
   fading_ = c.dopplerHz > 0.0;
   active_ = fading_ || !c.echoes.empty();
   if (!active_) return;
   Rng rng(c.seed ^ 0xFADE5ull);
-  const double fs = kBroadcastRateHz;
+  const double fs = rateHz;
   if (fading_) {
     std::vector<ProfilePath> profile;
     if (c.profile == FadingProfile::Tu6) profile.assign(std::begin(kTu6), std::end(kTu6));
@@ -246,14 +335,18 @@ int ClockResampler::Produce(std::complex<float>* out, int count) {
 }
 
 // ---------------------------------------------------------------------------------------------
-FrontEndStage::FrontEndStage(const ChannelConfig& c, double noiseVariance, double scale)
+FrontEndStage::FrontEndStage(const ChannelConfig& c, double noiseVariance, double scale, double rateHz,
+                             const std::vector<float>* noiseFilter, int maxBlock)
     : rotate_(c.carrierOffsetHz != 0.0),
       noiseSigma_(static_cast<float>(std::sqrt(noiseVariance / 2.0) * scale)),
       scale_(static_cast<float>(scale)),
       rng_(c.seed ^ 0xA5A5A5A5ull),
       gauss_(GaussianTable()) {
-  const double fsDevice = kBroadcastRateHz * (1.0 + c.clockPpm * 1e-6);
-  phaseStep_ = 2.0 * kPi * c.carrierOffsetHz / fsDevice;
+  phaseStep_ = 2.0 * kPi * c.carrierOffsetHz / rateHz;
+  if (noiseFilter != nullptr && !noiseFilter->empty() && noiseSigma_ > 0.0f) {
+    noiseFilter_ = std::make_unique<FirFilter>(*noiseFilter, 1, maxBlock);
+    noise_.resize(static_cast<size_t>(maxBlock));
+  }
 }
 
 void FrontEndStage::Process(std::complex<float>* x, int count) {
@@ -275,11 +368,18 @@ void FrontEndStage::Process(std::complex<float>* x, int count) {
     // Each component the sum of two table draws (12 bits each) over the square root of 2: the
     // table stays in the first-level cache and the tails reach beyond 4.5 sigma.
     const float sigma = noiseSigma_ * 0.70710678f;
+    std::complex<float>* y = noiseFilter_ ? noise_.data() : x;
     for (int n = 0; n < count; ++n) {
       const uint64_t r = rng_.Next();
       const float a = gauss_[r & 0xFFFu] + gauss_[(r >> 12) & 0xFFFu];
       const float b = gauss_[(r >> 24) & 0xFFFu] + gauss_[(r >> 36) & 0xFFFu];
-      x[n] += std::complex<float>(a * sigma, b * sigma);
+      if (noiseFilter_) y[n] = std::complex<float>(a * sigma, b * sigma);
+      else y[n] += std::complex<float>(a * sigma, b * sigma);
+    }
+    if (noiseFilter_) {
+      // Thermal noise enters ahead of the device's filter: band-limited like the carriers.
+      noiseFilter_->Process(y, count, y);
+      for (int n = 0; n < count; ++n) x[n] += y[n];
     }
   }
 }

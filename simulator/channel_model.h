@@ -5,6 +5,7 @@
 // seeded, nothing allocated after construction.
 #include <complex>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "simulator/transmitter.h"
@@ -12,10 +13,35 @@
 
 namespace zfn::sim {
 
+// Linear-phase lowpass taps: a Kaiser-windowed sinc 6 dB down at `cutoff`, with the transition
+// `transition` wide around it and `attenuationDb` beyond; both in cycles per sample. Unit DC gain,
+// odd length.
+std::vector<float> KaiserLowpass(double cutoff, double transition, double attenuationDb);
+
+// FIR filter with real taps on complex samples, optionally keeping one output in `decimation`.
+// Output k is the filter's output at input k * decimation, that is the input delayed by
+// (Length() - 1) / 2 samples; the history runs on across calls.
+class FirFilter {
+ public:
+  FirFilter(const std::vector<float>& taps, int decimation, int maxBlock);
+  int Length() const { return length_; }
+  int Delay() const { return (length_ - 1) / 2; }
+  // count (a multiple of the decimation, at most maxBlock) inputs, count / decimation outputs.
+  void Process(const std::complex<float>* in, int count, std::complex<float>* out);
+  // Power gain of white noise (the sum of the squared taps) and of a tone at f cycles per sample.
+  double NoiseGain() const;
+  double PowerResponse(double f) const;
+
+ private:
+  std::vector<float> taps_;  // reversed, with zeros around them up to a multiple of eight
+  int length_, decimation_, history_ = 0;
+  std::vector<std::vector<float>> re_, im_;  // per phase of the decimation: history then block
+};
+
 // Time-varying tapped delay line of the multipath paths.
 class MultipathFilter {
  public:
-  MultipathFilter(const ChannelConfig& c, int maxBlock);
+  MultipathFilter(const ChannelConfig& c, int maxBlock, double rateHz = kBroadcastRateHz);
   bool Active() const { return active_; }
   double PowerGain() const { return powerGain_; }
   void Process(const std::complex<float>* in, std::complex<float>* out, int count);
@@ -67,13 +93,18 @@ class ClockResampler {
   int fill_ = 0;
 };
 
-// Carrier offset, noise and the scale to byte steps, in place.
+// Carrier offset, noise and the scale to byte steps, in place, at rateHz. The noise has
+// noiseVariance (before scaling) per sample as white noise; with noiseFilter it then passes that
+// filter (the receiver's own filter, behind which thermal noise is band-limited).
 class FrontEndStage {
  public:
-  FrontEndStage(const ChannelConfig& c, double noiseVariance, double scale);
+  FrontEndStage(const ChannelConfig& c, double noiseVariance, double scale, double rateHz,
+                const std::vector<float>* noiseFilter = nullptr, int maxBlock = 0);
   void Process(std::complex<float>* x, int count);
 
  private:
+  std::unique_ptr<FirFilter> noiseFilter_;
+  std::vector<std::complex<float>> noise_;
   double phaseStep_;  // radians per sample
   double phase_ = 0;
   bool rotate_;
@@ -85,5 +116,13 @@ class FrontEndStage {
 
 // Eight-bit quantisation: round, clip to 0..255 around 127.
 void QuantiseToBytes(const std::complex<float>* x, int count, uint8_t* out);
+
+// The device front end's noise filter: the device filter's band (cutoff from DC) with a sharp
+// edge, nothing of what lies 20 kHz beyond it; empty when the filter is wide.
+std::vector<float> DeviceNoiseTaps(const BroadcastConfig& b);
+
+// The generic-SDR front end (FrontEnd::Sdr); see sdr_front_end.cpp.
+std::unique_ptr<SignalGenerator> MakeSdrGenerator(const BroadcastConfig& b, const ChannelConfig& c,
+                                                  std::unique_ptr<PacketSource> source);
 
 }  // namespace zfn::sim

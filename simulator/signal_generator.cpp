@@ -46,6 +46,17 @@ std::string CheckConfig(const BroadcastConfig& b, const ChannelConfig& c) {
   if (!(c.rmsLevel >= 1 && c.rmsLevel <= 120)) return "RMS level must be 1 to 120 steps";
   if (c.dropEveryBytes < 0 || c.dropBytes < 0) return "drop counts must not be negative";
   if (c.dropBytes > 0 && c.dropEveryBytes < 4) return "dropping needs an interval of at least 4 bytes";
+  if (c.frontEnd == FrontEnd::Sdr) {
+    if (c.dropBytes > 0) return "the SDR front end loses whole transfers (transfer loss), not dropped bytes";
+    if (!(std::fabs(c.dcI) <= 100 && std::fabs(c.dcQ) <= 100)) return "DC offset must be within +-100 steps";
+    if (!(std::fabs(c.iqGainDb) <= 6)) return "I/Q gain imbalance must be within +-6 dB";
+    if (!(std::fabs(c.iqPhaseDeg) <= 30)) return "I/Q phase imbalance must be within +-30 degrees";
+    if (c.transferLossOneIn < 0 || c.transferLossOneIn == 1 || c.transferBytes < 0 || c.transferBytes % 2 != 0 ||
+        (c.transferLossOneIn > 0 && c.transferBytes < 2))
+      return "transfer loss needs an even transfer size in bytes and a chance of one in 2 or more";
+  } else if (c.transferLossOneIn > 0) {
+    return "transfer loss belongs to the SDR front end";
+  }
   return {};
 }
 
@@ -69,7 +80,9 @@ class Generator final : public SignalGenerator {
         ns_(synth_.SymbolSamples()),
         multipath_(c, ns_),
         resampler_(c.clockPpm, ns_),
-        front_(c, NoiseVariance(c), ComputeScale(c)) {
+        noiseTaps_(DeviceNoiseTaps(b)),
+        front_(c, NoiseVariance(c), ComputeScale(c), kBroadcastRateHz * (1.0 + c.clockPpm * 1e-6), &noiseTaps_,
+               2 * ns_ + 64) {
     symbol_.resize(static_cast<size_t>(ns_));
     filtered_.resize(static_cast<size_t>(ns_));
     slots_.resize(static_cast<size_t>(NumbersOfMode(b.mode).nd));
@@ -138,7 +151,9 @@ class Generator final : public SignalGenerator {
     return c0 * (kBroadcastRateHz / (6e6 / 14.0)) / std::pow(10.0, c.cnDb / 10.0);
   }
   double ComputeScale(const ChannelConfig& c) const {
-    const double power = synth_.TotalPower() * multipath_.PowerGain() + NoiseVariance(c);
+    double noiseGain = noiseTaps_.empty() ? 1.0 : 0.0;  // of the device filter on the noise
+    for (float t : noiseTaps_) noiseGain += static_cast<double>(t) * t;
+    const double power = synth_.TotalPower() * multipath_.PowerGain() + NoiseVariance(c) * noiseGain;
     return c.rmsLevel / std::sqrt(power / 2.0);
   }
 
@@ -185,6 +200,7 @@ class Generator final : public SignalGenerator {
   int ns_;
   MultipathFilter multipath_;
   ClockResampler resampler_;
+  std::vector<float> noiseTaps_;
   FrontEndStage front_;
   std::vector<std::complex<float>> symbol_, filtered_, slots_, ready_, scratch_;
   std::vector<uint8_t> scratchBytes_;
@@ -205,6 +221,7 @@ std::unique_ptr<SignalGenerator> SignalGenerator::Create(const BroadcastConfig& 
     return nullptr;
   }
   if (!source) source = MakeNullSource();
+  if (c.frontEnd == FrontEnd::Sdr) return MakeSdrGenerator(b, c, std::move(source));
   return std::make_unique<Generator>(b, c, std::move(source));
 }
 

@@ -152,6 +152,41 @@ std::string ParseDrop(const std::string& text, ChannelConfig& c) {
   return {};
 }
 
+std::string ParseFrontEnd(const std::string& text, ChannelConfig& c) {
+  const std::string t = Lower(text);
+  if (t == "device") c.frontEnd = FrontEnd::Device;
+  else if (t == "sdr") c.frontEnd = FrontEnd::Sdr;
+  else return "front end must be device or sdr, not '" + text + "'";
+  return {};
+}
+
+std::string ParsePair(const std::string& text, double& a, double& b) {
+  const size_t comma = text.find(',');
+  double x = 0, y = 0;
+  if (comma == std::string::npos || !ParseNumber(text.substr(0, comma), x).empty() ||
+      !ParseNumber(text.substr(comma + 1), y).empty())
+    return "must be two numbers joined by a comma, not '" + text + "'";
+  a = x;
+  b = y;
+  return {};
+}
+
+std::string ParseTransferLoss(const std::string& text, ChannelConfig& c) {
+  if (Lower(text) == "off") {
+    c.transferBytes = 0;
+    c.transferLossOneIn = 0;
+    return {};
+  }
+  const size_t colon = text.find(':');
+  long long bytes = 0, oneIn = 0;
+  if (colon == std::string::npos || !ParseInteger(text.substr(0, colon), bytes).empty() ||
+      !ParseInteger(text.substr(colon + 1), oneIn).empty() || bytes < 2 || bytes % 2 != 0 || oneIn < 2)
+    return "transfer loss must be bytes:one_in (an even size, one_in at least 2) or off, not '" + text + "'";
+  c.transferBytes = bytes;
+  c.transferLossOneIn = oneIn;
+  return {};
+}
+
 const char* GuardName(int guard) { return guard >= 0 && guard < 4 ? kGuards[guard] : "?"; }
 const char* ModulationName(int code) { return code >= 0 && code < 4 ? kModulations[code] : "?"; }
 const char* CodeRateName(int codeRate) { return codeRate >= 0 && codeRate < 5 ? kRates[codeRate] : "?"; }

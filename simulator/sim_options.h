@@ -22,6 +22,13 @@ std::string ParseEchoes(const std::string& text, ChannelConfig& c);
 std::string ParseProfile(const std::string& text, ChannelConfig& c);        // tu6, flat
 // Drops "every_bytes:bytes".
 std::string ParseDrop(const std::string& text, ChannelConfig& c);
+// Front end: device (the design's) or sdr (a generic SDR).
+std::string ParseFrontEnd(const std::string& text, ChannelConfig& c);
+// Two numbers "a,b" (DC offset I,Q in steps; I/Q imbalance gain_db,phase_deg).
+std::string ParsePair(const std::string& text, double& a, double& b);
+// Lost USB transfers "bytes:one_in" (each transfer of that many bytes lost with chance 1/one_in),
+// or "off".
+std::string ParseTransferLoss(const std::string& text, ChannelConfig& c);
 // A finite number, whole text.
 std::string ParseNumber(const std::string& text, double& value);
 std::string ParseInteger(const std::string& text, long long& value);

@@ -118,6 +118,11 @@ std::string ReadSettings(Settings& s) {
   with("ZFNISDBT_SIM_PROFILE", [&](const std::string& v) { return ParseProfile(v, t.channel); });
   with("ZFNISDBT_SIM_LEVEL", [&](const std::string& v) { return ParseNumber(v, t.channel.rmsLevel); });
   with("ZFNISDBT_SIM_DROP", [&](const std::string& v) { return ParseDrop(v, t.channel); });
+  with("ZFNISDBT_SIM_FRONT_END", [&](const std::string& v) { return ParseFrontEnd(v, t.channel); });
+  with("ZFNISDBT_SIM_TRANSMIT_FILTER", [&](const std::string& v) { return ParseBool(v, t.channel.transmitFilter); });
+  with("ZFNISDBT_SIM_DC", [&](const std::string& v) { return ParsePair(v, t.channel.dcI, t.channel.dcQ); });
+  with("ZFNISDBT_SIM_IQ_IMBALANCE", [&](const std::string& v) { return ParsePair(v, t.channel.iqGainDb, t.channel.iqPhaseDeg); });
+  with("ZFNISDBT_SIM_TRANSFER_LOSS", [&](const std::string& v) { return ParseTransferLoss(v, t.channel); });
   with("ZFNISDBT_SIM_SEED", [&](const std::string& v) -> std::string {
     long long seed = 0;
     if (!ParseInteger(v, seed).empty() || seed < 0) return "must be a whole number of at least 0, not '" + v + "'";

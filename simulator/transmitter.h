@@ -55,6 +55,18 @@ struct EchoPath {
 
 enum class FadingProfile { Tu6, SinglePath };
 
+// Which receiver front end the stream comes from.
+//  Device: the design's device. Its filter is modelled at synthesis (BroadcastConfig's
+//    deviceFilterHz); thermal noise enters ahead of that filter, so it is band-limited like the
+//    carriers. Bytes around 127 (round to nearest).
+//  Sdr: a generic SDR tuned like the device at 2031746 samples/s. The whole 13-segment broadcast,
+//    shaped by a transmit filter that runs continuously across symbols, thermal noise, the SDR's
+//    wide anti-alias filter (flat to about 0.92 MHz, 6 dB down at 1.016 MHz, 55 dB from 1.11 MHz;
+//    what lies between 1.016 and 1.11 MHz folds back onto the band edges), DC offset, I/Q gain and
+//    phase imbalance, 8-bit quantisation around 127.5 (byte b stands for b - 127.5), and the loss
+//    of whole USB transfers now and then.
+enum class FrontEnd { Device, Sdr };
+
 struct ChannelConfig {
   bool noise = false;
   double cnDb = 30;               // C/N over the occupied band of segment 0 (6/14 MHz)
@@ -69,6 +81,17 @@ struct ChannelConfig {
   int64_t dropEveryBytes = 0;
   int64_t dropBytes = 0;
   uint64_t seed = 1;              // noise and fading
+
+  FrontEnd frontEnd = FrontEnd::Device;
+  // Generic SDR only (FrontEnd::Sdr); the defaults are those of a typical USB dongle.
+  bool transmitFilter = true;     // band-limiting filter of the transmitter, across symbol edges
+  double dcI = 1.5, dcQ = -1.0;   // DC offset of each component, in byte steps from 127.5
+  double iqGainDb = 0.3;          // I against Q amplitude: I' = g I, Q' = (Q cos p + I sin p) / g,
+  double iqPhaseDeg = 2.0;        //   g = 10^(iqGainDb/40), p the phase error of the Q branch
+  // Lost USB transfers: the stream is cut into transfers of transferBytes bytes and each is lost
+  // with probability 1 / transferLossOneIn (seeded). 0 disables.
+  int64_t transferBytes = 0;
+  int64_t transferLossOneIn = 0;
 };
 
 // Layer numbers.
@@ -112,11 +135,13 @@ class SignalGenerator {
                                                  std::unique_ptr<PacketSource> source, std::string* error);
   virtual ~SignalGenerator() = default;
 
-  // Device bytes: groups of four (I, Q of two device samples), zero level 127.
+  // Device bytes: groups of four (I, Q of two device samples), zero level 127 (127.5 from the
+  // generic SDR front end).
   virtual void GenerateBytes(uint8_t* out, size_t count) = 0;
   std::vector<uint8_t> GenerateSeconds(double seconds);
   // Complex device-rate samples after the channel, before quantisation (unit: one step of a byte
-  // component). Use either this or GenerateBytes on one generator.
+  // component; from the generic SDR front end with its DC offset and imbalance, 0 standing for
+  // 127.5). Use either this or GenerateBytes on one generator.
   virtual void GenerateSamples(std::complex<float>* out, size_t count) = 0;
 
   // Keep a copy of every 188-byte packet that enters the transmitter, in order.
@@ -136,6 +161,8 @@ class SignalGenerator {
   virtual double Segment0Power() const = 0;
   virtual double TotalPower() const = 0;
   virtual double ByteScale() const = 0;
+  // Whole transfers lost so far (generic SDR front end).
+  virtual int64_t TransfersLost() const { return 0; }
 };
 
 }  // namespace zfn::sim

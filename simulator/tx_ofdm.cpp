@@ -122,16 +122,18 @@ void LayerChain::NextSymbol(std::complex<float>* slots) {
 }
 
 // ---------------------------------------------------------------------------------------------
-OfdmSynthesiser::OfdmSynthesiser(const BroadcastConfig& b, double filterShiftHz)
+OfdmSynthesiser::OfdmSynthesiser(const BroadcastConfig& b, double filterShiftHz, int oversample)
     : nbMapper_(BitsPerCarrier(b.neighbourModulation)), nbBits_(BitsPerCarrier(b.neighbourModulation)), rng_(b.seed) {
   const ModeNumbers mn = NumbersOfMode(b.mode);
-  m_ = 2 * mn.n1;
+  const bool wholeBand = oversample > 1;
+  m_ = 2 * oversample * mn.n1;
   ng_ = GuardSamples(m_, b.guard);
   nd_ = mn.nd;
   const int kc = 13 * mn.nc / 2;  // band carrier at the channel centre
   const std::vector<uint8_t> w = PilotSequence(b.mode);
   constexpr float kBoost = 4.0f / 3.0f;
-  const double cutoff = b.wideDeviceFilter ? 1e12 : b.deviceFilterHz;
+  const double cutoff = b.wideDeviceFilter || wholeBand ? 1e12 : b.deviceFilterHz;
+  binPower_.assign(static_cast<size_t>(m_), 0.0);
 
   // TMCC words of even and odd frames, accumulated for the differential encoding.
   const TmccContent content = TmccOfConfig(b);
@@ -148,8 +150,11 @@ OfdmSynthesiser::OfdmSynthesiser(const BroadcastConfig& b, double filterShiftHz)
   double powerSum[4] = {0, 0, 0, 0};
   std::vector<int> acBins;
   std::vector<uint8_t> acRef;
-  constexpr int kSegments[5] = {3, 1, 0, 2, 4};
-  for (int seg : kSegments) {
+  // Segments in frequency order around segment 0; the whole band from segment 11 up to 12.
+  constexpr int kNear[5] = {3, 1, 0, 2, 4};
+  constexpr int kBand[13] = {11, 9, 7, 5, 3, 1, 0, 2, 4, 6, 8, 10, 12};
+  const std::span<const int> segments = wholeBand ? std::span<const int>(kBand) : std::span<const int>(kNear);
+  for (int seg : segments) {
     const int pos = PositionOfSegment(seg);
     const SegmentCarriers sc = CarriersOfSegment(b.mode, seg);
     for (int j = 0; j < mn.nc; ++j) {
@@ -168,23 +173,32 @@ OfdmSynthesiser::OfdmSynthesiser(const BroadcastConfig& b, double filterShiftHz)
         acRef.push_back(w[static_cast<size_t>(k)]);
       }
       for (int phase = 0; phase < 4; ++phase) {
+        double power = 1.0;
         if (isTmcc || isAc) {
-          powerSum[phase] += 16.0 / 9.0;
-          continue;
-        }
-        if (j % 12 == 3 * phase) {
+          power = 16.0 / 9.0;
+        } else if (j % 12 == 3 * phase) {
           pilotBins_[phase].push_back(bin);
           pilotValues_[phase].push_back(w[static_cast<size_t>(k)] ? -kBoost : kBoost);
-          powerSum[phase] += 16.0 / 9.0;
+          power = 16.0 / 9.0;
         } else if (seg == 0) {
           seg0DataBins_[phase].push_back(bin);
-          powerSum[phase] += 1.0;
         } else {
           nbDataBins_[phase].push_back(bin);
-          powerSum[phase] += 1.0;
         }
+        powerSum[phase] += power;
+        binPower_[static_cast<size_t>(bin)] += power / 4.0;
       }
     }
+  }
+  if (wholeBand) {  // the continual pilot above the last segment, band carrier 13 Nc
+    const int k = 13 * mn.nc;
+    const int bin = BinOf(k - kc);
+    for (int phase = 0; phase < 4; ++phase) {
+      pilotBins_[phase].push_back(bin);
+      pilotValues_[phase].push_back(w[static_cast<size_t>(k)] ? -kBoost : kBoost);
+      powerSum[phase] += 16.0 / 9.0;
+    }
+    binPower_[static_cast<size_t>(bin)] += 16.0 / 9.0;
   }
   tmccCount_ = static_cast<int>(dbpskBins_.size());
   dbpskBins_.insert(dbpskBins_.end(), acBins.begin(), acBins.end());

@@ -61,7 +61,9 @@ class OfdmSynthesiser {
  public:
   // filterShiftHz: where the device filter is centred in the broadcast's frequency scale
   // (minus the carrier offset of the channel), so that the filter stays with the device.
-  OfdmSynthesiser(const BroadcastConfig& b, double filterShiftHz);
+  // oversample > 1: the whole band of 13 segments (and the continual pilot at its upper edge) at
+  // oversample times the rate, with no device filter.
+  OfdmSynthesiser(const BroadcastConfig& b, double filterShiftHz, int oversample = 1);
   ~OfdmSynthesiser();
   OfdmSynthesiser(const OfdmSynthesiser&) = delete;
   OfdmSynthesiser& operator=(const OfdmSynthesiser&) = delete;
@@ -72,6 +74,8 @@ class OfdmSynthesiser {
   void Synthesise(int64_t frame, int n, const std::complex<float>* seg0Slots, std::complex<float>* out);
   double Segment0Power() const { return segment0Power_; }
   double TotalPower() const { return totalPower_; }
+  // Mean power of each transform bin over the four pilot phases (the sum is TotalPower()).
+  const std::vector<double>& BinPowers() const { return binPower_; }
   // Transform bin of band carrier offset o (carriers from the channel centre).
   int BinOf(int offset) const { return (offset % m_ + m_) % m_; }
   // For tests: the data slot bins of segment 0 in symbol n.
@@ -91,6 +95,7 @@ class OfdmSynthesiser {
   int nbBits_;
   Rng rng_;
   double segment0Power_ = 0, totalPower_ = 0;
+  std::vector<double> binPower_;
   std::complex<float>* freq_ = nullptr;
   std::complex<float>* time_ = nullptr;
   void* plan_ = nullptr;

@@ -14,9 +14,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "frontend/conditioning.h"
 #include "shell/shell_fields.h"
 #include "tools/command_registry.h"
 #include "tools/offline_decoder.h"
@@ -32,6 +34,7 @@ struct Options {
   std::string output;  // empty: discard, "-": standard output
   bool json = false;
   bool asDesigned = false;  // the designed behaviour instead of the refinements
+  bool sdr = false;  // --front-end sdr: unsigned 8-bit I/Q of a generic SDR, conditioned first
 };
 
 volatile sig_atomic_t stopRequested = 0;
@@ -41,8 +44,11 @@ void OnStopSignal(int) { stopRequested = 1; }
 int Usage(const char* error) {
   if (error != nullptr) std::fprintf(stderr, "zfnisdbt decode: %s\n", error);
   std::fprintf(error != nullptr ? stderr : stdout,
-               "usage: zfnisdbt decode INPUT [--output FILE|-] [--json] [--as-designed]\n"
+               "usage: zfnisdbt decode INPUT [--front-end device|sdr] [--output FILE|-] [--json] [--as-designed]\n"
                "  INPUT            capture file (device byte stream, 240640-byte blocks), or - for standard input\n"
+               "  --front-end sdr  INPUT is a generic SDR's recording: unsigned 8-bit I/Q at 2031746 samples/s,\n"
+               "                   centred on the channel; it is conditioned as the device library does\n"
+               "                   (default device: the design device's stream)\n"
                "  --output FILE|-  write the transport stream to FILE, or to standard output\n"
                "  --json           print the statistics as one JSON object on the last line of standard\n"
                "                   output (of standard error when --output is -)\n"
@@ -143,6 +149,11 @@ int Run(int argc, char** argv) {
       o.json = true;
     } else if (a == "--as-designed") {
       o.asDesigned = true;
+    } else if (a == "--front-end") {
+      const std::string v = i + 1 < argc ? argv[i + 1] : "";
+      if (v != "sdr" && v != "device") return Usage("--front-end needs device or sdr");
+      o.sdr = v == "sdr";
+      ++i;
     } else if (a == "--output") {
       if (i + 1 >= argc || argv[i + 1][0] == '\0') return Usage("--output needs a file name or -");
       o.output = argv[++i];
@@ -225,6 +236,18 @@ int Run(int argc, char** argv) {
 
   // The engine reads the switch of the refinements when the driver opens.
   setenv("ZFNISDBT_REFINED", o.asDesigned ? "0" : "1", 1);
+
+  // A generic SDR's recording goes through the device library's conditioning first: same byte
+  // count out as in (two bytes per device sample), whole groups of four.
+  std::unique_ptr<SdrConditioner> conditioner;
+  std::vector<uint8_t> conditioned;
+  size_t carried = 0;  // a byte of an I/Q pair cut by the chunk boundary waits in front of the chunk
+  if (o.sdr) {
+    conditioner = std::make_unique<SdrConditioner>();
+    SdrConditionerReset(*conditioner);
+    conditioned.resize(chunk.size() + 4);
+  }
+
   OfflineDecoder decoder;
   if (!decoder.Open(&WriteStream, &out)) {
     std::fprintf(stderr, "zfnisdbt decode: the engine could not be built (memory, or already in use)\n");
@@ -248,15 +271,23 @@ int Run(int argc, char** argv) {
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
   while (!out.failed && stopRequested == 0) {
-    const ssize_t n = ReadFull(fd, chunk.data(), chunk.size());
+    const ssize_t n = ReadFull(fd, chunk.data() + carried, chunk.size() - carried);
     if (n < 0) {
       readFailed = true;
       readError = errno;
       break;
     }
     if (n == 0) break;
-    decoder.Feed(chunk.data(), static_cast<size_t>(n));
     bytesRead += n;
+    if (!o.sdr) {
+      decoder.Feed(chunk.data(), static_cast<size_t>(n));
+      continue;
+    }
+    const size_t have = carried + static_cast<size_t>(n);
+    const size_t bytes = SdrConditionU8(*conditioner, chunk.data(), have / 2, conditioned.data());
+    decoder.Feed(conditioned.data(), bytes);
+    carried = have % 2;
+    if (carried != 0) chunk[0] = chunk[have - 1];
   }
   const double cpuSeconds = CpuSeconds() - cpuStart;
   const int64_t trailing = static_cast<int64_t>(decoder.PendingBytes());
@@ -327,7 +358,8 @@ int Run(int argc, char** argv) {
   return status;
 }
 
-const bool registered = RegisterCommand({"decode", "decode INPUT [--output FILE|-] [--json] [--as-designed]", Run});
+const bool registered =
+    RegisterCommand({"decode", "decode INPUT [--front-end device|sdr] [--output FILE|-] [--json] [--as-designed]", Run});
 
 }  // namespace
 }  // namespace zfn::tools

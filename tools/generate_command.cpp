@@ -24,7 +24,8 @@ using zfn::sim::ChannelConfig;
 void PrintHelp(FILE* out) {
   std::fprintf(out,
                "usage: zfnisdbt generate --output FILE [options]\n"
-               "Writes SECONDS of the device byte stream (4 bytes per 64/63 MHz sample, zero level 127).\n"
+               "Writes SECONDS of the device byte stream (4 bytes per 64/63 MHz sample, zero level 127),\n"
+               "or with --front-end sdr what a generic SDR records (u8 I/Q, no header).\n"
                "broadcast:\n"
                "  --mode 1|2|3                  transmission mode (3)\n"
                "  --guard 1/4|1/8|1/16|1/32     guard interval (1/8)\n"
@@ -44,8 +45,16 @@ void PrintHelp(FILE* out) {
                "  --echo US,DB[,DEG]            static echo; repeatable\n"
                "  --doppler HZ                  Rayleigh fading, maximum Doppler (0: none)\n"
                "  --profile tu6|flat            fading profile (tu6)\n"
-               "  --level STEPS                 RMS of each byte component (28)\n"
-               "  --drop EVERY:BYTES            lose BYTES after every EVERY bytes\n"
+               "  --level STEPS                 RMS of each byte component, all the band passes (28)\n"
+               "  --drop EVERY:BYTES            lose BYTES after every EVERY bytes (device front end)\n"
+               "front end:\n"
+               "  --front-end device|sdr        the design's device (default), or a generic SDR: the\n"
+               "                                whole band through a wide anti-alias filter, u8 I/Q\n"
+               "                                around 127.5, 2 bytes per sample at 2031746 S/s\n"
+               "  --transmit-filter 0|1         sdr: transmitter's band filter across symbols (1)\n"
+               "  --dc I,Q                      sdr: DC offset in steps from 127.5 (1.5,-1)\n"
+               "  --iq-imbalance DB,DEG         sdr: I/Q gain and phase imbalance (0.3,2)\n"
+               "  --transfer-loss BYTES:N|off   sdr: lose USB transfers of BYTES, one in N (off)\n"
                "output:\n"
                "  --seconds S                   length (10)\n"
                "  --seed N                      seed of everything random (1)\n"
@@ -79,6 +88,11 @@ int Run(int argc, char** argv) {
       {"--profile", [&](const std::string& v) { return sim::ParseProfile(v, c); }},
       {"--level", [&](const std::string& v) { return sim::ParseNumber(v, c.rmsLevel); }},
       {"--drop", [&](const std::string& v) { return sim::ParseDrop(v, c); }},
+      {"--front-end", [&](const std::string& v) { return sim::ParseFrontEnd(v, c); }},
+      {"--transmit-filter", [&](const std::string& v) { return sim::ParseBool(v, c.transmitFilter); }},
+      {"--dc", [&](const std::string& v) { return sim::ParsePair(v, c.dcI, c.dcQ); }},
+      {"--iq-imbalance", [&](const std::string& v) { return sim::ParsePair(v, c.iqGainDb, c.iqPhaseDeg); }},
+      {"--transfer-loss", [&](const std::string& v) { return sim::ParseTransferLoss(v, c); }},
       {"--seconds", [&](const std::string& v) -> std::string {
          if (!sim::ParseNumber(v, seconds).empty() || !(seconds > 0 && seconds <= 3600)) return "seconds must be above 0 and at most 3600, not '" + v + "'";
          return {};
@@ -196,6 +210,9 @@ int Run(int argc, char** argv) {
               gen->PacketsPerFrame(), sim::FrameSeconds(b) * 1e3);
   std::printf("programme: %s\n", source.c_str());
   std::printf("wrote %lld bytes (%.3f s) to %s\n", static_cast<long long>(written), seconds, output.c_str());
+  if (c.frontEnd == sim::FrontEnd::Sdr)
+    std::printf("generic SDR: u8 I/Q at %.2f samples/s around 127.5, %lld transfers lost\n", sim::kBroadcastRateHz,
+                static_cast<long long>(gen->TransfersLost()));
   return 0;
 }
 

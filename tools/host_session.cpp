@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tools/sdr_diagnosis.h"
 #include "zfnisdbt.h"
 
 namespace zfn::tools {
@@ -62,6 +63,7 @@ bool OpenReceiver(const char* command, const SourceOptions& o, bool tunedSimulat
   if (opened == 2) {
     // The device library loaded but found no device to open.
     std::fprintf(stderr, "zfnisdbt %s: the device library found no device (open result 2)\n", command);
+    ExplainNoDevice(stderr);
   } else if (o.simulate) {
     std::fprintf(stderr,
                  "zfnisdbt %s: open failed: libZFNACCESS.so and libBDA_simu.so must both be found "

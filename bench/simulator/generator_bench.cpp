@@ -70,11 +70,24 @@ void BM_Mode3_64QamWideFilter(benchmark::State& state) {
   Run(state, b, c);
 }
 
+// A generic SDR: the whole band at four times the rate through the transmit and anti-alias
+// filters, with the default DC offset and imbalance.
+void BM_Mode3SdrAwgnOffsets(benchmark::State& state) {
+  ChannelConfig c;
+  c.frontEnd = zfn::sim::FrontEnd::Sdr;
+  c.noise = true;
+  c.cnDb = 15;
+  c.carrierOffsetHz = 35000;
+  c.clockPpm = 20;
+  Run(state, Mode3(), c);
+}
+
 BENCHMARK(BM_Mode3Clean)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Mode3Awgn)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Mode3AwgnOffsets)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Mode3Tu6Fading)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Mode3_64QamWideFilter)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Mode3SdrAwgnOffsets)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -23,7 +23,8 @@ class SimuLibrary : public ::testing::Test {
  protected:
   void SetUp() override {
     for (const char* name : {"ZFNISDBT_SIM_MODE", "ZFNISDBT_SIM_GUARD", "ZFNISDBT_SIM_CN", "ZFNISDBT_SIM_SPEED",
-                             "ZFNISDBT_SIM_CAPTURE", "ZFNISDBT_SIM_TS", "ZFNISDBT_SIM_CARRIER_OFFSET"})
+                             "ZFNISDBT_SIM_CAPTURE", "ZFNISDBT_SIM_TS", "ZFNISDBT_SIM_CARRIER_OFFSET",
+                             "ZFNISDBT_SIM_FRONT_END", "ZFNISDBT_SIM_TRANSFER_LOSS"})
       unsetenv(name);
     handle_ = dlopen(ZFN_SIMU_LIBRARY, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(handle_, nullptr) << dlerror();
@@ -125,13 +126,16 @@ TEST_F(SimuLibrary, PlaysACaptureInALoop) {
 }
 
 TEST_F(SimuLibrary, BadSettingFailsStart) {
-  setenv("ZFNISDBT_SIM_MODE", "7", 1);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(start_(), -1);
-  const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_NE(err.find("ZFNISDBT_SIM_MODE"), std::string::npos) << err;
-  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1);
-  unsetenv("ZFNISDBT_SIM_MODE");
+  for (const auto& [name, value] : {std::pair{"ZFNISDBT_SIM_MODE", "7"}, std::pair{"ZFNISDBT_SIM_FRONT_END", "antenna"},
+                                    std::pair{"ZFNISDBT_SIM_TRANSFER_LOSS", "16384"}}) {
+    setenv(name, value, 1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(start_(), -1);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find(name), std::string::npos) << err;
+    EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1);
+    unsetenv(name);
+  }
   setenv("ZFNISDBT_SIM_CAPTURE", "/nonexistent/capture", 1);
   EXPECT_EQ(start_(), -1);
   int32_t length = 9;

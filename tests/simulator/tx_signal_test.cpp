@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdio>
 #include <complex>
 #include <vector>
 
@@ -42,8 +44,13 @@ std::vector<cd> EngineSamples(const BroadcastConfig& b, size_t symbols) {
 }
 
 cd Dft(const cd* x, int n, int bin) {
+  static std::vector<cd> turn;  // e^(-2 pi i k / n) of the last n
+  if (turn.size() != static_cast<size_t>(n)) {
+    turn.resize(static_cast<size_t>(n));
+    for (int k = 0; k < n; ++k) turn[static_cast<size_t>(k)] = std::polar(1.0, -2.0 * M_PI * k / n);
+  }
   cd sum = 0;
-  for (int k = 0; k < n; ++k) sum += x[k] * std::polar(1.0, -2.0 * M_PI * static_cast<double>((static_cast<int64_t>(bin) * k) % n) / n);
+  for (int k = 0; k < n; ++k) sum += x[k] * turn[static_cast<size_t>((static_cast<int64_t>(bin) * k) % n)];
   return sum;
 }
 
@@ -73,6 +80,24 @@ TEST(TransmitterSignal, CyclicPrefixCorrelationPeaksAtTheSymbolStart) {
     const Samples y = DeviceSamples(b, ChannelConfig{}, static_cast<size_t>(4 * ns));
     for (int k = 0; k < 3; ++k)
       for (int i = 0; i < 2 * ng; ++i) ASSERT_EQ(y[static_cast<size_t>(k * ns + i)], y[static_cast<size_t>(k * ns + i + 2 * n1)]);
+    // From a generic SDR, behind the transmitter's and its own filters, which run on across the
+    // symbol edges, it is not: the copy holds in the middle of the guard only.
+    ChannelConfig sdr;
+    sdr.frontEnd = FrontEnd::Sdr;
+    const Samples z = DeviceSamples(b, sdr, static_cast<size_t>(4 * ns));
+    double edge = 0, middle = 0, rest = 0, power = 0;
+    for (int k = 1; k < 3; ++k)
+      for (int i = 0; i < 2 * ng; ++i) {
+        const size_t at = static_cast<size_t>(k * ns + i);
+        const double e = std::norm(cd(z[at]) - cd(z[at + static_cast<size_t>(2 * n1)]));
+        (i < 4 ? edge : i >= 24 && i < 2 * ng - 24 ? middle : rest) += e;
+        power += std::norm(cd(z[at]));
+      }
+    const double perSample = power / (4 * ng);
+    std::printf("mode %d from an SDR: guard against the symbol's end, %.1f dB at its start, %.1f dB in its middle\n", mode,
+                10 * std::log10(edge / 8 / perSample), 10 * std::log10(middle / (2 * (2 * ng - 48)) / perSample));
+    EXPECT_GT(edge / 8 / perSample, 1e-3) << "mode " << mode;
+    EXPECT_LT(middle / (2 * (2 * ng - 48)) / perSample, 1e-6) << "mode " << mode;
   }
 }
 
@@ -120,40 +145,61 @@ TEST(TransmitterSignal, PilotsAndTmccAtTheRightBins) {
   }
 }
 
+// C/N over segment 0's band is the requested one from both front ends. Thermal noise enters ahead
+// of the receiver's filter: the device's keeps it out beyond its band (what would fold onto
+// segment 0 when the engine keeps every second sample), a generic SDR's passes nearly all of
+// +-1.016 MHz.
 TEST(ChannelModel, MeasuredCarrierToNoiseIsTheRequestedOne) {
-  BroadcastConfig b;  // Mode 3, 1/8
-  ChannelConfig noisy;
-  noisy.noise = true;
-  noisy.cnDb = 12.0;
-  const int ns = 2 * EngineSamplesPerSymbol(b);
-  const int m = 2 * NumbersOfMode(3).n1;
-  const int nc = NumbersOfMode(3).nc;
-  const int symbols = 24;
-  // Same seeds: the difference is the noise alone, up to the scale of each generator.
-  double k0 = 0, k1 = 0;
-  const Samples s = DeviceSamples(b, ChannelConfig{}, static_cast<size_t>(ns * symbols), &k0);
-  const Samples y = DeviceSamples(b, noisy, s.size(), &k1);
-  double c = 0, n = 0;
-  std::vector<cd> sig(static_cast<size_t>(m)), noise(static_cast<size_t>(m));
-  for (int sym = 0; sym < symbols; ++sym) {
-    for (size_t i = 0, at = static_cast<size_t>(sym * ns + (ns - m)); i < sig.size(); ++i) {
-      sig[i] = cd(s[at + i]) / k0;
-      noise[i] = cd(y[at + i]) / k1 - sig[i];
+  struct Case {
+    FrontEnd frontEnd;
+    // Noise density at 0.86..0.89 MHz from DC against segment 0's, in dB: at most and at least
+    // (the plain transform leaks some of the band's noise there).
+    double outerAtMost, outerAtLeast;
+  };
+  for (const Case& k : {Case{FrontEnd::Device, -25.0, -200.0}, Case{FrontEnd::Sdr, 0.5, -0.5}}) {
+    BroadcastConfig b;  // Mode 3, 1/8
+    ChannelConfig clean;
+    clean.frontEnd = k.frontEnd;
+    clean.dcI = clean.dcQ = 0.0;  // the two streams below have different scales
+    ChannelConfig noisy = clean;
+    noisy.noise = true;
+    noisy.cnDb = 12.0;
+    const int ns = 2 * EngineSamplesPerSymbol(b);
+    const int m = 2 * NumbersOfMode(3).n1;
+    const int nc = NumbersOfMode(3).nc;
+    const int symbols = 16;
+    // Same seeds: the difference is the noise alone, up to the scale of each generator.
+    double k0 = 0, k1 = 0;
+    const Samples s = DeviceSamples(b, clean, static_cast<size_t>(ns * symbols), &k0);
+    const Samples y = DeviceSamples(b, noisy, s.size(), &k1);
+    double c = 0, n = 0, outer = 0;
+    std::vector<cd> sig(static_cast<size_t>(m)), noise(static_cast<size_t>(m));
+    for (int sym = 0; sym < symbols; ++sym) {
+      for (size_t i = 0, at = static_cast<size_t>(sym * ns + (ns - m)); i < sig.size(); ++i) {
+        sig[i] = cd(s[at + i]) / k0;
+        noise[i] = cd(y[at + i]) / k1 - sig[i];
+      }
+      for (int j = 0; j < nc; ++j) {
+        c += std::norm(Dft(sig.data(), m, ((j - nc / 2) % m + m) % m));
+        n += std::norm(Dft(noise.data(), m, ((j - nc / 2) % m + m) % m));
+      }
+      for (int j = 867; j < 897; ++j) outer += std::norm(Dft(noise.data(), m, j)) + std::norm(Dft(noise.data(), m, m - j));
     }
-    for (int j = 0; j < nc; ++j) {
-      c += std::norm(Dft(sig.data(), m, ((j - nc / 2) % m + m) % m));
-      n += std::norm(Dft(noise.data(), m, ((j - nc / 2) % m + m) % m));
+    const char* name = k.frontEnd == FrontEnd::Sdr ? "sdr" : "device";
+    EXPECT_NEAR(10 * std::log10(c / n), 12.0, 0.25) << name;
+    const double outerDb = 10 * std::log10(outer / 60 / (n / nc));
+    EXPECT_LT(outerDb, k.outerAtMost) << name;
+    EXPECT_GT(outerDb, k.outerAtLeast) << name;
+    std::printf("%s: C/N %.2f dB over segment 0, noise at 0.87 MHz %.1f dB\n", name, 10 * std::log10(c / n), outerDb);
+    // Gaussian: kurtosis 3 on each component.
+    double m2 = 0, m4 = 0;
+    for (size_t i = 0; i < s.size(); ++i) {
+      const double v = y[i].real() / k1 - s[i].real() / k0;
+      m2 += v * v;
+      m4 += v * v * v * v;
     }
+    EXPECT_NEAR(m4 * static_cast<double>(s.size()) / (m2 * m2), 3.0, 0.1) << name;
   }
-  EXPECT_NEAR(10 * std::log10(c / n), 12.0, 0.2);
-  // Gaussian: kurtosis 3 on each component.
-  double m2 = 0, m4 = 0;
-  for (size_t i = 0; i < s.size(); ++i) {
-    const double v = y[i].real() / k1 - s[i].real() / k0;
-    m2 += v * v;
-    m4 += v * v * v * v;
-  }
-  EXPECT_NEAR(m4 * static_cast<double>(s.size()) / (m2 * m2), 3.0, 0.1);
 }
 
 TEST(ChannelModel, MeasuredFrequencyAndClockOffsetsAreTheRequestedOnes) {
@@ -236,6 +282,83 @@ TEST(ChannelModel, EchoesAndFadingHaveTheRequestedResponseAndPower) {
   for (double p : blocks) mean += p / static_cast<double>(blocks.size());
   EXPECT_NEAR(mean / (2.0 * cf.rmsLevel * cf.rmsLevel), 1.0, 0.25);
   EXPECT_GT(*std::max_element(blocks.begin(), blocks.end()) / *std::min_element(blocks.begin(), blocks.end()), 4.0);
+}
+
+// A generic SDR's analogue faults measured back from its bytes: DC offset (around 127.5, against
+// the same stream without it: the scattered pilots make spectral lines, some near DC), I/Q gain
+// and phase imbalance, and the level. The carrier offset turns the pilots, which would otherwise
+// put more power on I than on Q.
+TEST(GenericSdr, DcOffsetImbalanceAndLevelAreTheSetOnes) {
+  struct Case {
+    double dcI, dcQ, gainDb, phaseDeg, level;
+  };
+  for (const Case& k : {Case{1.5, -1.0, 0.3, 2.0, 28}, Case{-4.0, 6.0, -1.0, -5.0, 40}, Case{0.3, 0, 0, 0, 20}}) {
+    ChannelConfig c;
+    c.frontEnd = FrontEnd::Sdr;
+    c.noise = true;
+    c.cnDb = 15;
+    c.carrierOffsetHz = 12345;
+    c.iqGainDb = k.gainDb;
+    c.iqPhaseDeg = k.phaseDeg;
+    c.rmsLevel = k.level;
+    // Means, variances and the covariance of I and Q.
+    auto moments = [&](double dcI, double dcQ) {
+      c.dcI = dcI;
+      c.dcQ = dcQ;
+      std::vector<uint8_t> bytes(1 << 20);
+      Make(BroadcastConfig{}, c)->GenerateBytes(bytes.data(), bytes.size());
+      std::array<double, 5> m{};
+      for (size_t j = 0; j < bytes.size(); j += 2) {
+        const double i = bytes[j] - 127.5, q = bytes[j + 1] - 127.5;
+        m[0] += i;
+        m[1] += q;
+        m[2] += i * i;
+        m[3] += q * q;
+        m[4] += i * q;
+      }
+      for (double& v : m) v /= static_cast<double>(bytes.size() / 2);
+      return std::array<double, 5>{m[0], m[1], m[2] - m[0] * m[0], m[3] - m[1] * m[1], m[4] - m[0] * m[1]};
+    };
+    const auto without = moments(0, 0), m = moments(k.dcI, k.dcQ);
+    std::printf("SDR: DC %.3f %.3f, gain %.3f dB, phase %.2f deg, level %.2f\n", m[0] - without[0], m[1] - without[1],
+                10 * std::log10(m[2] / m[3]), std::asin(m[4] / std::sqrt(m[2] * m[3])) * 180 / M_PI,
+                std::sqrt(std::sqrt(m[2] * m[3])));
+    EXPECT_NEAR(m[0] - without[0], k.dcI, 0.05);
+    EXPECT_NEAR(m[1] - without[1], k.dcQ, 0.05);
+    EXPECT_NEAR(10 * std::log10(m[2] / m[3]), k.gainDb, 0.05);
+    EXPECT_NEAR(std::asin(m[4] / std::sqrt(m[2] * m[3])) * 180 / M_PI, k.phaseDeg, 0.2);
+    EXPECT_NEAR(std::sqrt(std::sqrt(m[2] * m[3])) / k.level, 1.0, 0.02);
+  }
+}
+
+// Whole USB transfers are lost at the set rate, and nothing else: every transfer delivered is one
+// of the stream without losses, in order.
+TEST(GenericSdr, WholeTransfersAreLostAtTheSetRate) {
+  ChannelConfig c;
+  c.frontEnd = FrontEnd::Sdr;
+  c.noise = true;
+  c.cnDb = 20;
+  ChannelConfig lossy = c;
+  lossy.transferBytes = 4096;
+  lossy.transferLossOneIn = 5;
+  const size_t transfers = 300;
+  std::vector<uint8_t> got(transfers * 4096), all(2 * transfers * 4096);
+  auto g = Make(BroadcastConfig{}, lossy);
+  g->GenerateBytes(got.data(), got.size());
+  Make(BroadcastConfig{}, c)->GenerateBytes(all.data(), all.size());
+  size_t at = 0;  // transfer of the stream without losses
+  for (size_t t = 0; t < transfers; ++t, ++at) {
+    while (at < 2 * transfers && !std::equal(got.begin() + static_cast<std::ptrdiff_t>(t * 4096), got.begin() + static_cast<std::ptrdiff_t>((t + 1) * 4096),
+                                             all.begin() + static_cast<std::ptrdiff_t>(at * 4096)))
+      ++at;
+    ASSERT_LT(at, 2 * transfers) << "transfer " << t << " is none of the stream's";
+  }
+  EXPECT_EQ(static_cast<int64_t>(at - transfers), g->TransfersLost());
+  // One in five of 300 + lost: about 75, 6.9 of standard deviation.
+  EXPECT_NEAR(static_cast<double>(g->TransfersLost()), 75.0, 25.0);
+  ChannelConfig bad = lossy;
+  bad.transferLossOneIn = 1;
+  EXPECT_NE(CheckConfig(BroadcastConfig{}, bad), "");
 }
 
 TEST(ChannelModel, BadSettingsAreRefusedWithAReason) {

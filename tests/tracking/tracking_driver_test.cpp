@@ -64,9 +64,10 @@ TEST(DriverTracking, CleanConstellationsInAllModes) {
   }
 }
 
-// snrDb against the C/N of the broadcast over segment 0. It reads below C/N by the device noise
-// that folds onto the segment when every second device sample is dropped (3 dB) and by the noise
-// of the channel estimate (about 2 dB), and rises with C/N.
+// snrDb against the C/N of the broadcast over segment 0. The device filter keeps out the noise that
+// would fold onto the segment when every second device sample is dropped, so it reads below C/N by
+// the noise of the channel estimate (1 to 2 dB; near 4 dB at 25 dB, where the neighbour carriers
+// that the device filter lets fold beside the segment begin to count), and rises with C/N.
 TEST(DriverTracking, SnrFollowsCarrierToNoise) {
   double last = -100.0;
   for (double cn = 5.0; cn <= 25.0; cn += 5.0) {
@@ -79,8 +80,8 @@ TEST(DriverTracking, SnrFollowsCarrierToNoise) {
     }
     const double snr = sum / 6.0;
     SCOPED_TRACE(::testing::Message() << "C/N " << cn << " snrDb " << snr);
-    EXPECT_GT(snr, cn - 6.5);
-    EXPECT_LT(snr, cn - 2.0);
+    EXPECT_GT(snr, cn - 4.5);
+    EXPECT_LT(snr, cn);
     EXPECT_GT(snr, last + 2.5);
     last = snr;
   }
