@@ -53,7 +53,7 @@ std::vector<float> KaiserLowpass(double cutoff, double transition, double attenu
     const double t = n - mid;
     const double x = 2 * kPi * cutoff * t;
     const double sinc = t == 0 ? 2 * cutoff : std::sin(x) / (kPi * t);
-    const double r = static_cast<double>(t) / mid;
+    const double r = mid > 0 ? static_cast<double>(t) / mid : 0.0;
     h[static_cast<size_t>(n)] = sinc * std::cyl_bessel_i(0.0, beta * std::sqrt(std::max(0.0, 1 - r * r))) / std::cyl_bessel_i(0.0, beta);
     sum += h[static_cast<size_t>(n)];
   }

@@ -157,7 +157,8 @@ class SignalGenerator {
   // Device samples per OFDM symbol and per frame at the broadcast's rate.
   virtual int DeviceSamplesPerSymbol() const = 0;
   // Mean power of the signal per complex device sample before scaling to bytes, of segment 0
-  // alone and of all synthesised carriers; and the scale to byte steps that the quantiser uses.
+  // alone and of all synthesised carriers (from the generic SDR front end: all that its filters
+  // pass); and the scale to byte steps that the quantiser uses.
   virtual double Segment0Power() const = 0;
   virtual double TotalPower() const = 0;
   virtual double ByteScale() const = 0;

@@ -11,11 +11,13 @@
 // With --front-end sdr the stream is a generic SDR's (the whole broadcast, wide anti-alias filter,
 // DC offset, I/Q imbalance, 8-bit converter) put through the device library's conditioning, block
 // by block, as `zfnisdbt decode --front-end sdr` does. --mode, --guard, --code-rate, --interleave,
-// --carrier-offset and --clock-ppm choose another layer and channel.
+// --carrier-offset and --clock-ppm choose another layer and channel; --no-transmit-filter leaves out
+// the generic SDR stream's transmit filter, whose run across symbol edges makes the guard interval
+// differ from the end of the symbol, as with real transmitters.
 //
 //   sensitivity_sweep [--from DB] [--to DB] [--step DB] [--seconds S] [--seed N] [--no-resync]
 //                     [--front-end device|sdr] [--mode M] [--guard 0..3] [--code-rate 0..4]
-//                     [--interleave 0..3] [--carrier-offset HZ] [--clock-ppm PPM]
+//                     [--interleave 0..3] [--carrier-offset HZ] [--clock-ppm PPM] [--no-transmit-filter]
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -53,6 +55,7 @@ struct Setting {
   zfn::sim::BroadcastConfig broadcast;  // Mode 3, 1/8, QPSK 2/3, I = 4
   double carrierOffsetHz = 0, clockPpm = 0;
   bool sdr = false;
+  bool transmitFilter = true;  // generic SDR: the transmitter's band filter across symbol edges
 };
 
 
@@ -68,6 +71,7 @@ Point RunPoint(const Setting& setting, double cnDb, double seconds, uint64_t see
   c.carrierOffsetHz = setting.carrierOffsetHz;
   c.clockPpm = setting.clockPpm;
   if (setting.sdr) c.frontEnd = zfn::sim::FrontEnd::Sdr;  // the simulator's defaults for DC and imbalance
+  c.transmitFilter = setting.transmitFilter;
   std::string error;
   auto gen = zfn::sim::SignalGenerator::Create(b, c, zfn::sim::MakeTestPatternSource(seed), &error);
   if (!gen) {
@@ -138,11 +142,15 @@ int main(int argc, char** argv) {
   const char* usage =
       "usage: sensitivity_sweep [--from DB] [--to DB] [--step DB] [--seconds S] [--seed N] [--no-resync]\n"
       "                         [--front-end device|sdr] [--mode M] [--guard 0..3] [--code-rate 0..4]\n"
-      "                         [--interleave 0..3] [--carrier-offset HZ] [--clock-ppm PPM]\n";
+      "                         [--interleave 0..3] [--carrier-offset HZ] [--clock-ppm PPM] [--no-transmit-filter]\n";
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     if (a == "--no-resync") {
       resync = false;
+      continue;
+    }
+    if (a == "--no-transmit-filter") {
+      setting.transmitFilter = false;
       continue;
     }
     if (a == "--front-end" && i + 1 < argc && (std::strcmp(argv[i + 1], "sdr") == 0 || std::strcmp(argv[i + 1], "device") == 0)) {
