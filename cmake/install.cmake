@@ -14,7 +14,7 @@ set_target_properties(zfnisdbt PROPERTIES INSTALL_RPATH "$ORIGIN/${zfn_bin_to_li
 
 install(TARGETS ZFNISDBT EXPORT ZFNISDBTTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS zfnisdbt RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(TARGETS zfn_simulation_device BDA_simu zfn_probe_bridge LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS zfn_device_library BDA_simu zfn_probe_bridge LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${CMAKE_SOURCE_DIR}/include/zfnisdbt.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${CMAKE_SOURCE_DIR}/simulator/fixtures/programme.ts DESTINATION ${CMAKE_INSTALL_LIBDIR}/zfnisdbt)
 install(FILES ${CMAKE_SOURCE_DIR}/doc/zfnisdbt.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
