@@ -29,6 +29,11 @@ void LogMessage(const char* format, ...) {
   platform::DebugOutput(text);
 }
 
+void CountPacketRingOverrun() {
+  if (engine.refined == 0) return;
+  debugParaBlock.SetInt(PACKET_OVERRUN_WORD, debugParaBlock.Int(PACKET_OVERRUN_WORD) + 1);
+}
+
 int32_t DebugCommand(int32_t command, int32_t value) {
   switch (command) {
     case 3:  // parameter set source, honoured by the demodulation thread at the next block

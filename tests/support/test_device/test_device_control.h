@@ -65,7 +65,7 @@ uint8_t TestDevice_PatternByte(int64_t k);
 // Bytes per ZFN_GetData call: length > 0 fixed (cut to the buffer size), 0 random 1..240648 from
 // seed. With keepGroupsOfFour the count is rounded down to a multiple of 4.
 void TestDevice_SetReadLength(int32_t length, uint32_t seed, int32_t keepGroupsOfFour);
-// Paces the stream to a byte rate from the last restart (0 = unpaced). 8126984 is real time.
+// Paces the stream to a byte rate from the last restart (0 = unpaced). 4063492 is real time (1015873 engine samples a second, four bytes each).
 void TestDevice_SetByteRate(int64_t bytesPerSecond);
 void TestDevice_SetEventPeriod(int32_t milliseconds);  // takes effect at the next thread start
 
