@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(
   cmake make g++ pkg-config binutils
   libgtest-dev libbenchmark-dev libfftw3-dev libpng-dev
+  clang libclang-rt-14-dev
 )
 
 missing=()
