@@ -1,62 +1,73 @@
-// The synchronous engine fed device bytes. A short capture of our transmitter (Mode 3, 1/8, QPSK
-// 2/3, a little noise) is made once; each input overwrites, inserts into or cuts from a copy of
-// it, which then runs through a freshly retuned engine: acquisition from mode detection on, on
-// bytes that are signal almost everywhere and anything at all where the input says.
-// Input: records of [op, position (3 bytes), length, bytes...]; op % 3: 0 overwrite, 1 insert,
-// 2 cut.
+// The synchronous engine fed device bytes that are anything at all. A capture of our transmitter
+// (Mode 3, 1/8, QPSK 2/3, short interleaving, a little noise) is made once and fed on and on, so
+// that acquisition, tracking and decoding are all reached; every input is spliced into it where
+// the stream has got to: over the next 4 KB of the capture, or inserted before them. One run is
+// thus short (a block is handled every 60 or so runs), and the engine goes on from where the last
+// run left it.
+// Input: byte 0 selects: 0 retune (acquisition from scratch), 1 switch the refinements, 2 skip
+// ahead in the capture, 3 insert the rest before the capture's bytes (which moves the groups of
+// four), any other: the rest overwrites the capture's bytes.
+// Crashes may need the runs before them: reproduce with the whole corpus in order
+// (fuzz_engine -runs=N corpus/engine) rather than the one input.
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
+#include "shell/receiver_state.h"
 #include "shell/shell_fields.h"
 #include "shell/sync_driver.h"
 #include "simulator/transmitter.h"
 
 namespace {
 
-constexpr int kBlocks = 4;
+constexpr double kCaptureSeconds = 6.0;
+constexpr size_t kCaptureBytesPerRun = 4096;
 
 std::vector<uint8_t> MakeCapture() {
   zfn::sim::BroadcastConfig b;
+  b.interleave = 1;
   zfn::sim::ChannelConfig c;
   c.noise = true;
   c.cnDb = 25;
   std::string error;
   auto generator = zfn::sim::SignalGenerator::Create(b, c, zfn::sim::MakeNullSource(), &error);
-  std::vector<uint8_t> bytes(static_cast<size_t>(kBlocks) * zfn::RAW_BLOCK_BYTES);
-  if (generator) generator->GenerateBytes(bytes.data(), bytes.size());
-  return bytes;
+  return generator ? generator->GenerateSeconds(kCaptureSeconds) : std::vector<uint8_t>{};
 }
+
+size_t cursor = 0;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::vector<uint8_t> capture = MakeCapture();
-  static const bool open = zfn::SyncDriverOpen(nullptr, nullptr) == 1;
-  if (!open) return 0;
-  std::vector<uint8_t> stream(capture);
-  size_t at = 0;
-  while (at + 5 <= size) {
-    const uint8_t op = data[at];
-    size_t pos = (size_t{data[at + 1]} << 16 | size_t{data[at + 2]} << 8 | data[at + 3]) * 16 % stream.size();
-    size_t length = data[at + 4];
-    at += 5;
-    if (op % 3 == 2) {
-      length = std::min(length, stream.size() - pos);
-      stream.erase(stream.begin() + static_cast<std::ptrdiff_t>(pos),
-                   stream.begin() + static_cast<std::ptrdiff_t>(pos + length));
-      continue;
-    }
-    length = std::min(length, size - at);
-    if (op % 3 == 1) {
-      stream.insert(stream.begin() + static_cast<std::ptrdiff_t>(pos), data + at, data + at + length);
-    } else {
-      length = std::min(length, stream.size() - pos);
-      std::memcpy(stream.data() + pos, data + at, length);
-    }
-    at += length;
+  static const bool open = [] {
+    if (zfn::SyncDriverOpen(nullptr, nullptr) != 1) return false;
+    zfn::SyncDriverRetune();
+    return true;
+  }();
+  if (!open || capture.size() < kCaptureBytesPerRun || size == 0) return 0;
+  switch (data[0]) {
+    case 0:
+      zfn::SyncDriverRetune();
+      break;
+    case 1:
+      zfn::engine.refined = zfn::engine.refined == 0 ? 1 : 0;
+      break;
+    case 2:
+      cursor = (cursor + capture.size() / 7) % capture.size();
+      break;
+    default:
+      break;
   }
-  zfn::SyncDriverRetune();
-  zfn::SyncDriverFeed(stream.data(), stream.size());
+  const size_t take = std::min(kCaptureBytesPerRun, capture.size() - cursor);
+  static std::vector<uint8_t> chunk(kCaptureBytesPerRun);
+  std::memcpy(chunk.data(), capture.data() + cursor, take);
+  if (data[0] == 3) {
+    zfn::SyncDriverFeed(data + 1, size - 1);
+  } else {
+    std::memcpy(chunk.data(), data + 1, std::min(size - 1, take));
+  }
+  zfn::SyncDriverFeed(chunk.data(), take);
+  cursor = (cursor + take) % capture.size();
   return 0;
 }

@@ -21,15 +21,20 @@ void Write(const char* name, const uint8_t* data, size_t size) {
 
 }  // namespace
 
+// The files are read from the current directory: each run steps into a directory of its own and
+// back, so that libFuzzer's own files stay where it was started.
+char directory[] = "/tmp/zfn_fuzz_params_XXXXXX";
+char home[4096];
+
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  char dir[] = "/tmp/zfn_fuzz_params_XXXXXX";
-  if (mkdtemp(dir) == nullptr || chdir(dir) != 0) std::abort();
+  if (mkdtemp(directory) == nullptr || getcwd(home, sizeof home) == nullptr) std::abort();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool open = zfn::SyncDriverOpen(nullptr, nullptr) == 1;
   if (!open) return 0;
+  if (chdir(directory) != 0) std::abort();
   const char* names[3] = {"ParaSet.txt", "ParaSetCE.txt", "ParaSetOther.txt"};
   size_t start = 0;
   for (int f = 0; f < 3; ++f) {
@@ -39,5 +44,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     start = end < size ? end + 1 : end;
   }
   zfn::LoadParameterSet(zfn::PARAM_FROM_FILES);
+  if (chdir(home) != 0) std::abort();
   return 0;
 }

@@ -394,6 +394,12 @@ TEST_F(Lifecycle, ATunerFailureDoesNotFailTheRetune) {
   const auto t0 = std::chrono::steady_clock::now();
   EXPECT_EQ(SetFrequency(557143), 1);
   EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(200));
+  // A frequency whose tuner setting leaves 32 bits fails like the tuner (and overflows nothing).
+  TestDevice_ClearFailures();
+  TestDevice_Reset();
+  EXPECT_EQ(SetFrequency(INT32_MAX), 1);
+  for (const std::string& call : DeviceCalls()) EXPECT_NE(call.rfind("ZFN_Set_Frequency", 0), 0u) << call;
+  EXPECT_EQ(SetFrequency(INT32_MIN), 1);
   ASSERT_TRUE(WaitFor([] { return engine.blockState >= BLOCK_COARSE_SYNC; }));
   EXPECT_EQ(CloseDevice(), 1);
   ExpectNothingLeft();
