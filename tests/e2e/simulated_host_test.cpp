@@ -94,8 +94,9 @@ TEST(SimulatedHost, LocksDeliversSyncedPacketsAndRetunes) {
 }
 
 // A host that breaks the rules, with the refinements on: close and open called from inside the
-// callback are refused (the device goes on), and a callback that takes 300 ms a call makes the
-// demodulation thread lap the packet ring, which status word 6 counts.
+// callback are refused (the device goes on), and a slow callback makes the
+// demodulation thread lap the packet ring, which status word 6 counts (a second a call here, so that
+// the ring overruns at real time too).
 std::atomic<int> hostileMode{0};  // 1: close and open from inside, 2: slow
 std::atomic<int> insideClose{-1}, insideOpen{-1};
 
@@ -106,7 +107,7 @@ void OnPacketsHostile(const uint8_t*, int32_t) {
     insideOpen = ZFISDBT_OpenDevice();
     hostileMode = 0;
   } else if (hostileMode.load() == 2) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
   }
 }
 
