@@ -6,10 +6,13 @@
 // run left it.
 // Input: byte 0 selects: 0 retune (acquisition from scratch), 1 switch the refinements, 2 skip
 // ahead in the capture, 3 insert the rest before the capture's bytes (which moves the groups of
-// four), any other: the rest overwrites the capture's bytes.
+// four), 4 to 15 the rest overwrites the capture's bytes, any other: the capture flows clean (so
+// that most runs let the engine reach tracking and decoding between the damage).
 // Crashes may need the runs before them: reproduce with the whole corpus in order
 // (fuzz_engine -runs=N corpus/engine) rather than the one input.
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -46,9 +49,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return true;
   }();
   if (!open || capture.size() < kCaptureBytesPerRun || size == 0) return 0;
-  switch (data[0]) {
+  // Retunes and damage are rationed (a retune at most every 2048 runs, about two seconds of
+  // signal; damage on one run in eight), so that acquisition can finish and tracking and decoding
+  // run between them.
+  static uint32_t runs = 0, lastRetune = 0;
+  runs += 1;
+  uint8_t op = data[0];
+  if (op == 0 && runs - lastRetune < 2048) op = 255;
+  if (op >= 2 && op < 16 && runs % 8 != 0) op = 255;
+  switch (op) {
     case 0:
       zfn::SyncDriverRetune();
+      lastRetune = runs;
       break;
     case 1:
       zfn::engine.refined = zfn::engine.refined == 0 ? 1 : 0;
@@ -62,12 +74,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const size_t take = std::min(kCaptureBytesPerRun, capture.size() - cursor);
   static std::vector<uint8_t> chunk(kCaptureBytesPerRun);
   std::memcpy(chunk.data(), capture.data() + cursor, take);
-  if (data[0] == 3) {
+  if (op == 3) {
     zfn::SyncDriverFeed(data + 1, size - 1);
-  } else {
+  } else if (op < 16) {
     std::memcpy(chunk.data(), data + 1, std::min(size - 1, take));
   }
   zfn::SyncDriverFeed(chunk.data(), take);
   cursor = (cursor + take) % capture.size();
+  // ZFN_FUZZ_STATES=1: the block state every 4096 runs, to see which states the runs reach.
+  static const bool trace = std::getenv("ZFN_FUZZ_STATES") != nullptr;
+  if (trace && runs % 4096 == 0) std::fprintf(stderr, "state %d\n", zfn::SyncDriverBlockState());
   return 0;
 }
