@@ -33,7 +33,7 @@ for t in "${targets[@]}"; do
   (cd build-fuzz && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
     "./bin/fuzz_$t" -max_total_time="$time" -max_len="$max_len" -timeout=20 -rss_limit_mb=4096 \
     -print_final_stats=1 "corpus/$t" > "fuzz_$t.log" 2>&1) || status=$?
-  grep -E '^(#[0-9]+ *DONE|stat::number_of_executed_units|stat::average_exec_per_sec|==[0-9]+==ERROR|SUMMARY)' \
+  grep -E '^(#[0-9]+[[:space:]]+DONE|stat::number_of_executed_units|stat::average_exec_per_sec|==[0-9]+==ERROR|SUMMARY)' \
     "build-fuzz/fuzz_$t.log" >&2 || true
   if [ "$status" -ne 0 ]; then
     echo "fuzz: $t failed (exit $status); see build-fuzz/fuzz_$t.log" >&2
