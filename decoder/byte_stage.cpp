@@ -14,6 +14,7 @@
 #include "decoder/decoder_stages.h"
 #include "decoder/decoder_state.h"
 #include "shell/device_state.h"
+#include "shell/diagnostics.h"
 #include "shell/receiver_state.h"
 
 namespace zfn {
@@ -111,6 +112,8 @@ void HandOverPacket() {
   {
     std::lock_guard<std::mutex> lock(device.packetRingLock);
     engine.ringWrite = (engine.ringWrite + 1) % TS_RING_SLOTS;
+    // Equal indices mean empty: the packets still in the ring are lost.
+    if (engine.ringWrite == engine.ringRead) CountPacketRingOverrun();
     std::memcpy(engine.ringSlots + TS_PACKET_BYTES * engine.ringWrite, decoder.stagedPacket, TS_PACKET_BYTES);
   }
   engine.tsResetRequest = 0;

@@ -76,19 +76,18 @@ void DrainPacketRing() {
   }
   if (request != 0) return;
   for (;;) {
-    uint32_t slot = 0;
     bool have = false;
     {
+      // The slot is copied inside the lock: a writer that laps the reader (a callback too slow)
+      // would otherwise be writing the slot while it is read.
       std::lock_guard<std::mutex> lock(device.packetRingLock);
       if (engine.ringRead != engine.ringWrite) {
         engine.ringRead = (engine.ringRead + 1) % TS_RING_SLOTS;
-        slot = engine.ringRead;
+        std::memcpy(engine.rsWork, engine.ringSlots + TS_PACKET_BYTES * engine.ringRead, TS_PACKET_BYTES);
         have = true;
       }
     }
     if (!have) return;
-    // The slot is copied outside the lock: a writer that laps the reader may overwrite it meanwhile.
-    std::memcpy(engine.rsWork, engine.ringSlots + TS_PACKET_BYTES * slot, TS_PACKET_BYTES);
     std::memcpy(engine.rsRaw, engine.rsWork, TS_PACKET_BYTES);
     ProcessPacket();
     if (engine.tsResetRequest == 1) {

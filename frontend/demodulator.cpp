@@ -161,7 +161,10 @@ int32_t TuneFrontEnd(int32_t frequencyKHz, int32_t bandwidthMHz, int32_t offsetK
       deviceBinding.DeviceUpdate == nullptr) {
     return 1;
   }
-  if (deviceBinding.Set_Frequency(frequencyKHz + TUNER_OFFSET_KHZ + offsetKHz) == 0) return 1;
+  // A frequency whose tuner setting does not fit the device's 32-bit word fails like the tuner.
+  const int64_t tunerKHz = int64_t{frequencyKHz} + TUNER_OFFSET_KHZ + offsetKHz;
+  if (tunerKHz < INT32_MIN || tunerKHz > INT32_MAX) return 1;
+  if (deviceBinding.Set_Frequency(static_cast<int32_t>(tunerKHz)) == 0) return 1;
   if (deviceBinding.Set_Bandwidth(bandwidthMHz) == 0) return 1;
   if (deviceBinding.DeviceUpdate() == 0) return 2;
 

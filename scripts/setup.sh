@@ -8,6 +8,7 @@ packages=(
   libdvbpsi-dev
   ffmpeg
   libsoapysdr-dev soapysdr-module-all libliquid-dev
+  clang libclang-rt-14-dev
 )
 
 missing=()

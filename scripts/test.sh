@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # The test run of the project:
-#   scripts/test.sh          Release build with warnings as errors, every test; then a
-#                            ThreadSanitizer build running the lifecycle tests (threads, events,
-#                            open and close) without suppressions.
-#   scripts/test.sh --asan   AddressSanitizer, LeakSanitizer and UBSan build running every test
-#                            (for local use; build-asan/).
+#   scripts/test.sh          Release build with warnings as errors, every test; a ThreadSanitizer
+#                            build running the lifecycle tests (threads, events, open and close);
+#                            an AddressSanitizer, LeakSanitizer and UBSan build running every test;
+#                            a few seconds of each fuzz target (clang, libFuzzer). No suppressions.
+#   scripts/test.sh --asan   only the AddressSanitizer, LeakSanitizer and UBSan build and its tests
+#                            (build-asan/).
+#   scripts/test.sh --fuzz   only the fuzz targets' short runs (build-fuzz/); scripts/fuzz.sh runs
+#                            them for longer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -28,13 +31,21 @@ run_ctest() {  # build folder, sanitized (0/1), ctest arguments...
   (cd "$dir" && "${prefix[@]}" ctest -j"$jobs" --output-on-failure --timeout 300 "$@")
 }
 
-if [ "${1:-}" = "--asan" ]; then
+asan() {
   cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZFN_SANITIZE=address -DZFN_WERROR=ON \
     -DZFN_BUILD_BENCH=OFF
   cmake --build build-asan -j"$jobs"
-  ASAN_OPTIONS=detect_leaks=1 run_ctest build-asan 1
-  exit 0
-fi
+  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_ctest build-asan 1
+}
+
+fuzz() {
+  scripts/fuzz.sh --short
+}
+
+case "${1:-}" in
+  --asan) asan; exit 0 ;;
+  --fuzz) fuzz; exit 0 ;;
+esac
 
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DZFN_WERROR=ON
 cmake --build build -j"$jobs"
@@ -44,3 +55,6 @@ cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZFN_SANITIZE=thread
   -DZFN_BUILD_BENCH=OFF
 cmake --build build-tsan -j"$jobs"
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" run_ctest build-tsan 1 -L lifecycle
+
+asan
+fuzz

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 
 #include "frontend/device_binding.h"
@@ -18,6 +19,19 @@
 namespace zfn {
 
 void (*symbolStepHandler)() = SymbolStep;
+RelaxedWord<int64_t> lastBlockArrivalMs;
+RelaxedWord<int64_t> lastBlockTakenMs;
+
+int64_t SteadyMilliseconds() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+void MarkStreamProgress() {
+  const int64_t now = SteadyMilliseconds();
+  lastBlockArrivalMs = now;
+  lastBlockTakenMs = now;
+}
 const BlockStages STAGE_ENTRY_POINTS = {DetectModeAndGuard, RunCoarseSync, RunFrameSync, SetUpTracking,
                                         SetUpDecoder};
 BlockStages blockStages = STAGE_ENTRY_POINTS;
@@ -31,6 +45,7 @@ constexpr int32_t BLOCKS_PER_PASS = 10;  // about 592 ms of signal before the th
 
 void PublishReceivedBlock(const uint8_t* block, void*) {
   BlockRingPublish(block);
+  lastBlockArrivalMs = SteadyMilliseconds();
   device.blockEvent.Set();
   CaptureFeed(block);
 }
@@ -104,12 +119,18 @@ void ProcessPendingBlocks() {
       if (!BlockRingTakeNext(engine.rawBlock)) return;
     }
     taken += 1;
+    lastBlockTakenMs = SteadyMilliseconds();
 
     if (restart) {
       engine.blockState = BLOCK_MODE_DETECT;
       ResetAcquisition();
       restart = false;
     } else if (engine.resyncRequest != 0 || engine.tmccFailed != 0) {
+      // Refinement: an acquisition that failed before tracking may be reading the groups of four
+      // bytes at the wrong place (a byte lost or inserted); the next one tries the next phase.
+      if (engine.refined != 0 && engine.blockState >= BLOCK_MODE_DETECT && engine.blockState < BLOCK_TRACKING) {
+        engine.bytePhase = (engine.bytePhase + 1) & 3;
+      }
       engine.blockState = BLOCK_MODE_DETECT;
       ResetAcquisition();
     }
@@ -138,11 +159,39 @@ void ConvertBlock(const uint8_t* raw, float* samples) {
   }
 }
 
+namespace {
+
+// The groups of four bytes start bytePhase bytes into the block. The last group of phase 3 would
+// end in the next block: its Q byte is taken as the zero level.
+void ConvertBlockAtPhase(const uint8_t* raw, float* samples, int32_t phase) {
+  for (int32_t k = 0; k < BLOCK_SAMPLES; ++k) {
+    const int32_t at = 4 * k + phase;
+    const uint8_t q = at + 1 < RAW_BLOCK_BYTES ? raw[at + 1] : uint8_t{127};
+    samples[2 * k] = (static_cast<float>(raw[at]) - 127.0f) * 0.0078125f;
+    samples[2 * k + 1] = (static_cast<float>(q) - 127.0f) * 0.0078125f;
+  }
+}
+
+// Refinement: acquisition found no TMCC word it could accept. Unless every byte phase has been
+// tried since the last tracking, start acquisition over (at the next phase) on the newest block.
+bool TryNextBytePhase() {
+  if (engine.refined == 0 || engine.bytePhaseTries >= 3) return false;
+  engine.bytePhaseTries += 1;
+  engine.resyncRequest = 1;
+  return true;
+}
+
+}  // namespace
+
 void ProcessBlock() {
   const int32_t state = engine.blockState;
   if (state == BLOCK_IDLE || state == BLOCK_NO_SIGNAL) return;
 
-  ConvertBlock(engine.rawBlock, engine.sampleBlock);
+  if (engine.bytePhase == 0) {
+    ConvertBlock(engine.rawBlock, engine.sampleBlock);
+  } else {
+    ConvertBlockAtPhase(engine.rawBlock, engine.sampleBlock, engine.bytePhase);
+  }
 
   switch (state) {
     case BLOCK_MODE_DETECT:
@@ -156,8 +205,9 @@ void ProcessBlock() {
     case BLOCK_FRAME_SYNC:
       if (blockStages.runFrameSync() == 1) {
         if (engine.tmccAccepted == 0) {
-          engine.blockState = BLOCK_NO_SIGNAL;
+          if (!TryNextBytePhase()) engine.blockState = BLOCK_NO_SIGNAL;
         } else {
+          engine.bytePhaseTries = 0;
           if (engine.tmccRepeat == 0) {
             blockStages.setUpTracking();
             blockStages.setUpDecoder();

@@ -3,6 +3,8 @@
 // walk of OFDM symbols across block edges.
 #include <cstdint>
 
+#include "shell/relaxed_word.h"
+
 namespace zfn {
 
 // Thread entries.
@@ -39,6 +41,14 @@ extern const BlockStages STAGE_ENTRY_POINTS;
 // The walk calls the symbol step through this pointer. Tests replace it with a consumer that looks
 // at symbolBuffer and sets timingStep, to check the walk on its own.
 extern void (*symbolStepHandler)();
+
+// Steady clock in milliseconds, and the times the reception thread last published a block and the
+// demodulation thread last took one (read by the status functions with the refinements on).
+int64_t SteadyMilliseconds();
+extern RelaxedWord<int64_t> lastBlockArrivalMs;
+extern RelaxedWord<int64_t> lastBlockTakenMs;
+// Both times to now: at open and at every retune, which start the stream's clock anew.
+void MarkStreamProgress();
 
 // Tells the packet thread to start over: tsResetPhase 2, tsResetRequest 1, packetEvent.
 void RequestPacketRestart();

@@ -9,6 +9,7 @@
 #include "shell/device_state.h"
 #include "shell/diagnostics.h"
 #include "shell/fault_injection.h"
+#include "shell/receiver_state.h"
 #include "shell/shell_fields.h"
 
 namespace zfn {
@@ -51,8 +52,29 @@ bool CaptureFaultInjected(CaptureFault fault) { return captureFault.load() == st
 
 // Closes the capture file if it is still open. The pointer itself is kept, as stop keeps it.
 void CloseCaptureFileLocked() {
-  if (capture.captureFileOpen) std::fclose(capture.captureFile);
+  if (capture.captureFileOpen && std::fclose(capture.captureFile) != 0 && engine.refined != 0) {
+    capture.health = CAPTURE_WRITE_FAILED;
+  }
   capture.captureFileOpen = false;
+}
+
+// Refinement: writes one block unless the capture already failed; a block that reception lapped
+// while it was copied, or a write the file refused, ends the writing.
+void WriteBlockChecked(uint32_t index) {
+  if (capture.health != CAPTURE_WHOLE) return;
+  if (capture.captureWritten.load() - index > static_cast<uint32_t>(CAPTURE_SLOTS)) {
+    capture.health = CAPTURE_LOST_BLOCKS;
+    return;
+  }
+  LoadSlot(index);
+  if (capture.captureWritten.load() - index > static_cast<uint32_t>(CAPTURE_SLOTS)) {
+    capture.health = CAPTURE_LOST_BLOCKS;  // overwritten during the copy
+    return;
+  }
+  if (std::fwrite(staging, 1, RAW_BLOCK_BYTES, capture.captureFile) != RAW_BLOCK_BYTES ||
+      std::fflush(capture.captureFile) != 0) {
+    capture.health = CAPTURE_WRITE_FAILED;
+  }
 }
 
 // Waits at most timeoutMs for the capture thread to end; joins it and returns true if it did.
@@ -132,6 +154,7 @@ int32_t StartCapture() {
     // otherwise leave a stale count behind the reset.
     std::lock_guard<std::mutex> lock(capture.feedLock);
     captureOn = 1;
+    capture.health = CAPTURE_WHOLE;
     capture.captureWritten = 0;
     capture.captureRead = 0;
   }
@@ -190,8 +213,12 @@ void CaptureThread() {
     // new start) from looking like four billion blocks to write.
     while (static_cast<int32_t>(written - index) > 0) {
       if (device.captureRing != nullptr && capture.captureFileOpen) {
-        LoadSlot(index);
-        std::fwrite(staging, 1, RAW_BLOCK_BYTES, capture.captureFile);
+        if (engine.refined != 0) {
+          WriteBlockChecked(index);
+        } else {
+          LoadSlot(index);
+          std::fwrite(staging, 1, RAW_BLOCK_BYTES, capture.captureFile);
+        }
       }
       index += 1;
       capture.captureRead = index;
@@ -199,6 +226,8 @@ void CaptureThread() {
   }
   capture.threadEnded = 1;
 }
+
+int32_t CaptureHealth() { return engine.refined != 0 ? capture.health.load() : 1; }
 
 // Reception's part: with capture on, copy the block to slot (captureWritten mod 3), count it and
 // set the capture event. Reception does not look at captureRead.

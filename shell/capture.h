@@ -27,6 +27,10 @@ constexpr int32_t CAPTURE_STOP_WAIT_MS = 2000; // stop's wait for the capture th
 constexpr const char* CAPTURE_FILE_PREFIX = "BBStore";
 constexpr const char* CAPTURE_FILE_MODE = "wb";
 
+constexpr int32_t CAPTURE_WHOLE = 1;         // every block fed so far is in the file
+constexpr int32_t CAPTURE_LOST_BLOCKS = 0;   // the writer fell behind: reception lapped the ring
+constexpr int32_t CAPTURE_WRITE_FAILED = -1; // the file refused a write (a full disk, an I/O error)
+
 struct CaptureState {
   RelaxedWord<uint32_t> captureWritten;  // running count of blocks fed by reception
   RelaxedWord<uint32_t> captureRead;     // running count of blocks written to the file
@@ -40,6 +44,10 @@ struct CaptureState {
   bool captureFileOpen;                 // captureFile is open: the guard against a second fclose
   RelaxedWord<int32_t> threadEnded;     // set by the capture thread as its last act
   RelaxedWord<uint32_t> generation;     // a thread runs only while this is the value it started with
+  // Refinement (engine.refined): CAPTURE_WHOLE while every block fed has been written in order;
+  // after a lost block or a failed write the thread writes no more, so that the file is the whole
+  // stream up to the fault and never a stream with holes. Debug command 6 with value 2 returns it.
+  RelaxedWord<int32_t> health{1};
   std::mutex writeLock;  // the file and the ring while the capture thread writes; open and close
   std::mutex feedLock;   // the capture event while reception sets it; start and stop
 };
@@ -60,6 +68,10 @@ void CaptureRingFree();
 int32_t StartCapture();
 // Debug command 6 with value 0. Returns 1.
 int32_t StopCapture();
+// Debug command 6 with value 2: with the refinements on, the health of the capture since its
+// start (CAPTURE_WHOLE, CAPTURE_LOST_BLOCKS, CAPTURE_WRITE_FAILED); otherwise 1, as for any other
+// value.
+int32_t CaptureHealth();
 // Entry of the capture thread.
 void CaptureThread();
 // Called by the reception thread with each whole block while capture may be on.

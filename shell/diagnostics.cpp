@@ -29,6 +29,11 @@ void LogMessage(const char* format, ...) {
   platform::DebugOutput(text);
 }
 
+void CountPacketRingOverrun() {
+  if (engine.refined == 0) return;
+  debugParaBlock.SetInt(PACKET_OVERRUN_WORD, debugParaBlock.Int(PACKET_OVERRUN_WORD) + 1);
+}
+
 int32_t DebugCommand(int32_t command, int32_t value) {
   switch (command) {
     case 3:  // parameter set source, honoured by the demodulation thread at the next block
@@ -49,9 +54,10 @@ int32_t DebugCommand(int32_t command, int32_t value) {
       return 1;
     case 1:  // plotting probe: 1 on, 0 off, 2 off and unload the bridge
       return DebugProbeCommand(value);
-    case 6:  // raw capture to "BBStore" files: 1 start, 0 stop
+    case 6:  // raw capture to "BBStore" files: 1 start, 0 stop, 2 its health (refinement)
       if (value == 1) return StartCapture();
       if (value == 0) return StopCapture();
+      if (value == 2) return CaptureHealth();
       return 1;
     default:  // 2, 4 and all others do nothing
       return 0;

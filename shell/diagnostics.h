@@ -40,6 +40,12 @@ extern MatlabProbe* matlabProbe;
 // Capture of raw blocks to files: on while non-zero; cleared by close.
 extern RelaxedWord<int32_t> captureOn;
 
+// Status word 6 stays 0 in the designed receiver. With the refinements on it counts the overruns of
+// the packet ring since the last retune: each time the demodulation thread laps the packet thread,
+// whose host callback is too slow, and the packets in the ring are lost. Called under packetRingLock.
+constexpr int32_t PACKET_OVERRUN_WORD = 6;
+void CountPacketRingOverrun();
+
 // Formats a log text (printf rules, at most 16379 characters) and passes it to the debug output.
 void LogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

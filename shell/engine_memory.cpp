@@ -46,6 +46,8 @@ int32_t EngineInit() {
   engine.autoResync = 1;
   engine.rsDecoderFull = 1;
   engine.refined = RefinedSwitchFromEnvironment();
+  engine.bytePhase = 0;
+  engine.bytePhaseTries = 0;
 
   LoadParameterSet(PARAM_DEFAULTS);
 

@@ -25,6 +25,36 @@ RelaxedWord<int32_t> injectedFault;
 namespace {
 
 constexpr auto TUNER_SETTLE_TIME = std::chrono::milliseconds(200);
+// With the refinements on, a stream that has delivered no block for this long, or whose blocks the
+// demodulation thread has stopped taking, is reported as no signal.
+constexpr int64_t STREAM_STALL_MS = 1000;
+
+// The simulator was started by this open and not yet stopped: its pacer writes to dataEvent until
+// BDA_Stop_simulate, so every way out of open and close stops it before the event closes.
+bool simulatorStarted = false;
+
+void StopSimulator() {
+  if (!simulatorStarted) return;
+  simulatorStarted = false;
+  if (simulatorBinding.BDA_Stop_simulate != nullptr) simulatorBinding.BDA_Stop_simulate();
+}
+
+// True on one of the receiver's own threads. Close and open there would join the thread that is
+// calling them (the transport stream callback runs on the packet thread).
+bool OnReceiverThread() {
+  const uint64_t self = static_cast<uint64_t>(pthread_self());
+  return (threadTable.packet.Exists() && threadTable.packet.Id() == self) ||
+         (threadTable.demodulation.Exists() && threadTable.demodulation.Id() == self) ||
+         (threadTable.reception.Exists() && threadTable.reception.Id() == self);
+}
+
+// Refinement: the stream has stopped (no block arrives) or the demodulation thread has stopped
+// taking blocks. The status functions then answer no signal instead of their last values.
+bool StreamStalled() {
+  if (engine.refined == 0 || device.running == 0 || engine.blockState == BLOCK_IDLE) return false;
+  const int64_t now = SteadyMilliseconds();
+  return now - lastBlockArrivalMs.load() > STREAM_STALL_MS || now - lastBlockTakenMs.load() > STREAM_STALL_MS;
+}
 
 bool StartThread(platform::Thread& thread, uint64_t& id, void (*entry)(), ShellFault fault) {
   if (FaultInjected(fault)) return false;
@@ -58,6 +88,7 @@ void StopThreadsAndEngine() {
 int32_t UnwindOpen(int32_t result) {
   device.running = 0;
   StopThreadsAndEngine();
+  StopSimulator();
   if (device.dataEventRegistered != 0) {
     deviceBinding.ReleaseDABEventHandle(device.dataEvent.DescriptorAddress());
     device.dataEventRegistered = 0;
@@ -107,10 +138,17 @@ void RetuneReset() {
   para.SetInt(3, -1);
   para.SetInt(10, -1);
   para.SetFloat(11, -1.0f);
+  MarkStreamProgress();
 }
 
 int32_t OpenDevice() {
   LogMessage("ISDBT API: --> Device On\n");
+  if (device.running != 0 || OnReceiverThread()) {
+    // A second open over a live one would start every thread again over the running state: refused,
+    // and the open device is left as it is.
+    LogMessage("ISDBT API: <-- OPEN DAB DEVICE Fail\n");
+    return 0;
+  }
   device.control = &controlBlock;
   device.threads = &threadTable;
   threadTable.demodulation.Forget();
@@ -124,6 +162,7 @@ int32_t OpenDevice() {
   if (device.simulationMode != 0) {
     // A simulator that does not start leaves everything as it is: no unwinding.
     if (BindSimulator(device.dataEvent.DescriptorAddress()) == -1) return 0;
+    simulatorStarted = true;
   } else {
     if (deviceBinding.BDAFilterInit(0) == 0) return UnwindOpen(2);
     if (deviceBinding.SetDABEventHandle(device.dataEvent.DescriptorAddress()) == 0) return UnwindOpen(0);
@@ -132,6 +171,7 @@ int32_t OpenDevice() {
   }
   if (device.simulationMode == 0 && ProgramDemodulator() == 0) return UnwindOpen(0);
 
+  MarkStreamProgress();
   device.running = 1;
   if (BlockRingAlloc() == 0) return UnwindOpen(0);
   if (FaultInjected(ShellFault::BlockEvent) || !device.blockEvent.Create()) return UnwindOpen(0);
@@ -166,6 +206,12 @@ int32_t CloseDevice() {
     LogMessage("ISDBT API: <-- ZFISDBT_OpenDevice() has not been invoked,  ISDBT_DeviceOff() OK\n");
     return 1;
   }
+  if (OnReceiverThread()) {
+    // From inside the transport stream callback: the packet thread cannot join itself, and the
+    // engine it is running in must not be freed under it. Refused; the device stays open.
+    LogMessage("ISDBT API: <-- ISDBT_DeviceOff() refused on a receiver thread\n");
+    return 0;
+  }
   device.running = 0;
   StopThreadsAndEngine();
 
@@ -178,6 +224,7 @@ int32_t CloseDevice() {
     device.tunerType = 0;
   } else if (simulatorBinding.BDA_Stop_simulate != nullptr) {
     // The simulator library stays loaded for the life of the process.
+    simulatorStarted = false;
     simulatorBinding.BDA_Stop_simulate();
   }
 
@@ -236,6 +283,7 @@ int32_t SetFrequency(int32_t frequencyKHz) {
 }
 
 int32_t SignalPresentStatus() {
+  if (StreamStalled()) return -1;
   const int32_t state = engine.blockState;
   if (state == BLOCK_NO_SIGNAL) return -1;
   if (state == BLOCK_TRACKING) return 1;
@@ -243,6 +291,7 @@ int32_t SignalPresentStatus() {
 }
 
 int32_t SignalLockStatus() {
+  if (StreamStalled()) return -1;
   if (engine.blockState != BLOCK_TRACKING) return 0;
   if (engine.decodeStage == 2) {
     if (engine.goodFrameRun > 1 && engine.badFrameRun < 3) return 1;
@@ -254,6 +303,7 @@ int32_t SignalLockStatus() {
 
 int32_t SignalQualityStatus() {
   const float snr = engine.snrDb;
+  if (StreamStalled()) return 0;
   if (engine.blockState != BLOCK_TRACKING || !(snr > 0.0f)) return 0;
   constexpr float THRESHOLD_DB[5] = {6.0f, 8.0f, 10.0f, 15.0f, 20.0f};
   constexpr int32_t QUALITY[5] = {20, 40, 60, 80, 100};

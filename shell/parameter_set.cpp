@@ -1,7 +1,14 @@
 // The parameter set of the tracking stages: compiled-in defaults, the values forced per mode at
 // each entry to tracking, and three optional text files a developer may load into a running
 // receiver.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <bit>
+#include <cmath>
+#include <cstdlib>
 #include <cstdio>
 
 #include "shell/receiver_state.h"
@@ -82,6 +89,10 @@ void LoadByMode() {
 // 99 characters (a longer label spills into the next read), the value with "%f\n" or "%d\n", which
 // also eats the line end and any blank lines behind it. A value that does not scan leaves the
 // holding variable as it was, so the field repeats the last value read of its type.
+// Values beyond what any parameter means are cut to +-PARAM_VALUE_LIMIT, and a value that is not a
+// finite number counts as one that does not scan: the stages' arithmetic on them stays defined.
+constexpr double PARAM_VALUE_LIMIT = 1.0e6;
+
 struct ValueReader {
   FILE* file;
   float realHolder = 0.0f;
@@ -91,22 +102,53 @@ struct ValueReader {
     char label[100];
     if (std::fgets(label, sizeof label, file) == nullptr) label[0] = '\0';
   }
+  // The value as "%f\n" or "%d\n" would scan it, or false. The integer is taken as text first:
+  // an integer beyond 32 bits is undefined for "%d".
+  bool Value(double& v, bool integer) {
+    if (integer) {
+      char text[64];
+      if (std::fscanf(file, " %63[-+0123456789]\n", text) != 1) return false;
+      char* end = nullptr;
+      v = static_cast<double>(std::strtoll(text, &end, 10));
+      if (end == text) return false;
+    } else if (std::fscanf(file, "%lf\n", &v) != 1) {
+      return false;
+    }
+    if (!std::isfinite(v)) return false;
+    v = std::clamp(v, -PARAM_VALUE_LIMIT, PARAM_VALUE_LIMIT);
+    return true;
+  }
   float Real() {
     SkipLabel();
-    float v;
-    if (std::fscanf(file, "%f\n", &v) == 1) realHolder = v;
+    double v;
+    if (Value(v, false)) realHolder = static_cast<float>(v);
     return realHolder;
   }
   int32_t Int() {
     SkipLabel();
-    int v;
-    if (std::fscanf(file, "%d\n", &v) == 1) intHolder = v;
+    double v;
+    if (Value(v, true)) intHolder = static_cast<int32_t>(v);
     return intHolder;
   }
 };
 
+// Opens a parameter file for reading only if it is a regular file: a FIFO or a device would block
+// the demodulation thread (and with it close) until someone writes to it.
+FILE* OpenParameterFile(const char* name) {
+  const int fd = ::open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    return nullptr;
+  }
+  FILE* f = ::fdopen(fd, "r");
+  if (f == nullptr) ::close(fd);
+  return f;
+}
+
 void LoadTimingFile() {
-  FILE* f = std::fopen("ParaSet.txt", "r");
+  FILE* f = OpenParameterFile("ParaSet.txt");
   if (f == nullptr) return;
   ValueReader r{f};
   for (int s = 0; s < 3; ++s) {
@@ -122,7 +164,7 @@ void LoadTimingFile() {
 }
 
 void LoadChannelFile() {
-  FILE* f = std::fopen("ParaSetCE.txt", "r");
+  FILE* f = OpenParameterFile("ParaSetCE.txt");
   if (f == nullptr) return;
   ValueReader r{f};
   for (float& v : engine.spareTapSets) v = r.Real();
@@ -142,7 +184,7 @@ void LoadChannelFile() {
 }
 
 void LoadOtherFile() {
-  FILE* f = std::fopen("ParaSetOther.txt", "r");
+  FILE* f = OpenParameterFile("ParaSetOther.txt");
   if (f == nullptr) return;
   ValueReader r{f};
   // The gain is so small that the file gives it as a fraction a / b, divided in 32-bit float.

@@ -115,6 +115,14 @@ struct ShellFields {
   int32_t jumpListCount;     // timing steps of the last frame
   int32_t jumpList[JUMP_LIST_CAPACITY];
 
+  // Refinement: where the four-byte sample groups start in the device stream (0..3). A byte lost
+  // from or inserted into the stream moves every group; each acquisition that fails before
+  // tracking tries the next phase. bytePhaseTries counts the acquisitions that ended without an
+  // accepted TMCC word since the last tracking: after three more tries the engine settles in
+  // BLOCK_NO_SIGNAL as designed.
+  int32_t bytePhase;
+  int32_t bytePhaseTries;
+
   // Needed early by acquisition; owned by shell
   int32_t forceCarrierOffset;  // developer override of the carrier search; nothing sets it
 };

@@ -9,6 +9,8 @@
 
 namespace zfn::sim {
 
+constexpr int64_t kMaxDropBytes = 40634920;  // ten seconds of the device stream, 4063492 bytes a second
+
 int PacketsPerFrame(const BroadcastConfig& b) {
   // T = 12 * q * R * 2^(mode-1) packets per frame for one segment (ARIB STD-B31).
   return 12 * BitsPerCarrier(b.modulation) * RateNumerator(b.codeRate) * (1 << (b.mode - 1)) / RateDenominator(b.codeRate);
@@ -46,6 +48,8 @@ std::string CheckConfig(const BroadcastConfig& b, const ChannelConfig& c) {
   if (!(c.rmsLevel >= 1 && c.rmsLevel <= 120)) return "RMS level must be 1 to 120 steps";
   if (c.dropEveryBytes < 0 || c.dropBytes < 0) return "drop counts must not be negative";
   if (c.dropBytes > 0 && c.dropEveryBytes < 4) return "dropping needs an interval of at least 4 bytes";
+  // Lost bytes are generated and thrown away: a bound keeps one loss to seconds of work.
+  if (c.dropBytes > kMaxDropBytes) return "at most 40634920 bytes (ten seconds of signal) can be lost at once";
   if (c.frontEnd == FrontEnd::Sdr) {
     if (c.dropBytes > 0) return "the SDR front end loses whole transfers (transfer loss), not dropped bytes";
     if (!(std::fabs(c.dcI) <= 100 && std::fabs(c.dcQ) <= 100)) return "DC offset must be within +-100 steps";
@@ -105,26 +109,35 @@ class Generator final : public SignalGenerator {
     }
   }
 
+  // Bytes of the device stream, two per device sample. Losses are counted in bytes, so an odd loss
+  // moves the stream by one byte: the second byte of a sample is then carried to the next call.
   void GenerateBytes(uint8_t* out, size_t count) override {
     size_t done = 0;
-    const int64_t every = c_.dropEveryBytes / 4 * 4;
-    const int64_t drop = c_.dropBytes / 4 * 4;
+    const int64_t every = c_.dropBytes > 0 ? c_.dropEveryBytes : 0;
     while (done < count) {
-      size_t want = count - done;
-      if (drop > 0 && every > 0) {
-        if (sinceDrop_ == every) {
-          Discard(drop);
-          sinceDrop_ = 0;
-        }
-        want = std::min<size_t>(want, static_cast<size_t>(every - sinceDrop_));
+      if (every > 0 && sinceDrop_ == every) {
+        DiscardBytes(c_.dropBytes);
+        sinceDrop_ = 0;
       }
-      want = std::min(want, scratchBytes_.size());
-      const size_t samples = want / 2;
-      if (samples == 0) break;
-      GenerateSamples(scratch_.data(), samples);
-      QuantiseToBytes(scratch_.data(), static_cast<int>(samples), out + done);
-      done += samples * 2;
-      sinceDrop_ += static_cast<int64_t>(samples * 2);
+      size_t want = count - done;
+      if (every > 0) want = std::min<size_t>(want, static_cast<size_t>(every - sinceDrop_));
+      size_t made = 0;
+      if (hasCarry_) {
+        out[done] = carry_;
+        hasCarry_ = false;
+        made = 1;
+      } else if (want == 1) {
+        out[done] = NextSampleBytes()[0];
+        made = 1;
+        hasCarry_ = true;
+      } else {
+        const size_t samples = std::min(want, scratchBytes_.size()) / 2;
+        GenerateSamples(scratch_.data(), samples);
+        QuantiseToBytes(scratch_.data(), static_cast<int>(samples), out + done);
+        made = samples * 2;
+      }
+      done += made;
+      sinceDrop_ += static_cast<int64_t>(made);
     }
   }
 
@@ -184,6 +197,26 @@ class Generator final : public SignalGenerator {
     }
   }
 
+  // One device sample as its two bytes; the second is kept as the carry.
+  const uint8_t* NextSampleBytes() {
+    GenerateSamples(scratch_.data(), 1);
+    QuantiseToBytes(scratch_.data(), 1, sampleBytes_);
+    carry_ = sampleBytes_[1];
+    return sampleBytes_;
+  }
+
+  void DiscardBytes(int64_t bytes) {
+    if (hasCarry_ && bytes > 0) {
+      hasCarry_ = false;
+      bytes -= 1;
+    }
+    Discard(bytes / 2 * 2);
+    if (bytes % 2 != 0) {
+      NextSampleBytes();
+      hasCarry_ = true;
+    }
+  }
+
   void Discard(int64_t bytes) {
     while (bytes > 0) {
       const size_t samples = std::min<size_t>(scratch_.size(), static_cast<size_t>(bytes / 2));
@@ -209,6 +242,9 @@ class Generator final : public SignalGenerator {
   int64_t frame_ = 0;
   int n_ = 0;
   int64_t sinceDrop_ = 0;
+  uint8_t sampleBytes_[2] = {};
+  uint8_t carry_ = 0;
+  bool hasCarry_ = false;
 };
 
 }  // namespace

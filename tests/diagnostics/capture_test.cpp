@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <mutex>
 
 #include <string>
 #include <vector>
@@ -10,6 +13,7 @@
 #include "shell/capture.h"
 #include "shell/device_state.h"
 #include "shell/diagnostics.h"
+#include "shell/receiver_state.h"
 #include "shell/shell_fields.h"
 #include "tests/diagnostics/diagnostics_support.h"
 
@@ -142,6 +146,48 @@ TEST_F(Capture, TheFileHoldsTheBlocksFedAndASecondStartOrACloseEndsIt) {
   EXPECT_TRUE(ReadBytes(CaptureName(number + 1)) == second);
   EXPECT_TRUE(ReadBytes(CaptureName(number + 2)).empty());
   EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+// With the refinements on, a capture that could not keep up or could not be written says so
+// through debug command 6, 2, and its file is the stream up to the fault, without holes; designed,
+// the command answers 1 whatever happened.
+TEST_F(Capture, ALostBlockOrAFailedWriteEndsTheFileAndIsReportedWithTheRefinements) {
+  ASSERT_EQ(CaptureRingAlloc(), 1);
+  device.running = 1;
+  for (const int32_t refined : {0, 1}) {
+    SCOPED_TRACE(refined);
+    engine.refined = refined;
+    // A disk too slow: the writer is held while reception laps the ring.
+    const int32_t number = capture.captureFileNumber;
+    ASSERT_EQ(StartCapture(), 1);
+    std::vector<uint8_t> expected;
+    for (uint32_t b = 0; b < 2; ++b) {
+      const std::vector<uint8_t> block = PatternBlock(b);
+      CaptureFeed(block.data());
+      expected.insert(expected.end(), block.begin(), block.end());
+    }
+    ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 2; }, 2000));
+    {
+      std::lock_guard<std::mutex> hold(capture.writeLock);
+      for (uint32_t b = 2; b < 7; ++b) CaptureFeed(PatternBlock(b).data());
+    }
+    ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 7; }, 2000));
+    EXPECT_EQ(DebugCommand(6, 2), refined != 0 ? CAPTURE_LOST_BLOCKS : 1);
+    EXPECT_EQ(StopCapture(), 1);
+    const std::vector<uint8_t> file = ReadBytes(CaptureName(number));
+    if (refined != 0) EXPECT_TRUE(file == expected) << "the blocks before the loss, and nothing else";
+    else EXPECT_EQ(file.size(), 7u * RAW_BLOCK_BYTES) << "designed: lapped blocks written as they are";
+
+    // A full disk.
+    ASSERT_EQ(symlink("/dev/full", CaptureName(number + 1).c_str()), 0);
+    ASSERT_EQ(StartCapture(), 1);
+    CaptureFeed(PatternBlock(0).data());
+    ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 1; }, 2000));
+    EXPECT_EQ(DebugCommand(6, 2), refined != 0 ? CAPTURE_WRITE_FAILED : 1);
+    EXPECT_EQ(StopCapture(), 1);
+  }
+  engine.refined = 0;
+  device.running = 0;
 }
 
 }  // namespace

@@ -19,7 +19,7 @@ using zfn_test::ScratchDirectory;
 using zfn_test::WaitFor;
 
 constexpr int64_t BLOCK = 240640;
-constexpr int64_t REAL_TIME_BYTES = 8126984;  // 2031746 samples per second, four bytes each
+constexpr int64_t REAL_TIME_BYTES = 4063492;  // 1015873 engine samples per second, four bytes each
 
 // Which block of the simulator's stream a captured block is, or -1 if it is none.
 int64_t StreamBlock(const uint8_t* block, int64_t from) {

@@ -93,4 +93,54 @@ TEST(SimulatedHost, LocksDeliversSyncedPacketsAndRetunes) {
   EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
 }
 
+// A host that breaks the rules, with the refinements on: close and open called from inside the
+// callback are refused (the device goes on), and a slow callback makes the
+// demodulation thread lap the packet ring, which status word 6 counts (a second a call here, so that
+// the ring overruns at real time too).
+std::atomic<int> hostileMode{0};  // 1: close and open from inside, 2: slow
+std::atomic<int> insideClose{-1}, insideOpen{-1};
+
+void OnPacketsHostile(const uint8_t*, int32_t) {
+  callbacks.fetch_add(1);
+  if (hostileMode.load() == 1) {
+    insideClose = ZFISDBT_CloseDevice();
+    insideOpen = ZFISDBT_OpenDevice();
+    hostileMode = 0;
+  } else if (hostileMode.load() == 2) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  }
+}
+
+int32_t OverrunWord() {
+  int32_t words[ZFISDBT_PARA_WORDS] = {};
+  return ZFISDBT_DebugGetParaValue(words) == 1 ? words[6] : -99;
+}
+
+TEST(SimulatedHost, RefusesCloseAndOpenFromTheCallbackAndCountsOverruns) {
+#if defined(__SANITIZE_THREAD__)
+  setenv("ZFNISDBT_SIM_SPEED", "1", 1);
+#else
+  setenv("ZFNISDBT_SIM_SPEED", "2", 1);
+#endif
+  setenv("ZFNISDBT_SIM_INTERLEAVE", "1", 1);
+  setenv("ZFNISDBT_REFINED", "1", 1);
+  ASSERT_EQ(ZFISDBT_DebugCMD(5, 1), 1);
+  ASSERT_EQ(ZFISDBT_SetTSCallBack(&OnPacketsHostile), 1);
+  ASSERT_EQ(ZFISDBT_OpenDevice(), 1);
+  unsetenv("ZFNISDBT_REFINED");
+  ASSERT_EQ(ZFISDBT_SetFrequency(557143), 1);
+  ASSERT_TRUE(WaitFor(Locked, 20.0)) << "block state " << BlockState();
+  hostileMode = 1;
+  ASSERT_TRUE(WaitFor([] { return hostileMode.load() == 0; }, 10.0));
+  EXPECT_EQ(insideClose.load(), 0);
+  EXPECT_EQ(insideOpen.load(), 0);
+  const int before = callbacks.load();
+  EXPECT_TRUE(WaitFor([before] { return callbacks.load() > before + 1; }, 10.0)) << "delivery goes on";
+  EXPECT_EQ(OverrunWord(), 0);
+  hostileMode = 2;
+  EXPECT_TRUE(WaitFor([] { return OverrunWord() > 0; }, 15.0));
+  hostileMode = 0;
+  EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
+}
+
 }  // namespace

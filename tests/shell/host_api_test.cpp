@@ -52,7 +52,7 @@ bool BlockHandledSinceRetune() {
 
 TEST(HostLibrary, LifecycleWithExactLogLines) {
   TestDevice_Reset();
-  TestDevice_SetByteRate(8126984);
+  TestDevice_SetByteRate(4063492);
   LogCapture log;
   int32_t* para = nullptr;
   int32_t words[ZFISDBT_PARA_WORDS];

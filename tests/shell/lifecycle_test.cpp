@@ -29,7 +29,7 @@ using zfn_test::OpenDescriptors;
 using zfn_test::ProcessThreads;
 using zfn_test::WaitFor;
 
-constexpr int64_t kRealTimeBytes = 8126984;
+constexpr int64_t kRealTimeBytes = 4063492;  // 1015873 engine samples a second, four bytes each
 
 // The device calls so far. Data fetches are many and timing-dependent, and register accesses
 // belong to the demodulator programming, which has cases of its own; the lifecycle cases look at
@@ -194,6 +194,7 @@ struct OpenFailure {
   ShellFault fault;            // or a shell resource that fails
   int32_t result;
   std::vector<std::string> calls;  // device control calls of the whole open
+  bool simulation = false;         // opened in simulation: the simulator must be stopped again
 };
 
 void PrintTo(const OpenFailure& f, std::ostream* os) { *os << f.name; }
@@ -209,11 +210,14 @@ TEST_P(OpenFailures, UnwindToNothingWithTheFailLine) {
     ASSERT_EQ(TestDevice_FailFunction(f.deviceFunction, 0, -1), 1);
   }
   injectedFault = static_cast<int32_t>(f.fault);
+  if (f.simulation) DebugCommand(5, 1);
   LogCapture log;
   EXPECT_EQ(OpenDevice(), f.result);
   injectedFault = 0;
   EXPECT_EQ(log.Lines(), (std::vector<std::string>{kOn, kOpenFail}));
   EXPECT_EQ(DeviceCalls(), f.calls);
+  EXPECT_EQ(TestSim_Started(), 0) << "the simulator still runs";
+  EXPECT_EQ(TestSim_EventThreadRunning(), 0);
   EXPECT_EQ(device.tunerType, 0);
   ExpectNothingLeft();
 
@@ -245,7 +249,10 @@ INSTANTIATE_TEST_SUITE_P(
         OpenFailure{"RawBlock", nullptr, ShellFault::RawBlockAlloc, 0, kRegistered},
         OpenFailure{"SampleBlock", nullptr, ShellFault::SampleBlockAlloc, 0, kRegistered},
         OpenFailure{"ControlLock", nullptr, ShellFault::ControlLock, 0, kRegistered},
-        OpenFailure{"DemodulationThread", nullptr, ShellFault::DemodulationThread, 0, kRegistered}),
+        OpenFailure{"DemodulationThread", nullptr, ShellFault::DemodulationThread, 0, kRegistered},
+        OpenFailure{"SimulatedRingSlot", nullptr, ShellFault::RingSlot, 0, {"ZFN_BDAFilterRelease 0"}, true},
+        OpenFailure{"SimulatedPacketThread", nullptr, ShellFault::PacketThread, 0, {"ZFN_BDAFilterRelease 0"}, true},
+        OpenFailure{"SimulatedDemodulationThread", nullptr, ShellFault::DemodulationThread, 0, {"ZFN_BDAFilterRelease 0"}, true}),
     [](const testing::TestParamInfo<OpenFailure>& p) { return std::string(p.param.name); });
 
 TEST_F(Lifecycle, FailedLastAllocationLeavesTheDeviceRunningUntilClose) {
@@ -335,6 +342,51 @@ TEST_F(Lifecycle, AFailingSimulatorReturnsZeroAtOnceWithoutUnwinding) {
   ExpectNothingLeft();
 }
 
+TEST_F(Lifecycle, ASecondOpenIsRefusedAndLeavesTheFirstRunning) {
+  for (const int32_t simulation : {0, 1}) {
+    DebugCommand(5, simulation);
+    ASSERT_EQ(OpenDevice(), 1);
+    const int threads = ProcessThreads();
+    LogCapture log;
+    EXPECT_EQ(OpenDevice(), 0);
+    EXPECT_EQ(log.Lines(), (std::vector<std::string>{kOn, kOpenFail}));
+    EXPECT_EQ(device.running, 1);
+    EXPECT_EQ(ProcessThreads(), threads) << "no threads started over the running ones";
+    const uint32_t before = BlocksWritten();
+    EXPECT_TRUE(WaitFor([before] { return BlocksWritten() > before + 1; })) << "the stream goes on";
+    EXPECT_EQ(CloseDevice(), 1);
+    ExpectNothingLeft();
+  }
+}
+
+// A source that stops delivering (a stall, or events without data). Designed: the status words
+// keep their last values. With the refinements on, within two seconds: no signal, no lock, 0.
+TEST_F(Lifecycle, AStalledStreamReadsAsNoSignalOnlyWithTheRefinements) {
+  for (const bool refined : {false, true}) {
+    SCOPED_TRACE(refined ? "refined" : "designed");
+    if (refined) setenv("ZFNISDBT_REFINED", "1", 1);
+    ASSERT_EQ(OpenDevice(), 1);
+    unsetenv("ZFNISDBT_REFINED");
+    EXPECT_EQ(SetFrequency(557143), 1);
+    ASSERT_TRUE(WaitFor([] { return engine.blockState == BLOCK_FRAME_SYNC; }));
+    int32_t present = 7, locked = 7;
+    EXPECT_EQ(GetSignalPresent(&present), 0) << "acquiring: not sure";
+    TestDevice_SetByteRate(1);  // the event thread signals on, but no data comes
+    const auto stalled = std::chrono::steady_clock::now();
+    const bool noSignal = WaitFor([&] { return GetSignalPresent(&present) == 1 && present == 0; }, 2500);
+    EXPECT_EQ(noSignal, refined);
+    if (refined) {
+      EXPECT_LT(std::chrono::steady_clock::now() - stalled, std::chrono::milliseconds(2100));
+      EXPECT_EQ(GetSignalLock(&locked), 1);
+      EXPECT_EQ(locked, 0);
+    }
+    EXPECT_EQ(SignalQualityStatus(), 0);
+    EXPECT_EQ(CloseDevice(), 1);
+    TestDevice_SetByteRate(kRealTimeBytes);
+    ExpectNothingLeft();
+  }
+}
+
 TEST_F(Lifecycle, ATunerFailureDoesNotFailTheRetune) {
   ASSERT_EQ(OpenDevice(), 1);
   TestDevice_FailFunction("ZFN_Set_Frequency", 0, -1);
@@ -342,6 +394,12 @@ TEST_F(Lifecycle, ATunerFailureDoesNotFailTheRetune) {
   const auto t0 = std::chrono::steady_clock::now();
   EXPECT_EQ(SetFrequency(557143), 1);
   EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(200));
+  // A frequency whose tuner setting leaves 32 bits fails like the tuner (and overflows nothing).
+  TestDevice_ClearFailures();
+  TestDevice_Reset();
+  EXPECT_EQ(SetFrequency(INT32_MAX), 1);
+  for (const std::string& call : DeviceCalls()) EXPECT_NE(call.rfind("ZFN_Set_Frequency", 0), 0u) << call;
+  EXPECT_EQ(SetFrequency(INT32_MIN), 1);
   ASSERT_TRUE(WaitFor([] { return engine.blockState >= BLOCK_COARSE_SYNC; }));
   EXPECT_EQ(CloseDevice(), 1);
   ExpectNothingLeft();

@@ -1,6 +1,7 @@
 // The parameter set: defaults, the values forced per mode, and the three text files with their
 // scan rules.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <bit>
@@ -147,7 +148,18 @@ TEST_F(ParameterFiles, BinaryGarbageIsReadSafely) {
   Write("ParaSet.txt", std::string(300000, '7'));
   Write("ParaSetCE.txt", "\n" + std::string(300000, '9') + "\n");
   LoadParameterSet(PARAM_FROM_FILES);
-  SUCCEED();
+  // Values beyond any meaning are cut, and what is not a finite number does not scan.
+  Write("ParaSet.txt", Pairs({"99999999999999999999", "1e39", "-1e300", "-2147483649", "nan", "7", "inf"}));
+  LoadParameterSet(PARAM_FROM_FILES);
+  EXPECT_EQ(engine.stageStartSymbol[0], 1000000);
+  EXPECT_EQ(engine.stageSpanFraction[0], 1.0e6f);
+  EXPECT_EQ(engine.stageLoopGain[0], -1.0e6f);
+  EXPECT_EQ(engine.stageUpdatePeriod[0], -1000000);
+  EXPECT_EQ(engine.stageStepFraction[0], -1.0e6f) << "nan repeats the last value";
+  // A FIFO in place of a file would block the reader until someone writes: it is not read.
+  std::remove("ParaSetOther.txt");
+  ASSERT_EQ(mkfifo("ParaSetOther.txt", 0600), 0);
+  LoadParameterSet(PARAM_FROM_FILES);
 }
 
 TEST_F(ParameterFiles, ByModeOverridesStagesZeroAndOne) {

@@ -6,12 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -55,18 +56,45 @@ std::map<std::string, std::string> LastLineJson(const std::string& text) {
   const size_t end = text.find_last_not_of('\n') + 1;  // 0 for a text of newlines only
   const size_t begin = end == 0 ? 0 : text.rfind('\n', end - 1) + 1;  // npos + 1 = 0: the first line
   const std::string line = text.substr(begin, end - begin);
-  static const std::regex field(R"re(\s*"([^"]*)"\s*:\s*("[^"]*"|null|-?[0-9][0-9.eE+-]*)\s*([,}]))re");
   std::map<std::string, std::string> fields;
-  size_t i = line.find_first_not_of(' ');
-  if (i == std::string::npos || line[i++] != '{') return {};
-  for (std::smatch m; std::regex_search(line.cbegin() + static_cast<std::ptrdiff_t>(i), line.cend(), m, field,
-                                        std::regex_constants::match_continuous);) {
-    const std::string value = m[2];
-    fields[m[1]] = value.front() == '"' ? value.substr(1, value.size() - 2) : value;
-    i += static_cast<size_t>(m.length(0));
-    if (m[3] == "}") return line.find_first_not_of(' ', i) == std::string::npos ? fields : decltype(fields){};
+  size_t i = 0;
+  auto skipBlanks = [&] {
+    while (i < line.size() && std::isspace(static_cast<unsigned char>(line[i]))) ++i;
+  };
+  auto quoted = [&](std::string& out) {  // a string without escapes
+    if (i >= line.size() || line[i] != '"') return false;
+    const size_t close = line.find('"', i + 1);
+    if (close == std::string::npos) return false;
+    out = line.substr(i + 1, close - i - 1);
+    i = close + 1;
+    return true;
+  };
+  skipBlanks();
+  if (i >= line.size() || line[i++] != '{') return {};
+  for (;;) {
+    std::string key, value;
+    skipBlanks();
+    if (!quoted(key)) return {};
+    skipBlanks();
+    if (i >= line.size() || line[i++] != ':') return {};
+    skipBlanks();
+    if (line.compare(i, 4, "null") == 0) {
+      value = "null";
+      i += 4;
+    } else if (!quoted(value)) {
+      const size_t first = i;
+      if (i < line.size() && line[i] == '-') ++i;
+      if (i >= line.size() || !std::isdigit(static_cast<unsigned char>(line[i]))) return {};
+      while (i < line.size() && std::strchr("0123456789.eE+-", line[i]) != nullptr) ++i;
+      value = line.substr(first, i - first);
+    }
+    fields[key] = value;
+    skipBlanks();
+    if (i >= line.size()) return {};
+    const char separator = line[i++];
+    if (separator == '}') return line.find_first_not_of(' ', i) == std::string::npos ? fields : decltype(fields){};
+    if (separator != ',') return {};
   }
-  return {};
 }
 
 // A capture of the common broadcast (Mode 3, 1/8, QPSK 2/3, I = 4) with numbered test packets and

@@ -31,6 +31,15 @@ struct ByteStream {
   uint32_t seed = 1, rngState = 1;
   int64_t bytesPerSecond = 0;  // 0 = as much as each call asks
   std::chrono::steady_clock::time_point startTime{};
+  // Faults: bytes lost before the next byte served, and a stall (no byte served, the events go on)
+  // that the pacing does not make up for afterwards.
+  uint64_t loseBytes = 0;
+  std::chrono::steady_clock::time_point stallUntil{};
+
+  void Stall(int32_t milliseconds) {
+    stallUntil = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    startTime += std::chrono::milliseconds(milliseconds);
+  }
 
   void Restart() {
     position = 0;
@@ -67,6 +76,9 @@ struct ByteStream {
   // Copies the next bytes into out (capacity bytes at most) and returns how many.
   int32_t Serve(uint8_t* out, int32_t capacity) {
     if (out == nullptr || capacity <= 0) return 0;
+    if (std::chrono::steady_clock::now() < stallUntil) return 0;
+    position += loseBytes;
+    loseBytes = 0;
     const int32_t length = NextLength(capacity);
     int32_t served = 0;
     while (served < length) {

@@ -284,6 +284,14 @@ ZFN_DEVICE_EXPORT void TestDevice_SetByteRate(int64_t bytesPerSecond) {
   Locked([=] { model.stream.bytesPerSecond = std::max<int64_t>(bytesPerSecond, 0); });
 }
 
+ZFN_DEVICE_EXPORT void TestDevice_LoseBytes(int64_t count) {
+  Locked([=] { model.stream.loseBytes += static_cast<uint64_t>(std::max<int64_t>(count, 0)); });
+}
+
+ZFN_DEVICE_EXPORT void TestDevice_Stall(int32_t milliseconds) {
+  Locked([=] { model.stream.Stall(std::max(milliseconds, 0)); });
+}
+
 ZFN_DEVICE_EXPORT void TestDevice_SetEventPeriod(int32_t milliseconds) {
   Locked([=] { model.eventPeriodMs = std::max(milliseconds, 1); });
 }

@@ -65,8 +65,13 @@ uint8_t TestDevice_PatternByte(int64_t k);
 // Bytes per ZFN_GetData call: length > 0 fixed (cut to the buffer size), 0 random 1..240648 from
 // seed. With keepGroupsOfFour the count is rounded down to a multiple of 4.
 void TestDevice_SetReadLength(int32_t length, uint32_t seed, int32_t keepGroupsOfFour);
-// Paces the stream to a byte rate from the last restart (0 = unpaced). 8126984 is real time.
+// Paces the stream to a byte rate from the last restart (0 = unpaced). 4063492 is real time (1015873 engine samples a second, four bytes each).
 void TestDevice_SetByteRate(int64_t bytesPerSecond);
+// Faults of the stream: the next `count` bytes are lost (never served; paced time passes over
+// them), and a stall serves nothing for `milliseconds` while the events go on, then the stream
+// resumes at its rate without making up for the pause.
+void TestDevice_LoseBytes(int64_t count);
+void TestDevice_Stall(int32_t milliseconds);
 void TestDevice_SetEventPeriod(int32_t milliseconds);  // takes effect at the next thread start
 
 int64_t TestDevice_BytesServed(void);     // since the last restart of the stream
