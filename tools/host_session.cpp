@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <dlfcn.h>
+
 #include "tools/sdr_diagnosis.h"
 #include "zfnisdbt.h"
 
@@ -49,6 +51,20 @@ int ParseSourceOption(const char* command, int argc, char** argv, int* i, Source
   return 1;
 }
 
+bool NameUnloadableLibrary(const char* command, const char* library) {
+  // The receiver loads its sample sources by plain name through the dynamic linker's search path;
+  // the same load here tells which one is missing, and why, in the loader's own words.
+  void* handle = dlopen(library, RTLD_NOW | RTLD_LOCAL);
+  if (handle != nullptr) {
+    dlclose(handle);
+    return true;
+  }
+  const char* reason = dlerror();
+  std::fprintf(stderr, "zfnisdbt %s: %s cannot be loaded: %s\n", command, library,
+               reason != nullptr ? reason : "not found");
+  return false;
+}
+
 bool OpenReceiver(const char* command, const SourceOptions& o, bool tunedSimulation) {
   setenv("ZFNISDBT_REFINED", o.asDesigned ? "0" : "1", 1);
   if (!o.device.empty()) setenv("ZFNISDBT_DEVICE", o.device.c_str(), 1);
@@ -69,7 +85,10 @@ bool OpenReceiver(const char* command, const SourceOptions& o, bool tunedSimulat
                  "zfnisdbt %s: open failed: libZFNACCESS.so and libBDA_simu.so must both be found "
                  "(LD_LIBRARY_PATH), and the simulator must start\n",
                  command);
+    NameUnloadableLibrary(command, "libZFNACCESS.so");
+    NameUnloadableLibrary(command, "libBDA_simu.so");
   } else {
+    NameUnloadableLibrary(command, "libZFNACCESS.so");
     std::fprintf(stderr,
                  "zfnisdbt %s: open failed: libZFNACCESS.so not found or incomplete, or the device "
                  "could not be programmed\n",

@@ -24,6 +24,9 @@ extern const char SOURCE_OPTIONS_HELP[];
 // Sets the environment the library and the device library read at open, selects the sample
 // source (simulation mode 1, or 2 when the simulator is to learn the tuned frequency), and opens.
 // On failure closes again, says why on standard error and returns false.
+// Loads a library the receiver loads by name and says on standard error why it cannot be, if so.
+bool NameUnloadableLibrary(const char* command, const char* library);
+
 bool OpenReceiver(const char* command, const SourceOptions& o, bool tunedSimulation);
 
 // The status functions and status words, read once.

@@ -299,7 +299,13 @@ int Run(int argc, char** argv) {
     // The bridge finds its directory in the environment; the command's result does not tell whether
     // the bridge loaded, so its own line on standard error is what reports a failure.
     setenv("ZFNISDBT_PROBE_DIR", o.probeDirectory.c_str(), 1);
-    ZFISDBT_DebugCMD(1, 1);
+    // The command succeeds whether or not the bridge loaded; a bridge that cannot be loaded at all
+    // is named here, or no picture would come and nothing would say why.
+    if (NameUnloadableLibrary("receive", "libISDBT_MatlabWrap.so")) {
+      ZFISDBT_DebugCMD(1, 1);
+    } else {
+      std::fprintf(stderr, "zfnisdbt receive: --probe draws nothing without the plotting bridge\n");
+    }
   }
   int status = 0;
   if (ZFISDBT_SetFrequency(o.frequencyKHz) != 1) {
@@ -321,7 +327,17 @@ int Run(int argc, char** argv) {
   }
 
   const ReceiverStatus last = ReadReceiverStatus();
-  if (o.capture) ZFISDBT_DebugCMD(6, 0);
+  if (o.capture) {
+    ZFISDBT_DebugCMD(6, 0);
+    // With the refinements the library ends a capture at its last whole block when the disk falls
+    // behind or refuses a write, and says so here; the file never has a hole.
+    const int32_t whole = ZFISDBT_DebugCMD(6, 2);
+    if (whole != 1) {
+      std::fprintf(stderr, "zfnisdbt receive: the capture is incomplete: %s; BBStore0 ends at the last whole block\n",
+                   whole == 0 ? "the disk did not keep up and blocks were lost" : "writing it failed");
+      status = 1;
+    }
+  }
   if (!o.probeDirectory.empty()) ZFISDBT_DebugCMD(1, 2);
   ZFISDBT_CloseDevice();  // the packet thread has ended: nothing more comes in
   output.Finish();        // what the ring holds is written out
