@@ -243,14 +243,22 @@ void SymbolStep() {
   FinishSymbol();
 }
 
+// Above this packet failure rate a low decision SNR restarts acquisition again, with the refinements.
+constexpr float REFINED_SPARE_FAIL_RATE = 0.5f;
+
 void FinishSymbol() {
   int32_t resync = 0;
   switch (engine.decodeStage) {
     case 1:
       if (engine.refined != 0) {
         // Refinement: a low decision SNR alone does not throw away a signal whose packets decode;
-        // it restarts acquisition only while no judged packet has come through Reed-Solomon.
-        resync = (engine.earlyFailMark != 0 || (engine.snrFailed != 0 && engine.anyGoodMark == 0)) ? 1 : 0;
+        // it restarts acquisition while no judged packet has come through Reed-Solomon, or once
+        // most packets fail again (the failure rate is averaged over about twenty packets), as
+        // after samples lost in a burst.
+        resync = (engine.earlyFailMark != 0 ||
+                  (engine.snrFailed != 0 && (engine.anyGoodMark == 0 || engine.packetFailRate > REFINED_SPARE_FAIL_RATE)))
+                     ? 1
+                     : 0;
       } else {
         resync = (engine.earlyFailMark != 0 || engine.snrFailed != 0) ? 1 : 0;
       }
