@@ -7,6 +7,10 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
 
 namespace zfn::sdrtest {
 
@@ -42,7 +46,17 @@ sim::ChannelConfig CaptureChannel() {
 
 Capture WriteCapture(const std::string& name, double seconds) {
   Capture c;
-  c.path = testing::TempDir() + name;
+  // One file per process: ctest runs cases side by side, and none may read another's file while it
+  // is written. The files go when the process ends.
+  struct Files {
+    std::vector<std::string> paths;
+    ~Files() {
+      for (const std::string& p : paths) std::remove(p.c_str());
+    }
+  };
+  static Files files;
+  c.path = testing::TempDir() + std::to_string(getpid()) + "_" + name;
+  files.paths.push_back(c.path);
   std::string error;
   auto generator = sim::SignalGenerator::Create(CaptureBroadcast(), CaptureChannel(), sim::MakeTestPatternSource(7), &error);
   EXPECT_TRUE(generator != nullptr) << error;
