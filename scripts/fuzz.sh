@@ -25,7 +25,7 @@ for t in "${targets[@]}"; do
   max_len=4096 time=$seconds
   if [ "$t" = engine ]; then
     max_len=256
-    if [ "${1:-}" = "--short" ]; then time=20; fi
+    if [ "${1:-}" = "--short" ]; then time=12; fi
   fi
   mkdir -p "build-fuzz/corpus/$t"
   echo "fuzz: $t for ${time}s" >&2

@@ -35,7 +35,9 @@ asan() {
   cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZFN_SANITIZE=address -DZFN_WERROR=ON \
     -DZFN_BUILD_BENCH=OFF
   cmake --build build-asan -j"$jobs"
-  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_ctest build-asan 1
+  # Every test once: the end-to-end suite's second run with the refinements on (prefix refined.)
+  # goes through the same code as its first, and the cases of both behaviours run inside it anyway.
+  ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_ctest build-asan 1 -E '^refined\.'
 }
 
 fuzz() {
