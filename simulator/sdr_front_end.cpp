@@ -70,14 +70,10 @@ class Halver {
   std::vector<std::complex<float>> buf_;
 };
 
-class SdrGenerator final : public SignalGenerator {
+class SdrGenerator final : public SymbolStreamGenerator {
  public:
   SdrGenerator(const BroadcastConfig& b, const ChannelConfig& c, std::unique_ptr<PacketSource> source)
-      : b_(b),
-        c_(c),
-        source_(std::move(source)),
-        chain_(b, source_.get()),
-        synth_(b, 0.0, kOversample),
+      : SymbolStreamGenerator(b, c, std::move(source), 0.0, kOversample),
         fastSamples_(synth_.SymbolSamples()),
         ns_(fastSamples_ / kOversample),
         transmit_(TransmitTaps(), 1, fastSamples_),
@@ -93,26 +89,10 @@ class SdrGenerator final : public SignalGenerator {
     gainI_ = static_cast<float>(g * scale_);
     qFromQ_ = static_cast<float>(std::cos(p) / g * scale_);
     qFromI_ = static_cast<float>(std::sin(p) / g * scale_);
-    symbol_.resize(static_cast<size_t>(fastSamples_));
     work_.resize(static_cast<size_t>(fastSamples_));
-    slots_.resize(static_cast<size_t>(NumbersOfMode(b.mode).nd));
     half_.resize(static_cast<size_t>(2 * ns_ + 64));
     ready_.resize(static_cast<size_t>(2 * ns_ + 64));
     scratch_.resize(4096);
-    // The chain's first carrier symbol belongs to symbol 202: run two symbols before frame 0.
-    chain_.NextSymbol(slots_.data());
-    chain_.NextSymbol(slots_.data());
-  }
-
-  void GenerateSamples(std::complex<float>* out, size_t count) override {
-    size_t done = 0;
-    while (done < count) {
-      if (readyPos_ == readyFill_) Refill();
-      const size_t take = std::min(count - done, readyFill_ - readyPos_);
-      std::memcpy(static_cast<void*>(out + done), ready_.data() + readyPos_, sizeof(std::complex<float>) * take);
-      readyPos_ += take;
-      done += take;
-    }
   }
 
   void GenerateBytes(uint8_t* out, size_t count) override {
@@ -140,13 +120,6 @@ class SdrGenerator final : public SignalGenerator {
     }
   }
 
-  void RecordPackets(bool on) override { chain_.SetRecord(on ? &record_ : nullptr); }
-  const std::vector<uint8_t>& TransmittedPackets() const override { return record_; }
-  int PacketsPerFrame() const override { return chain_.PacketsPerFrame(); }
-  double LayerBitRate() const override { return zfn::sim::LayerBitRate(b_); }
-  int64_t ReceiverFrameOfPacket(int64_t j) const override {
-    return j / chain_.PacketsPerFrame() + 1 + chain_.InterleaveFrames();
-  }
   int DeviceSamplesPerSymbol() const override { return ns_; }
   double Segment0Power() const override { return synth_.Segment0Power() * multipath_.PowerGain(); }
   double TotalPower() const override { return signalPower_; }
@@ -186,41 +159,31 @@ class SdrGenerator final : public SignalGenerator {
     return c_.rmsLevel / std::sqrt((signalPower_ + NoiseVariance() * noiseGain) / 2.0);
   }
 
-  void Refill() {
-    readyPos_ = 0;
-    readyFill_ = 0;
-    while (readyFill_ == 0) {
-      chain_.NextSymbol(slots_.data());
-      synth_.Synthesise(frame_, n_, slots_.data(), symbol_.data());
-      if (++n_ == kFrameSymbols) {
-        n_ = 0;
-        ++frame_;
-      }
-      std::complex<float>* x = symbol_.data();
-      if (c_.transmitFilter) transmit_.Process(x, fastSamples_, x);
-      if (multipath_.Active()) {
-        multipath_.Process(x, work_.data(), fastSamples_);
-        x = work_.data();
-      }
-      fast_.Process(x, fastSamples_);
-      // The SDR: first stage, its own sample clock (at twice the device rate, where the band it
-      // keeps lies well inside the resampler's flat passband), second stage.
-      int made = first_.Process(x, fastSamples_, half_.data());
-      std::complex<float>* y = half_.data();
-      if (resampler_.Active()) {
-        resampler_.Push(y, made);
-        made = resampler_.Produce(work_.data(), static_cast<int>(work_.size()));
-        y = work_.data();
-      }
-      made = second_.Process(y, made, ready_.data());
-      // The receiver's analogue faults and its gain, in byte steps around 127.5.
-      const auto dc = std::complex<float>(static_cast<float>(c_.dcI), static_cast<float>(c_.dcQ));
-      for (int k = 0; k < made; ++k) {
-        const float i = ready_[static_cast<size_t>(k)].real(), q = ready_[static_cast<size_t>(k)].imag();
-        ready_[static_cast<size_t>(k)] = std::complex<float>(gainI_ * i, qFromQ_ * q + qFromI_ * i) + dc;
-      }
-      readyFill_ = static_cast<size_t>(made);
+  int ProcessSymbol() override {
+    std::complex<float>* x = symbol_.data();
+    if (c_.transmitFilter) transmit_.Process(x, fastSamples_, x);
+    if (multipath_.Active()) {
+      multipath_.Process(x, work_.data(), fastSamples_);
+      x = work_.data();
     }
+    fast_.Process(x, fastSamples_);
+    // The SDR: first stage, its own sample clock (at twice the device rate, where the band it
+    // keeps lies well inside the resampler's flat passband), second stage.
+    int made = first_.Process(x, fastSamples_, half_.data());
+    std::complex<float>* y = half_.data();
+    if (resampler_.Active()) {
+      resampler_.Push(y, made);
+      made = resampler_.Produce(work_.data(), static_cast<int>(work_.size()));
+      y = work_.data();
+    }
+    made = second_.Process(y, made, ready_.data());
+    // The receiver's analogue faults and its gain, in byte steps around 127.5.
+    const auto dc = std::complex<float>(static_cast<float>(c_.dcI), static_cast<float>(c_.dcQ));
+    for (int k = 0; k < made; ++k) {
+      const float i = ready_[static_cast<size_t>(k)].real(), q = ready_[static_cast<size_t>(k)].imag();
+      ready_[static_cast<size_t>(k)] = std::complex<float>(gainI_ * i, qFromQ_ * q + qFromI_ * i) + dc;
+    }
+    return made;
   }
 
   void Discard(size_t samples) {
@@ -231,11 +194,6 @@ class SdrGenerator final : public SignalGenerator {
     }
   }
 
-  BroadcastConfig b_;
-  ChannelConfig c_;
-  std::unique_ptr<PacketSource> source_;
-  LayerChain chain_;
-  OfdmSynthesiser synth_;
   int fastSamples_, ns_;
   FirFilter transmit_;
   Halver first_, second_;
@@ -245,11 +203,9 @@ class SdrGenerator final : public SignalGenerator {
   Rng lossRng_;
   double scale_ = 1, signalPower_ = 0;
   float gainI_ = 1, qFromQ_ = 1, qFromI_ = 0;
-  std::vector<std::complex<float>> symbol_, work_, slots_, half_, ready_, scratch_;
-  std::vector<uint8_t> record_;
-  size_t readyPos_ = 0, readyFill_ = 0, inTransfer_ = 0;
-  int64_t frame_ = 0, lost_ = 0;
-  int n_ = 0;
+  std::vector<std::complex<float>> work_, half_, scratch_;
+  size_t inTransfer_ = 0;
+  int64_t lost_ = 0;
 };
 
 }  // namespace

@@ -71,42 +71,59 @@ std::vector<uint8_t> SignalGenerator::GenerateSeconds(double seconds) {
   return bytes;
 }
 
+SymbolStreamGenerator::SymbolStreamGenerator(const BroadcastConfig& b, const ChannelConfig& c,
+                                             std::unique_ptr<PacketSource> source, double filterShiftHz,
+                                             int oversample)
+    : b_(b),
+      c_(c),
+      source_(std::move(source)),
+      chain_(b, source_.get()),
+      synth_(b, filterShiftHz, oversample),
+      symbol_(static_cast<size_t>(synth_.SymbolSamples())),
+      slots_(static_cast<size_t>(NumbersOfMode(b.mode).nd)) {
+  // The chain's first carrier symbol belongs to symbol 202: run two symbols before frame 0.
+  chain_.NextSymbol(slots_.data());
+  chain_.NextSymbol(slots_.data());
+}
+
+double SymbolStreamGenerator::LayerBitRate() const { return zfn::sim::LayerBitRate(b_); }
+
+void SymbolStreamGenerator::GenerateSamples(std::complex<float>* out, size_t count) {
+  size_t done = 0;
+  while (done < count) {
+    while (readyPos_ == readyFill_) {
+      chain_.NextSymbol(slots_.data());
+      synth_.Synthesise(frame_, n_, slots_.data(), symbol_.data());
+      if (++n_ == kFrameSymbols) {
+        n_ = 0;
+        ++frame_;
+      }
+      readyPos_ = 0;
+      readyFill_ = static_cast<size_t>(ProcessSymbol());
+    }
+    const size_t take = std::min(count - done, readyFill_ - readyPos_);
+    std::memcpy(static_cast<void*>(out + done), ready_.data() + readyPos_, sizeof(std::complex<float>) * take);
+    readyPos_ += take;
+    done += take;
+  }
+}
+
 namespace {
 
-class Generator final : public SignalGenerator {
+class Generator final : public SymbolStreamGenerator {
  public:
   Generator(const BroadcastConfig& b, const ChannelConfig& c, std::unique_ptr<PacketSource> source)
-      : b_(b),
-        c_(c),
-        source_(std::move(source)),
-        chain_(b, source_.get()),
-        synth_(b, -c.carrierOffsetHz),
+      : SymbolStreamGenerator(b, c, std::move(source), -c.carrierOffsetHz, 1),
         ns_(synth_.SymbolSamples()),
         multipath_(c, ns_),
         resampler_(c.clockPpm, ns_),
         noiseTaps_(DeviceNoiseTaps(b)),
         front_(c, NoiseVariance(c), ComputeScale(c), kBroadcastRateHz * (1.0 + c.clockPpm * 1e-6), &noiseTaps_,
                2 * ns_ + 64) {
-    symbol_.resize(static_cast<size_t>(ns_));
     filtered_.resize(static_cast<size_t>(ns_));
-    slots_.resize(static_cast<size_t>(NumbersOfMode(b.mode).nd));
     ready_.resize(static_cast<size_t>(2 * ns_ + 64));
     scratch_.resize(4096);
     scratchBytes_.resize(2 * scratch_.size());
-    // The chain's first carrier symbol belongs to symbol 202: run two symbols before frame 0.
-    chain_.NextSymbol(slots_.data());
-    chain_.NextSymbol(slots_.data());
-  }
-
-  void GenerateSamples(std::complex<float>* out, size_t count) override {
-    size_t done = 0;
-    while (done < count) {
-      if (readyPos_ == readyFill_) Refill();
-      const size_t take = std::min(count - done, readyFill_ - readyPos_);
-      std::memcpy(static_cast<void*>(out + done), ready_.data() + readyPos_, sizeof(std::complex<float>) * take);
-      readyPos_ += take;
-      done += take;
-    }
   }
 
   // Bytes of the device stream, two per device sample. Losses are counted in bytes, so an odd loss
@@ -141,16 +158,6 @@ class Generator final : public SignalGenerator {
     }
   }
 
-  void RecordPackets(bool on) override { chain_.SetRecord(on ? &record_ : nullptr); }
-  const std::vector<uint8_t>& TransmittedPackets() const override { return record_; }
-  int PacketsPerFrame() const override { return chain_.PacketsPerFrame(); }
-  double LayerBitRate() const override { return zfn::sim::LayerBitRate(b_); }
-  int64_t ReceiverFrameOfPacket(int64_t j) const override {
-    // Packet frame k passes T - 11 filler units and the byte interleaver (one frame of packets in
-    // all with the de-interleaver), the bit delays (two symbols, which the start at symbol 202
-    // absorbs) and the time interleaver (a whole number of frames with its receiver).
-    return j / chain_.PacketsPerFrame() + 1 + chain_.InterleaveFrames();
-  }
   int DeviceSamplesPerSymbol() const override { return ns_; }
   double Segment0Power() const override { return synth_.Segment0Power() * multipath_.PowerGain(); }
   double TotalPower() const override { return synth_.TotalPower() * multipath_.PowerGain(); }
@@ -170,31 +177,21 @@ class Generator final : public SignalGenerator {
     return c.rmsLevel / std::sqrt(power / 2.0);
   }
 
-  void Refill() {
-    readyPos_ = 0;
-    readyFill_ = 0;
-    while (readyFill_ == 0) {
-      chain_.NextSymbol(slots_.data());
-      synth_.Synthesise(frame_, n_, slots_.data(), symbol_.data());
-      if (++n_ == kFrameSymbols) {
-        n_ = 0;
-        ++frame_;
-      }
-      std::complex<float>* x = symbol_.data();
-      if (multipath_.Active()) {
-        multipath_.Process(symbol_.data(), filtered_.data(), ns_);
-        x = filtered_.data();
-      }
-      int made = ns_;
-      if (resampler_.Active()) {
-        resampler_.Push(x, ns_);
-        made = resampler_.Produce(ready_.data(), static_cast<int>(ready_.size()));
-      } else {
-        std::memcpy(static_cast<void*>(ready_.data()), x, sizeof(std::complex<float>) * static_cast<size_t>(ns_));
-      }
-      front_.Process(ready_.data(), made);
-      readyFill_ = static_cast<size_t>(made);
+  int ProcessSymbol() override {
+    std::complex<float>* x = symbol_.data();
+    if (multipath_.Active()) {
+      multipath_.Process(symbol_.data(), filtered_.data(), ns_);
+      x = filtered_.data();
     }
+    int made = ns_;
+    if (resampler_.Active()) {
+      resampler_.Push(x, ns_);
+      made = resampler_.Produce(ready_.data(), static_cast<int>(ready_.size()));
+    } else {
+      std::memcpy(static_cast<void*>(ready_.data()), x, sizeof(std::complex<float>) * static_cast<size_t>(ns_));
+    }
+    front_.Process(ready_.data(), made);
+    return made;
   }
 
   // One device sample as its two bytes; the second is kept as the carry.
@@ -225,22 +222,13 @@ class Generator final : public SignalGenerator {
     }
   }
 
-  BroadcastConfig b_;
-  ChannelConfig c_;
-  std::unique_ptr<PacketSource> source_;
-  LayerChain chain_;
-  OfdmSynthesiser synth_;
   int ns_;
   MultipathFilter multipath_;
   ClockResampler resampler_;
   std::vector<float> noiseTaps_;
   FrontEndStage front_;
-  std::vector<std::complex<float>> symbol_, filtered_, slots_, ready_, scratch_;
+  std::vector<std::complex<float>> filtered_, scratch_;
   std::vector<uint8_t> scratchBytes_;
-  std::vector<uint8_t> record_;
-  size_t readyPos_ = 0, readyFill_ = 0;
-  int64_t frame_ = 0;
-  int n_ = 0;
   int64_t sinceDrop_ = 0;
   uint8_t sampleBytes_[2] = {};
   uint8_t carry_ = 0;

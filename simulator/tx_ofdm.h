@@ -101,6 +101,45 @@ class OfdmSynthesiser {
   void* plan_ = nullptr;
 };
 
+// What both front ends share: the layer chain and the OFDM synthesis one symbol at a time, the
+// samples of each symbol (after the front end's own processing) drained as asked, and the record
+// of the packets sent.
+class SymbolStreamGenerator : public SignalGenerator {
+ public:
+  SymbolStreamGenerator(const BroadcastConfig& b, const ChannelConfig& c, std::unique_ptr<PacketSource> source,
+                        double filterShiftHz, int oversample);
+
+  void GenerateSamples(std::complex<float>* out, size_t count) final;
+  void RecordPackets(bool on) final { chain_.SetRecord(on ? &record_ : nullptr); }
+  const std::vector<uint8_t>& TransmittedPackets() const final { return record_; }
+  int PacketsPerFrame() const final { return chain_.PacketsPerFrame(); }
+  double LayerBitRate() const final;
+  // Packet frame k passes T - 11 filler units and the byte interleaver (one frame of packets in
+  // all with the de-interleaver), the bit delays (two symbols, which the start at symbol 202
+  // absorbs) and the time interleaver (a whole number of frames with its receiver).
+  int64_t ReceiverFrameOfPacket(int64_t j) const final {
+    return j / chain_.PacketsPerFrame() + 1 + chain_.InterleaveFrames();
+  }
+
+ protected:
+  // The front end's processing of the next synthesised symbol (in symbol_, SymbolSamples() long):
+  // writes its device samples to ready_ and returns how many (none while its filters fill).
+  virtual int ProcessSymbol() = 0;
+
+  BroadcastConfig b_;
+  ChannelConfig c_;
+  std::unique_ptr<PacketSource> source_;
+  LayerChain chain_;
+  OfdmSynthesiser synth_;
+  std::vector<std::complex<float>> symbol_, slots_, ready_;
+
+ private:
+  std::vector<uint8_t> record_;
+  size_t readyPos_ = 0, readyFill_ = 0;
+  int64_t frame_ = 0;
+  int n_ = 0;
+};
+
 // TMCC content that our transmitter sends for a configuration.
 TmccContent TmccOfConfig(const BroadcastConfig& b);
 
