@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,21 +36,15 @@ struct Result {
 class Session {
  public:
   Session(const Broadcast& c, unsigned seed, long skipSamples) {
-    sim::BroadcastConfig b;
-    b.mode = c.index / 4 + 1;
-    b.guard = c.index % 4;
-    b.modulation = c.modulation;
-    b.codeRate = c.codeRate;
-    b.interleave = c.interleave;
-    b.partialReception = c.partialReception;
-    b.tmccFlips = c.tmccFlips;
-    b.seed = seed;
+    const sim::BroadcastConfig b{.mode = c.index / 4 + 1, .guard = c.index % 4, .modulation = c.modulation, .codeRate = c.codeRate,
+                                 .interleave = c.interleave, .partialReception = c.partialReception, .seed = seed,
+                                 .tmccFlips = c.tmccFlips};
     sim::ChannelConfig ch;
-    ch.carrierOffsetHz = c.offsetHz;
     ch.noise = c.cnDb > 0;
     ch.cnDb = c.cnDb;
-    ch.seed = seed + 1;
+    ch.carrierOffsetHz = c.offsetHz;
     ch.clockPpm = c.clockPpm;
+    ch.seed = seed + 1;
     if (c.echoUs > 0) ch.echoes.push_back({c.echoUs, -3.0, 30.0});
     std::string error;
     gen_ = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(seed), &error);
@@ -140,30 +133,24 @@ TEST_P(TransmitterAcquisition, ReachesTrackingWithTransmittedParameters) {
 
 std::string Name(const ::testing::TestParamInfo<Broadcast>& info) {
   const Broadcast& c = info.param;
-  char text[160];
-  std::snprintf(text, sizeof(text), "mode%d_guard%d_mod%d_rate%d_il%d_%ldHz_cn%d_clock%dppm_echo%dus", c.index / 4 + 1,
-                c.index % 4, c.modulation, c.codeRate, c.interleave, std::lround(c.offsetHz), static_cast<int>(c.cnDb),
-                static_cast<int>(c.clockPpm), static_cast<int>(c.echoUs));
-  std::string name = text;
+  std::string name = "mode" + std::to_string(c.index / 4 + 1) + "_guard" + std::to_string(c.index % 4) + "_" +
+                     std::to_string(std::lround(c.offsetHz)) + "Hz_cn" + std::to_string(static_cast<int>(c.cnDb)) + "_clock" +
+                     std::to_string(static_cast<int>(c.clockPpm)) + "_echo" + std::to_string(static_cast<int>(c.echoUs));
   for (char& ch : name) if (ch == '-') ch = 'm';
   return name;
 }
 
-// The twelve pairs, clean, each with a different offset and parameter set; each mode across its
-// search range, both edges included (-100 kHz to +95 kHz, fractional parts of a carrier
-// everywhere); every modulation, code rate and interleave at least once (all modulation and rate
-// pairs), clean and at C/N 10 dB, on the short pairs to keep the suite fast; and impairments that
-// acquisition has to live with: C/N far below the decoder's needs, a sample clock 20 ppm off, and
-// a strong echo inside the guard interval.
+// What the end-to-end cases (every pair and layer, clean, no offset) leave out: each mode at both
+// edges of its search range (-100 kHz, +95 kHz) and at a fractional part of a carrier; C/N 10 dB,
+// where the sync word search may fail now and then, and C/N far below the decoder's needs; a
+// sample clock 20 ppm off; and a strong echo inside the guard interval.
 std::vector<Broadcast> Cases() {
   std::vector<Broadcast> v;
-  for (int index = 0; index < 12; ++index) v.push_back({index, 1 + index % 3, index % 5, index % 4, 1234.5 * (index - 6), 0});
-  int i = 0;
   for (int mode = 0; mode < 3; ++mode)
-    for (double hz : {-100000.0, -61300.0, -20777.0, 333.0, 40950.0, 95000.0}) v.push_back({mode * 4 + (i++ % 2) * 2, 1, 1, 2, hz, 0});
-  for (i = 0; i < 15; ++i) v.push_back({(i % 2) ? 1 : 4, 1 + i % 3, i % 5, i % 4, -7000.0 + 997.0 * i, (i % 2) ? 10.0 : 0.0});
+    for (double hz : {-100000.0, 40950.0, 95000.0}) v.push_back({mode * 4 + (mode + 1) % 4, 1 + mode, mode, 2, hz, 0});
   v.push_back({9, 3, 4, 3, 15000.0, 10.0});
   v.push_back({2, 2, 0, 0, -33000.0, 10.0});
+  v.push_back({1, 1, 2, 1, -3013.0, 10.0});
   v.push_back({10, 1, 1, 3, 31000.0, 4.0});
   v.push_back({2, 1, 1, 3, -52000.0, 20.0, true, 20.0, 0.0});
   v.push_back({5, 3, 3, 1, -3000.0, 20.0, true, -20.0, 5.0});
