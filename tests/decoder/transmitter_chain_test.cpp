@@ -1,6 +1,5 @@
 // The decoder against our transmitter's forward stages (a separate library written in the transmit
-// direction): each inverse stage on its own, the soft demapper's boundaries, then the layer chain
-// from packets to carrier symbols into SymbolSink on its own, without tracking: where the end-to-end
+// direction): each inverse stage on its own, and the soft demapper's boundaries. Where the end-to-end
 // tests see a wrong stream, these cases say which decoder stage made it.
 #include <gtest/gtest.h>
 
@@ -13,13 +12,9 @@
 
 #include "decoder/decoder_stages.h"
 #include "decoder/decoder_state.h"
-#include "decoder/reed_solomon.h"
-#include "decoder/viterbi.h"
 #include "shell/device_state.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
-#include "simulator/transmitter.h"
-#include "simulator/tx_ofdm.h"
 #include "simulator/tx_stages.h"
 #include "tests/decoder/decoder_test_support.h"
 
@@ -30,8 +25,6 @@ using test::Random;
 
 class AgainstTransmitter : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { ASSERT_EQ(1, BuildRsTables()); }
-  static void TearDownTestSuite() { FreeRsTables(); }
   // A fresh engine arena with the packet stage, then decoder set-up for a layer given in the
   // transmitter's terms (mode 1..3, TMCC modulation code).
   static void SetUpLayer(int mode, int modulation, int codeRate, int interleave) {
@@ -189,62 +182,6 @@ TEST_F(AgainstTransmitter, TimeInterleaverOfTheTransmitter) {
             << "mode " << mode << " t " << t << " carrier " << c;
       }
     }
-  }
-}
-
-// The whole layer chain of the transmitter (packets, RS, dispersal, byte delay adjustment, byte
-// interleaving, convolutional code and puncturing, bit interleaving, mapping, time interleaving,
-// carrier randomisation) into SymbolSink, symbol by symbol, with the symbol index that the block
-// scheduler would give (the equalised carriers lag the symbol just read by three). The decoder starts
-// at symbol 0 of the first frame after its time deinterleaver has filled, and block b of the ring (0
-// being the one that takes the 8 older bytes) then holds transmitted packet b - T - 1, RS-clean.
-//
-// The transmitter starts as if it had been on the air: its byte delay adjustment and byte
-// interleaver hold dispersed null packets, so every rate decodes from the first block on.
-
-// The largest symbol (two blocks at once) and the deepest time interleaving; every layer
-// configuration, with and without noise, runs end to end.
-TEST_F(AgainstTransmitter, LayerChainPacketsComeOutAlignedAndClean) {
-  for (const sim::BroadcastConfig& b : {sim::BroadcastConfig{.mode = 3, .modulation = 3, .codeRate = 4, .interleave = 0, .seed = 7},
-                                        sim::BroadcastConfig{.mode = 3, .modulation = 1, .codeRate = 1, .interleave = 3, .seed = 7}}) {
-    SCOPED_TRACE(::testing::Message() << "mode " << b.mode << " modulation " << b.modulation << " interleave " << b.interleave);
-    auto source = sim::MakeTestPatternSource(11);
-    sim::LayerChain chain(b, source.get());
-    std::vector<uint8_t> transmitted;
-    chain.SetRecord(&transmitted);
-    SetUpLayer(b.mode, b.modulation, b.codeRate, b.interleave);
-    const int t = decoder.packetsPerFrame;
-    ASSERT_EQ(chain.PacketsPerFrame(), t);
-    const int32_t nd = engine.ndata;
-    std::vector<std::complex<float>> slots(static_cast<size_t>(nd));
-    std::vector<float> carriers(static_cast<size_t>(2 * nd));
-    engine.equalisedCarriers = carriers.data();
-    const float gain = engine.bitsPerCarrier == 2 ? 8.0f : 1.0f;
-    uint32_t lastWrite = engine.ringWrite;
-    int block = 0, checked = 0;  // blocks handed over so far; 0 is the one that takes the 8 older bytes
-    for (int k = 0; k < 204 * (chain.InterleaveFrames() + 3) + 2; ++k) {
-      chain.NextSymbol(slots.data());
-      for (int i = 0; i < nd; ++i) {
-        carriers[2 * i] = slots[static_cast<size_t>(i)].real() * gain;
-        carriers[2 * i + 1] = slots[static_cast<size_t>(i)].imag() * gain;
-      }
-      engine.symbolIndex = (202 + k + 3) % 204;  // the chain's first symbol is symbol 202 of the frame before
-      SymbolSink();
-      // At most two blocks per symbol: read them before the ring can lap.
-      const uint32_t fresh = (engine.ringWrite + TS_RING_SLOTS - lastWrite) % TS_RING_SLOTS;
-      for (uint32_t f = 0; f < fresh; ++f, ++block) {
-        const int j = block - t - 1;
-        if (j < 0) continue;
-        uint8_t packet[204];
-        std::memcpy(packet, engine.ringSlots + 204 * ((lastWrite + 1 + f) % TS_RING_SLOTS), 204);
-        ASSERT_EQ(RS_OK, DecodeRs(packet)) << "block " << block;
-        ASSERT_LE(static_cast<size_t>(j + 1) * 188, transmitted.size());
-        ASSERT_EQ(0, std::memcmp(transmitted.data() + 188 * static_cast<size_t>(j), packet, 188)) << "packet " << j;
-        ++checked;
-      }
-      lastWrite = engine.ringWrite;
-    }
-    EXPECT_GE(checked, t);
   }
 }
 

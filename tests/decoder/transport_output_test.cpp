@@ -198,59 +198,41 @@ TEST_F(TransportOutput, RatesMoveByResultAndStatisticsPeriod) {
   EXPECT_EQ(4 * 816, engine.statNextSymbol);
 }
 
-TEST_F(TransportOutput, EarlyJudgementInStageOne) {
+// The lock judgement, one packet kind string at a time. Decode stage 1: the early count stops at
+// 40, and fewer than two good among them send the engine back (the early mark) while the lock
+// status says locked (any good). Stage 2: until ten good packets have been seen bad ones
+// accumulate; one good at a good run of 10 or more ends a bad run; 40 bad in a row raise the
+// stream mark and zero the good run, ten good in a row clear it. Stage 0: the runs stand still.
+TEST_F(TransportOutput, LockJudgementByDecodeStage) {
+  const struct {
+    int stage;
+    std::string feed;
+    int early, earlyCount, earlyGood, good, bad, streamMark;  // -1: not checked
+  } steps[] = {
+      {1, std::string(39, 'B'), 0, 39, 0, -1, -1, -1}, {1, "G", 1, 40, 1, -1, -1, -1}, {1, "GG", 1, 40, 1, 0, -1, -1},
+      {0, "BG", -1, -1, -1, 0, 0, -1},                 {2, "BBGB", -1, -1, -1, 1, 3, 0},  {2, std::string(9, 'G'), -1, -1, -1, 10, 0, 0},
+      {2, std::string(39, 'B'), -1, -1, -1, -1, 39, 0}, {2, "G", -1, -1, -1, -1, 0, 0}, {2, std::string(40, 'B'), -1, -1, -1, 0, -1, 1},
+      {2, std::string(9, 'G'), -1, -1, -1, 9, -1, 1},   {2, "G", -1, -1, -1, 10, 0, 0},
+  };
   engine.tsResetRequest = 0;
-  engine.decodeStage = 1;
-  Feed(std::string(39, 'B'));
-  EXPECT_EQ(0, engine.earlyFailMark);  // not yet 40
-  Feed("G");
-  EXPECT_EQ(40, engine.earlyPacketCount);
-  EXPECT_EQ(1, engine.earlyGoodCount);
-  EXPECT_EQ(1, engine.earlyFailMark);  // one good of 40 sends the engine back ...
-  EXPECT_EQ(1, engine.anyGoodMark);    // ... while the lock status says locked
-  Feed("GG");                          // the count stops at 40
-  EXPECT_EQ(40, engine.earlyPacketCount);
-  EXPECT_EQ(1, engine.earlyGoodCount);
-  EXPECT_EQ(0, engine.goodFrameRun);
-
-  // Two good among the first 40 keep the mark down.
+  for (const auto& s : steps) {
+    SCOPED_TRACE(::testing::Message() << "stage " << s.stage << " after " << s.feed);
+    engine.decodeStage = s.stage;
+    Feed(s.feed);
+    for (const auto& [want, got] : {std::pair{s.early, +engine.earlyFailMark}, std::pair{s.earlyCount, +engine.earlyPacketCount},
+                                    std::pair{s.earlyGood, +engine.earlyGoodCount}, std::pair{s.good, +engine.goodFrameRun},
+                                    std::pair{s.bad, +engine.badFrameRun}, std::pair{s.streamMark, +engine.streamFailMark}})
+      if (want != -1) {
+        EXPECT_EQ(want, got);
+      }
+  }
+  EXPECT_EQ(1, engine.anyGoodMark);
+  // Two good among the first 40 keep the early mark down.
   SetUp();
   engine.tsResetRequest = 0;
   engine.decodeStage = 1;
   Feed("GG" + std::string(38, 'B'));
   EXPECT_EQ(0, engine.earlyFailMark);
-
-  // Decode stage 0: statistics and delivery go on, the runs stand still.
-  engine.decodeStage = 0;
-  Feed("BG");
-  EXPECT_EQ(0, engine.goodFrameRun);
-  EXPECT_EQ(0, engine.badFrameRun);
-  EXPECT_EQ(42, engine.tsOutputFill);
-}
-
-TEST_F(TransportOutput, StreamJudgementInStageTwo) {
-  engine.tsResetRequest = 0;
-  // Until ten good packets have been seen, bad ones accumulate.
-  Feed("BBGB");
-  EXPECT_EQ(3, engine.badFrameRun);
-  EXPECT_EQ(1, engine.goodFrameRun);
-  Feed(std::string(9, 'G'));
-  EXPECT_EQ(0, engine.badFrameRun);
-  // 39 bad, then one good at a good run of 10 or more: the bad run returns to 0, no mark.
-  Feed(std::string(39, 'B'));
-  EXPECT_EQ(39, engine.badFrameRun);
-  EXPECT_EQ(0, engine.streamFailMark);
-  Feed("G");
-  EXPECT_EQ(0, engine.badFrameRun);
-  // 40 bad in a row raise the mark and zero the good run; ten good in a row clear it.
-  Feed(std::string(40, 'B'));
-  EXPECT_EQ(1, engine.streamFailMark);
-  EXPECT_EQ(0, engine.goodFrameRun);
-  Feed(std::string(9, 'G'));
-  EXPECT_EQ(1, engine.streamFailMark);
-  Feed("G");
-  EXPECT_EQ(0, engine.streamFailMark);
-  EXPECT_EQ(0, engine.badFrameRun);
 }
 
 // The two threads as they run in the engine: the demodulation side hands packets over and sets the
