@@ -4,20 +4,60 @@
 
 #include <array>
 #include <random>
+#include <vector>
 
 #include "acquisition/acquisition.h"
 #include "engine_memory.h"
-#include "tmcc_words.h"
 
-namespace zfn {
+namespace zfn::test {
 namespace {
 
-using test::TmccWord;
+using TmccWord = std::array<uint8_t, TMCC_WORD_BITS>;
+using TmccInfo = std::array<uint8_t, TMCC_INFO_BITS>;
+
+// The 102 information bits are w[0..101] (w[0] the highest degree); the parity w[102..183] is the
+// remainder of info(x) * x^82 divided by g(x).
+TmccWord EncodeTmcc(const TmccInfo& info) {
+  constexpr int G_TERMS[] = {82, 77, 76, 71, 67, 66, 56, 52, 48, 40, 36, 34, 24, 22, 18, 10, 4, 0};
+  std::vector<uint8_t> r(TMCC_WORD_BITS, 0);  // r[i] is the coefficient of x^(183 - i)
+  for (int i = 0; i < TMCC_INFO_BITS; ++i) r[i] = info[i];
+  for (int i = 0; i < TMCC_INFO_BITS; ++i) {
+    if (!r[i]) continue;
+    for (int t : G_TERMS) r[i + 82 - t] ^= 1;  // subtract x^(101 - i) * g(x)
+  }
+  TmccWord w{};
+  for (int i = 0; i < TMCC_INFO_BITS; ++i) w[i] = info[i];
+  for (int i = TMCC_INFO_BITS; i < TMCC_WORD_BITS; ++i) w[i] = r[i];
+  return w;
+}
+
+struct TmccFields {
+  int system;  // two bits: 0 television, 1 sound, 2 and 3 reserved
+  int partial;
+  int modulation, codeRate, interleave;
+};
+
+// A broadcast-like word: countdown 1111, one segment in layer A, layers B and C unused.
+TmccWord TmccWordWith(const TmccFields& x) {
+  TmccInfo info{};
+  for (auto& b : info) b = 1;
+  info[0] = (x.system >> 1) & 1;
+  info[1] = x.system & 1;
+  info[6] = 0;  // no emergency alarm
+  info[7] = static_cast<uint8_t>(x.partial);
+  for (int b = 0; b < 3; ++b) {
+    info[8 + b] = (x.modulation >> (2 - b)) & 1;
+    info[11 + b] = (x.codeRate >> (2 - b)) & 1;
+    info[14 + b] = (x.interleave >> (2 - b)) & 1;
+  }
+  for (int b = 0; b < 4; ++b) info[17 + b] = (1 >> (3 - b)) & 1;  // 0001: one segment
+  return EncodeTmcc(info);
+}
 
 TmccWord RandomWord(std::mt19937& rng) {
-  test::TmccInfo info{};
+  TmccInfo info{};
   for (auto& b : info) b = rng() & 1;
-  return test::EncodeTmcc(info);
+  return EncodeTmcc(info);
 }
 
 // A frame of 204 hard bits for DecodeTmcc: frame bit B(k+1) at index k, B20.. the word.
@@ -64,9 +104,9 @@ TEST(TmccCode, SyndromeAndMajorityRepairOnConstructedWords) {
 }
 
 TEST(DecodeTmcc, VerdictsForCleanAndCorrectedWords) {
-  test::EngineMemory memory;
+  EngineMemory memory;
   struct Case {
-    test::TmccFields fields;
+    TmccFields fields;
     std::vector<int> damage;  // flipped word bits
     int result;
     int accepted;  // -1: untouched
@@ -85,7 +125,7 @@ TEST(DecodeTmcc, VerdictsForCleanAndCorrectedWords) {
       {{0, 1, 2, 1, 2}, {0, 9, 16}, 4, 1},  // damage in the parameter bits is repaired first
   };
   for (const Case& c : cases) {
-    TmccWord w = test::TmccWordWith(c.fields);
+    TmccWord w = TmccWordWith(c.fields);
     for (int p : c.damage) w[p] ^= 1;
     engine.tmccAccepted = 7;
     engine.tmccRepeat = 5;
@@ -99,4 +139,4 @@ TEST(DecodeTmcc, VerdictsForCleanAndCorrectedWords) {
 }
 
 }  // namespace
-}  // namespace zfn
+}  // namespace zfn::test

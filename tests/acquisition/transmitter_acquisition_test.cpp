@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <random>
 #include <memory>
 #include <string>
 #include <vector>
@@ -87,7 +86,6 @@ int CountRestarts(int blocks, Next next, std::initializer_list<int32_t> allowed)
     const int32_t state = next();
     EXPECT_NE(std::find(allowed.begin(), allowed.end(), state), allowed.end()) << "block " << b << " state " << state;
     if (state == BLOCK_COARSE_SYNC && (previous == BLOCK_FRAME_SYNC || previous == BLOCK_TRACKING)) ++restarts;
-    if (state == BLOCK_TRACKING) SyncDriverRetune();
     previous = state;
   }
   return restarts;
@@ -219,8 +217,9 @@ TEST(TransmitterFrameCapture, SpanEndingExactlyAtTheBlockEdgeIsSplitWithAnEmptyS
   FAIL() << "the grid did not settle";
 }
 
-// No broadcast: the zero level, all-zero bytes and noise cycle through acquisition without end.
-TEST(NoBroadcast, ZerosAndNoiseCycleThroughAcquisition) {
+// No broadcast: the zero level and all-zero bytes cycle through acquisition without end (noise is
+// an end-to-end case).
+TEST(NoBroadcast, ZeroLevelAndZeroBytesCycleThroughAcquisition) {
   ASSERT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
   SyncDriverRetune();
   auto feed = [](const std::vector<uint8_t>& bytes) {
@@ -237,20 +236,6 @@ TEST(NoBroadcast, ZerosAndNoiseCycleThroughAcquisition) {
   SyncDriverRetune();
   const std::vector<uint8_t> zeros(RAW_BLOCK_BYTES, 0);
   EXPECT_GE(CountRestarts(12, [&] { return feed(zeros); }, {BLOCK_COARSE_SYNC, BLOCK_FRAME_SYNC}), 2);
-  // Noise: the words are random. Only a clean word can declare no service (a chance of 2^-82),
-  // but a repaired random word may pass as receivable; tracking then ends only through the
-  // decoder's statistics, so the engine is retuned whenever it got there.
-  std::mt19937 rng(9);
-  std::vector<uint8_t> bytes(RAW_BLOCK_BYTES);
-  auto noise = [&] {
-    // Sum of two uniform bytes: a triangular noise around 127 with a spread of about 40 steps.
-    for (auto& v : bytes) {
-      const uint32_t r = rng();
-      v = static_cast<uint8_t>(((r & 0xFF) + ((r >> 8) & 0xFF)) / 2);
-    }
-    return feed(bytes);
-  };
-  EXPECT_GE(CountRestarts(30, noise, {BLOCK_MODE_DETECT, BLOCK_COARSE_SYNC, BLOCK_FRAME_SYNC, BLOCK_TRACKING}), 3);
   SyncDriverClose();
 }
 
