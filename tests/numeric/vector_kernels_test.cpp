@@ -15,7 +15,6 @@
 #include "decoder/viterbi.h"
 #include "numeric/nco_rotation.h"
 #include "numeric/vector_isa.h"
-#include "simulator/tx_stages.h"
 #include "tests/decoder/decoder_test_support.h"
 #include "tracking/carrier_filter.h"
 #include "tracking/equaliser_kernels.h"
@@ -118,15 +117,9 @@ std::string CompareEqualiser(VectorIsa isa, Random& random, int trial) {
 std::vector<uint16_t> ViterbiPairs(Random& random, int32_t count, uint32_t kind) {
   std::vector<uint16_t> pairs(static_cast<size_t>(count));
   if (kind == 4) {
-    std::vector<uint8_t> bytes(static_cast<size_t>((count + 7) / 8));
-    for (auto& b : bytes) b = static_cast<uint8_t>(random.Next());
-    sim::ConvolutionalEncoder encoder(0);
-    std::vector<uint8_t> coded(bytes.size() * 16);
-    encoder.EncodeBytes(bytes, coded.data());
-    for (size_t i = 0; i < pairs.size(); ++i) {
-      pairs[i] = static_cast<uint16_t>((coded[2 * i] * 31) << 8 | coded[2 * i + 1] * 31);
-      if (random.Below(50) == 0) pairs[i] = static_cast<uint16_t>(random.Below(32) << 8 | (pairs[i] & 0xFF));
-    }
+    pairs = test::CodedPairs(random, count);
+    for (auto& pair : pairs)
+      if (random.Below(50) == 0) pair = static_cast<uint16_t>(random.Below(32) << 8 | (pair & 0xFF));
     return pairs;
   }
   for (auto& pair : pairs) {
