@@ -1,6 +1,7 @@
 // Signal facts of the channel model and of the generic SDR, measured here with plain DFTs and
 // correlations on what the generator gives out. That the broadcast carries its pilots, TMCC and
-// guard intervals where the standard puts them is proven by the receiver, which finds them end to end.
+// guard intervals where the standard puts them is proven by the receiver, which finds them end to
+// end; the carrier and clock offsets by the receiver's estimates of them (acquisition, tracking).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -43,14 +44,6 @@ cd Dft(const cd* x, int n, int bin) {
   cd sum = 0;
   for (int k = 0; k < n; ++k) sum += x[k] * turn[static_cast<size_t>((static_cast<int64_t>(bin) * k) % n)];
   return sum;
-}
-
-// Sum of x[at + i] * conj(x[at + i + lag]) over `length` samples.
-template <class T>
-double CorrelationMagnitude(const std::vector<T>& x, size_t at, int length, int lag) {
-  cd acc = 0;
-  for (size_t i = at; i < at + static_cast<size_t>(length); ++i) acc += cd(x[i]) * std::conj(cd(x[i + static_cast<size_t>(lag)]));
-  return std::abs(acc);
 }
 
 // At the device rate the guard interval is an exact copy of the symbol's end. From a generic SDR,
@@ -137,52 +130,6 @@ TEST(ChannelModel, MeasuredCarrierToNoiseIsTheRequestedOne) {
     }
     EXPECT_NEAR(m4 * static_cast<double>(s.size()) / (m2 * m2), 3.0, 0.1) << name;
   }
-}
-
-TEST(ChannelModel, MeasuredFrequencyAndClockOffsetsAreTheRequestedOnes) {
-  // Frequency: the offset stream against the clean one. The device filter moves with the offset;
-  // a wide one keeps the same carriers in both.
-  BroadcastConfig wide;
-  wide.wideDeviceFilter = true;
-  ChannelConfig shifted;
-  shifted.carrierOffsetHz = 23456.7;
-  const Samples x = DeviceSamples(wide, ChannelConfig{}, 200000);
-  const Samples y = DeviceSamples(wide, shifted, x.size());
-  cd acc = 0;
-  for (size_t n = 1000; n < x.size(); n += 1000)
-    acc += cd(y[n]) * std::conj(cd(x[n])) * std::conj(cd(y[n - 1000]) * std::conj(cd(x[n - 1000])));
-  // 1000 samples turn by 2*pi*23456.7*1000/fs = 72.5 rad: unwrap with the known whole turns.
-  const double turns = std::round((2 * M_PI * 23456.7 * 1000 / kBroadcastRateHz - std::arg(acc)) / (2 * M_PI));
-  EXPECT_NEAR((std::arg(acc) + turns * 2 * M_PI) / 1000.0 * kBroadcastRateHz / (2 * M_PI), 23456.7, 0.05);
-
-  // Clock: the symbol starts drift by the offset; fitted over a second of Mode 1 symbols.
-  BroadcastConfig b;
-  b.mode = 1;
-  b.guard = 3;
-  ChannelConfig c;
-  c.clockPpm = 80.0;
-  const int ns = 2 * EngineSamplesPerSymbol(b);  // 640 at the device rate
-  const int m = 512, ng = ns - m;
-  const int symbols = 3000;
-  const Samples z = DeviceSamples(b, c, static_cast<size_t>(ns) * (symbols + 2));
-  double sk = 0, st = 0, skk = 0, skt = 0;
-  for (int k = 0; k < symbols; ++k) {
-    const int base = static_cast<int>(std::floor(k * ns * (1 + 80e-6))) - 4;
-    double metric[9];
-    for (int d = 0; d < 9; ++d) metric[d] = base + d < 0 ? 0 : CorrelationMagnitude(z, static_cast<size_t>(base + d), ng, m);
-    const int d = static_cast<int>(std::max_element(metric, metric + 9) - metric);
-    double t = base + d;
-    if (d > 0 && d < 8) {  // peak of the triangle through its two sides
-      const double l = metric[d - 1], r = metric[d + 1];
-      t += 0.5 * (r - l) / (metric[d] - std::min(l, r));
-    }
-    sk += k;
-    st += t;
-    skk += static_cast<double>(k) * k;
-    skt += k * t;
-  }
-  const double slope = (symbols * skt - sk * st) / (symbols * skk - sk * sk);
-  EXPECT_NEAR((slope / ns - 1) * 1e6, 80.0, 0.5);
 }
 
 TEST(ChannelModel, EchoesAndFadingHaveTheRequestedResponseAndPower) {
@@ -310,8 +257,6 @@ TEST(ChannelModel, BadSettingsAreRefusedWithAReason) {
   std::string error;
   EXPECT_EQ(SignalGenerator::Create(b, c, nullptr, &error), nullptr);
   EXPECT_NE(error, "");
-  EXPECT_EQ(OpenTsFile("/nonexistent/file.ts", 416e3, &error), nullptr);
-  EXPECT_NE(error.find("cannot open"), std::string::npos);
 }
 
 }  // namespace
