@@ -1,33 +1,26 @@
 // TMCC: the shortened difference-set code's syndrome and majority repair, and the decoder's verdict
-// on words of every kind. The bit positions of a worked word are checked with the transmitter.
+// on words of every kind.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <random>
-#include <vector>
 
 #include "acquisition/acquisition.h"
 #include "engine_memory.h"
+#include "simulator/tx_stages.h"
 
 namespace zfn::test {
 namespace {
 
 using TmccWord = std::array<uint8_t, TMCC_WORD_BITS>;
-using TmccInfo = std::array<uint8_t, TMCC_INFO_BITS>;
 
-// The 102 information bits are w[0..101] (w[0] the highest degree); the parity w[102..183] is the
-// remainder of info(x) * x^82 divided by g(x).
-TmccWord EncodeTmcc(const TmccInfo& info) {
-  constexpr int G_TERMS[] = {82, 77, 76, 71, 67, 66, 56, 52, 48, 40, 36, 34, 24, 22, 18, 10, 4, 0};
-  std::vector<uint8_t> r(TMCC_WORD_BITS, 0);  // r[i] is the coefficient of x^(183 - i)
-  for (int i = 0; i < TMCC_INFO_BITS; ++i) r[i] = info[i];
-  for (int i = 0; i < TMCC_INFO_BITS; ++i) {
-    if (!r[i]) continue;
-    for (int t : G_TERMS) r[i + 82 - t] ^= 1;  // subtract x^(101 - i) * g(x)
-  }
+// Words B20..B203 of our transmitter's TMCC encoder, whose parity is checked against a worked word
+// beside it: random information bits, or a broadcast-like word with one segment in layer A.
+TmccWord RandomWord(std::mt19937& rng) {
   TmccWord w{};
-  for (int i = 0; i < TMCC_INFO_BITS; ++i) w[i] = info[i];
-  for (int i = TMCC_INFO_BITS; i < TMCC_WORD_BITS; ++i) w[i] = r[i];
+  for (int i = 0; i < TMCC_INFO_BITS; ++i) w[i] = rng() & 1;
+  sim::TmccParity(w.data(), w.data() + TMCC_INFO_BITS);
   return w;
 }
 
@@ -37,27 +30,15 @@ struct TmccFields {
   int modulation, codeRate, interleave;
 };
 
-// A broadcast-like word: countdown 1111, one segment in layer A, layers B and C unused.
 TmccWord TmccWordWith(const TmccFields& x) {
-  TmccInfo info{};
-  for (auto& b : info) b = 1;
-  info[0] = (x.system >> 1) & 1;
-  info[1] = x.system & 1;
-  info[6] = 0;  // no emergency alarm
-  info[7] = static_cast<uint8_t>(x.partial);
-  for (int b = 0; b < 3; ++b) {
-    info[8 + b] = (x.modulation >> (2 - b)) & 1;
-    info[11 + b] = (x.codeRate >> (2 - b)) & 1;
-    info[14 + b] = (x.interleave >> (2 - b)) & 1;
-  }
-  for (int b = 0; b < 4; ++b) info[17 + b] = (1 >> (3 - b)) & 1;  // 0001: one segment
-  return EncodeTmcc(info);
-}
-
-TmccWord RandomWord(std::mt19937& rng) {
-  TmccInfo info{};
-  for (auto& b : info) b = rng() & 1;
-  return EncodeTmcc(info);
+  sim::TmccContent c;
+  c.systemId = x.system;
+  c.partialReception = x.partial != 0;
+  c.layerA = {x.modulation, x.codeRate, x.interleave, 1};
+  const auto b = sim::BuildTmccWord(c, false);
+  TmccWord w{};
+  std::copy(b.begin() + 20, b.end(), w.begin());
+  return w;
 }
 
 // A frame of 204 hard bits for DecodeTmcc: frame bit B(k+1) at index k, B20.. the word.
