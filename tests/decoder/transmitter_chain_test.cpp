@@ -7,7 +7,7 @@
 #include <complex>
 #include <cstring>
 #include <limits>
-#include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "decoder/decoder_stages.h"
@@ -40,19 +40,35 @@ class AgainstTransmitter : public ::testing::Test {
   }
 };
 
+// Random units of `size` values below `range` through a transmitter stage and the decoder's inverse
+// (`through`): each comes out exactly `delay` units late.
+template <class T, class Through>
+void ExpectBackLate(int units, int delay, size_t size, uint32_t range, Random& random, Through through) {
+  std::vector<std::vector<T>> sent;
+  for (int u = 0; u < units; ++u) {
+    std::vector<T> in(size);
+    for (auto& v : in) {
+      if constexpr (std::is_same_v<T, std::complex<float>>) {
+        v = {static_cast<float>(random.Below(range)), static_cast<float>(random.Below(range))};
+      } else {
+        v = static_cast<T>(random.Below(range));
+      }
+    }
+    sent.push_back(in);
+    const std::vector<T> out = through(in);
+    if (u >= delay) {
+      ASSERT_EQ(sent[static_cast<size_t>(u - delay)], out) << "unit " << u;
+    }
+  }
+}
+
+// The dispersal sequence from its start state on the block with count 1 (the sync position, last in
+// the block, is not XORed); then the derandomiser against the transmitter's scrambler, which
+// restarts at the first unit of each frame, and the byte deinterleaver against the transmitter's
+// interleaver, eleven blocks late.
 TEST_F(AgainstTransmitter, DispersalAndByteInterleaverOfTheTransmitter) {
   SetUpLayer(1, 1, 0, 0);  // 12 packets per frame
   Random random(2);
-  std::vector<std::array<uint8_t, 204>> units;
-  for (int b = 0; b < 40; ++b) {
-    std::array<uint8_t, 204> unit{};
-    for (int i = 0; i < 203; ++i) unit[i] = static_cast<uint8_t>(random.Next());
-    unit[203] = 0x47;
-    units.push_back(unit);
-  }
-  // The dispersal sequence from its start state, on the block with count 1 (the sync position, last
-  // in the block, is not XORed), then the derandomiser against the transmitter's scrambler, block
-  // for block: the scrambler restarts at the first unit of each frame, the block with count 1.
   decoder.packetInFrame = 1;
   uint8_t zeros[204] = {};
   Derandomise(zeros, 204);
@@ -60,29 +76,23 @@ TEST_F(AgainstTransmitter, DispersalAndByteInterleaverOfTheTransmitter) {
   EXPECT_EQ(0, std::memcmp(first, zeros, 6));
   EXPECT_EQ(0, zeros[203]);
   EXPECT_EQ(2, decoder.packetInFrame);
-  decoder.packetInFrame = 0;
+  decoder.packetInFrame = 1;
   sim::DispersalPrbs prbs;
-  for (int b = 0; b < 30; ++b) {
-    if (b % 12 == 1) prbs.Reset();
-    std::array<uint8_t, 204> unit = units[static_cast<size_t>(b)];
-    std::array<uint8_t, 204> scrambled = unit;
-    for (int i = 0; i < 203; ++i) scrambled[i] ^= prbs.NextByte();
+  int unit = 0;
+  ExpectBackLate<uint8_t>(30, 0, 204, 256, random, [&](std::vector<uint8_t> v) {
+    if (unit++ % 12 == 0) prbs.Reset();
+    for (int i = 0; i < 203; ++i) v[static_cast<size_t>(i)] ^= prbs.NextByte();
     prbs.NextByte();
-    Derandomise(scrambled.data(), 204);
-    if (b >= 1) {
-      ASSERT_EQ(unit, scrambled) << "block " << b;
-    }
-  }
-  // The deinterleaver against the transmitter's interleaver: eleven blocks late.
+    Derandomise(v.data(), 204);
+    return v;
+  });
   sim::ByteInterleaver forward;
-  for (int b = 0; b < 40; ++b) {
-    std::array<uint8_t, 204> air{}, out{};
-    for (int i = 0; i < 204; ++i) air[i] = forward.Push(units[static_cast<size_t>(b)][i]);
+  ExpectBackLate<uint8_t>(40, 11, 204, 256, random, [&](const std::vector<uint8_t>& v) {
+    std::vector<uint8_t> air(204), out(204);
+    for (size_t i = 0; i < 204; ++i) air[i] = forward.Push(v[i]);
     DeinterleaveBytes(air.data(), out.data());
-    if (b >= 11) {
-      ASSERT_EQ(units[static_cast<size_t>(b - 11)], out) << "block " << b;
-    }
-  }
+    return out;
+  });
 }
 
 // Bit interleaving with its adjustment and the receiver's deinterleaving delay every bit by exactly
@@ -90,21 +100,17 @@ TEST_F(AgainstTransmitter, DispersalAndByteInterleaverOfTheTransmitter) {
 TEST_F(AgainstTransmitter, BitInterleaverAndMapperOfTheTransmitter) {
   for (int mode = 1; mode <= 3; ++mode) {
     for (int modulation = 1; modulation <= 3; ++modulation) {
+      SCOPED_TRACE(::testing::Message() << "mode " << mode << " modulation " << modulation);
       SetUpLayer(mode, modulation, 0, 0);
-      const int32_t nd = engine.ndata;
-      const int32_t q = engine.bitsPerCarrier;
+      const int32_t nd = engine.ndata, q = engine.bitsPerCarrier;
       sim::BitInterleaver interleaver(q, nd);
       const sim::Mapper mapper(q);
       Random random(static_cast<uint64_t>(mode * 10 + modulation));
-      std::vector<std::vector<uint8_t>> sent;
       std::vector<uint8_t> delayed(static_cast<size_t>(nd * q));
       std::vector<float> carriers(static_cast<size_t>(2 * nd));
-      for (int s = 0; s < 6; ++s) {
-        std::vector<uint8_t> bits(static_cast<size_t>(nd * q));
-        for (auto& b : bits) b = static_cast<uint8_t>(random.Below(2));
-        sent.push_back(bits);
+      const float gain = q == 2 ? 8.0f : 1.0f;  // QPSK arrives with the equaliser's fixed gain
+      ExpectBackLate<uint8_t>(6, 2, static_cast<size_t>(nd * q), 2, random, [&](const std::vector<uint8_t>& bits) {
         interleaver.Process(bits.data(), delayed.data(), nd);
-        const float gain = q == 2 ? 8.0f : 1.0f;  // QPSK arrives with the equaliser's fixed gain
         for (int c = 0; c < nd; ++c) {
           const std::complex<float> point = mapper.Map(&delayed[static_cast<size_t>(c * q)]);
           carriers[2 * c] = point.real() * gain;
@@ -112,13 +118,37 @@ TEST_F(AgainstTransmitter, BitInterleaverAndMapperOfTheTransmitter) {
         }
         DemapSoft(carriers.data());
         DeinterleaveBits();
-        if (s < 2) continue;
-        for (int i = 0; i < nd * q; ++i) {
-          ASSERT_EQ(sent[static_cast<size_t>(s - 2)][static_cast<size_t>(i)], decoder.bitStream[i] >= 16 ? 1 : 0)
-              << "mode " << mode << " q " << q << " symbol " << s << " bit " << i;
-        }
-      }
+        std::vector<uint8_t> out(bits.size());
+        for (size_t i = 0; i < out.size(); ++i) out[i] = decoder.bitStream[i] >= 16 ? 1 : 0;
+        return out;
+      });
     }
+  }
+}
+
+// Time interleaving with its adjustment A and the receiver's deinterleaving: every carrier is late by
+// 95 * I + A symbols, a whole number of frames.
+TEST_F(AgainstTransmitter, TimeInterleaverOfTheTransmitter) {
+  for (int mode = 1; mode <= 3; ++mode) {
+    SCOPED_TRACE(::testing::Message() << "mode " << mode);
+    SetUpLayer(mode, 1, 0, 2);
+    const int32_t nd = engine.ndata;
+    const int length = sim::InterleaveLength(2, mode);
+    ASSERT_EQ(length, decoder.interleaveDepth);
+    const int total = 95 * length + sim::InterleaveAdjustment(length);
+    ASSERT_EQ(0, total % 204);
+    sim::TimeInterleaver interleaver(nd, length, sim::InterleaveAdjustment(length));
+    Random random(static_cast<uint64_t>(mode));
+    std::vector<std::complex<float>> air(static_cast<size_t>(nd));
+    std::vector<float> in(static_cast<size_t>(2 * nd)), out(static_cast<size_t>(2 * nd));
+    ExpectBackLate<std::complex<float>>(total + 20, total, static_cast<size_t>(nd), 100, random, [&](const auto& symbol) {
+      interleaver.Process(symbol.data(), air.data());
+      std::memcpy(in.data(), air.data(), sizeof(float) * in.size());
+      DeinterleaveTime(in.data(), out.data());
+      std::vector<std::complex<float>> back;
+      for (size_t c = 0; c < air.size(); ++c) back.emplace_back(out[2 * c], out[2 * c + 1]);
+      return back;
+    });
   }
 }
 
@@ -149,40 +179,6 @@ TEST_F(AgainstTransmitter, SoftDemapperFloorAndClampOnTheBoundaries) {
       {6, 0.0f, 0.0f, {16, 16, 31, 31, 8, 8}},
   };
   for (const auto& c : cases) EXPECT_EQ(c.soft, Demap(c.bits, c.re, c.im)) << c.bits << " bits, " << c.re << ", " << c.im;
-}
-
-// Time interleaving with its adjustment A and the receiver's deinterleaving: every carrier is late by
-// 95 * I + A symbols, a whole number of frames.
-TEST_F(AgainstTransmitter, TimeInterleaverOfTheTransmitter) {
-  for (int mode = 1; mode <= 3; ++mode) {
-    SetUpLayer(mode, 1, 0, 2);
-    const int32_t nd = engine.ndata;
-    const int length = sim::InterleaveLength(2, mode);
-    ASSERT_EQ(length, decoder.interleaveDepth);
-    const int total = 95 * length + sim::InterleaveAdjustment(length);
-    ASSERT_EQ(0, total % 204);
-    sim::TimeInterleaver interleaver(nd, length, sim::InterleaveAdjustment(length));
-    Random random(static_cast<uint64_t>(mode));
-    std::vector<std::vector<std::complex<float>>> sent;
-    std::vector<std::complex<float>> air(static_cast<size_t>(nd));
-    std::vector<float> in(static_cast<size_t>(2 * nd)), out(static_cast<size_t>(2 * nd));
-    for (int t = 0; t < total + 20; ++t) {
-      std::vector<std::complex<float>> symbol(static_cast<size_t>(nd));
-      for (auto& v : symbol) v = {static_cast<float>(random.Below(100)), static_cast<float>(random.Below(100))};
-      sent.push_back(symbol);
-      interleaver.Process(symbol.data(), air.data());
-      for (int c = 0; c < nd; ++c) {
-        in[2 * c] = air[static_cast<size_t>(c)].real();
-        in[2 * c + 1] = air[static_cast<size_t>(c)].imag();
-      }
-      DeinterleaveTime(in.data(), out.data());
-      if (t < total) continue;
-      for (int c = 0; c < nd; ++c) {
-        ASSERT_EQ(sent[static_cast<size_t>(t - total)][static_cast<size_t>(c)], std::complex<float>(out[2 * c], out[2 * c + 1]))
-            << "mode " << mode << " t " << t << " carrier " << c;
-      }
-    }
-  }
 }
 
 }  // namespace
