@@ -19,7 +19,6 @@ struct Broadcast {
   int modulation, codeRate, interleave;
   double offsetHz;
   double cnDb;  // 0: clean, no noise
-  bool partialReception = true;
   double clockPpm = 0;
   double echoUs = 0;  // one static echo of -3 dB at this delay, 0: none
   std::vector<int> tmccFlips = {};  // TMCC word bits sent inverted
@@ -36,7 +35,7 @@ class Session {
  public:
   Session(const Broadcast& c, unsigned seed, long skipSamples) {
     const sim::BroadcastConfig b{.mode = c.index / 4 + 1, .guard = c.index % 4, .modulation = c.modulation, .codeRate = c.codeRate,
-                                 .interleave = c.interleave, .partialReception = c.partialReception, .seed = seed,
+                                 .interleave = c.interleave, .seed = seed,
                                  .tmccFlips = c.tmccFlips};
     sim::ChannelConfig ch;
     ch.noise = c.cnDb > 0;
@@ -150,38 +149,20 @@ std::vector<Broadcast> Cases() {
   v.push_back({2, 2, 0, 0, -33000.0, 10.0});
   v.push_back({1, 1, 2, 1, -3013.0, 10.0});
   v.push_back({10, 1, 1, 3, 31000.0, 4.0});
-  v.push_back({2, 1, 1, 3, -52000.0, 20.0, true, 20.0, 0.0});
-  v.push_back({5, 3, 3, 1, -3000.0, 20.0, true, -20.0, 5.0});
+  v.push_back({2, 1, 1, 3, -52000.0, 20.0, 20.0, 0.0});
+  v.push_back({5, 3, 3, 1, -3000.0, 20.0, -20.0, 5.0});
   return v;
 }
 INSTANTIATE_TEST_SUITE_P(Broadcasts, TransmitterAcquisition, ::testing::ValuesIn(Cases()), Name);
-
-// A television broadcast without the partial reception service stops the engine in no signal.
-TEST(TransmitterNoService, TelevisionWithoutPartialReceptionGoesToNoSignal) {
-  Broadcast c{5, 2, 2, 1, 20000.0, 0, false};
-  const Result r = Acquire(c, 12, 21);
-  EXPECT_EQ(r.state, BLOCK_NO_SIGNAL);
-  EXPECT_EQ(SyncDriverEngine().tmccAccepted, 0);
-  // A sink: blocks are not even converted, until a retune starts acquisition again.
-  std::vector<uint8_t> bytes(RAW_BLOCK_BYTES, 127);
-  for (int b = 0; b < 2; ++b) {
-    SyncDriverFeed(bytes.data(), bytes.size());
-    EXPECT_EQ(SyncDriverBlockState(), BLOCK_NO_SIGNAL);
-  }
-  SyncDriverRetune();
-  SyncDriverFeed(bytes.data(), bytes.size());
-  EXPECT_EQ(SyncDriverBlockState(), BLOCK_COARSE_SYNC);
-  SyncDriverClose();
-}
 
 // A corrupted TMCC word: six errors in the bits the receiver reads are repaired on the way; eleven
 // errors in the first 21 bits, which leave a reserved modulation, are beyond the repair: the word
 // is rejected and acquisition starts again on the next block, for as long as the word is sent.
 TEST(TransmitterTmcc, CorruptedWordIsRepairedOrRejected) {
-  const Broadcast repairable{8, 3, 4, 2, 3373.0, 0, true, 0, 0, {0, 3, 8, 12, 16, 20}};
+  const Broadcast repairable{8, 3, 4, 2, 3373.0, 0, 0, 0, {0, 3, 8, 12, 16, 20}};
   ExpectAcquired(repairable, Acquire(repairable, BlockBound(8), 5));
   SyncDriverClose();
-  const Broadcast rejected{1, 1, 1, 1, 13492.0, 0, true, 0, 0, {8, 9, 2, 3, 4, 5, 6, 17, 18, 19, 20}};  // QPSK to 111
+  const Broadcast rejected{1, 1, 1, 1, 13492.0, 0, 0, 0, {8, 9, 2, 3, 4, 5, 6, 17, 18, 19, 20}};  // QPSK to 111
   Session s(rejected, 5, 100);
   EXPECT_GE(CountRestarts(12, [&] { return s.Feed(); }, {BLOCK_COARSE_SYNC, BLOCK_FRAME_SYNC}), 2);
   SyncDriverClose();
