@@ -7,7 +7,7 @@
 #include <random>
 
 #include "acquisition/acquisition.h"
-#include "engine_memory.h"
+#include "shell/receiver_state.h"
 #include "simulator/tx_stages.h"
 
 namespace zfn::test {
@@ -85,7 +85,7 @@ TEST(TmccCode, SyndromeAndMajorityRepairOnConstructedWords) {
 }
 
 TEST(DecodeTmcc, VerdictsForCleanAndCorrectedWords) {
-  EngineMemory memory;
+  engine.layerParams = &engine.layerParamsRecord;
   struct Case {
     TmccFields fields;
     std::vector<int> damage;  // flipped word bits
