@@ -1,5 +1,7 @@
 // Acquisition of our own transmitter's broadcast through the synchronous driver: device bytes of
-// the full chain (segments 3, 1, 0, 2, 4, channel, quantiser) into the engine's block state machine.
+// the full chain (segments 3, 1, 0, 2, 4, channel, quantiser) into the engine's block state machine,
+// at the edges that the end-to-end cases leave out; a corrupted TMCC word, a capture span that ends
+// on a block edge, and no broadcast at all.
 #include <gtest/gtest.h>
 
 #include <algorithm>
