@@ -1,11 +1,11 @@
 // Acquisition of our own transmitter's broadcast through the synchronous driver: device bytes of
-// the full chain (segments 3, 1, 0, 2, 4, channel, quantiser) into the engine's block state machine.
+// the full chain (segments 3, 1, 0, 2, 4, channel, quantiser) into the engine's block state machine,
+// at the edges that the end-to-end cases leave out; a corrupted TMCC word, a capture span that ends
+// on a block edge, and no broadcast at all.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <random>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,7 +21,6 @@ struct Broadcast {
   int modulation, codeRate, interleave;
   double offsetHz;
   double cnDb;  // 0: clean, no noise
-  bool partialReception = true;
   double clockPpm = 0;
   double echoUs = 0;  // one static echo of -3 dB at this delay, 0: none
   std::vector<int> tmccFlips = {};  // TMCC word bits sent inverted
@@ -37,21 +36,15 @@ struct Result {
 class Session {
  public:
   Session(const Broadcast& c, unsigned seed, long skipSamples) {
-    sim::BroadcastConfig b;
-    b.mode = c.index / 4 + 1;
-    b.guard = c.index % 4;
-    b.modulation = c.modulation;
-    b.codeRate = c.codeRate;
-    b.interleave = c.interleave;
-    b.partialReception = c.partialReception;
-    b.tmccFlips = c.tmccFlips;
-    b.seed = seed;
+    const sim::BroadcastConfig b{.mode = c.index / 4 + 1, .guard = c.index % 4, .modulation = c.modulation, .codeRate = c.codeRate,
+                                 .interleave = c.interleave, .seed = seed,
+                                 .tmccFlips = c.tmccFlips};
     sim::ChannelConfig ch;
-    ch.carrierOffsetHz = c.offsetHz;
     ch.noise = c.cnDb > 0;
     ch.cnDb = c.cnDb;
-    ch.seed = seed + 1;
+    ch.carrierOffsetHz = c.offsetHz;
     ch.clockPpm = c.clockPpm;
+    ch.seed = seed + 1;
     if (c.echoUs > 0) ch.echoes.push_back({c.echoUs, -3.0, 30.0});
     std::string error;
     gen_ = sim::SignalGenerator::Create(b, ch, sim::MakeTestPatternSource(seed), &error);
@@ -94,7 +87,6 @@ int CountRestarts(int blocks, Next next, std::initializer_list<int32_t> allowed)
     const int32_t state = next();
     EXPECT_NE(std::find(allowed.begin(), allowed.end(), state), allowed.end()) << "block " << b << " state " << state;
     if (state == BLOCK_COARSE_SYNC && (previous == BLOCK_FRAME_SYNC || previous == BLOCK_TRACKING)) ++restarts;
-    if (state == BLOCK_TRACKING) SyncDriverRetune();
     previous = state;
   }
   return restarts;
@@ -140,63 +132,39 @@ TEST_P(TransmitterAcquisition, ReachesTrackingWithTransmittedParameters) {
 
 std::string Name(const ::testing::TestParamInfo<Broadcast>& info) {
   const Broadcast& c = info.param;
-  char text[160];
-  std::snprintf(text, sizeof(text), "mode%d_guard%d_mod%d_rate%d_il%d_%ldHz_cn%d_clock%dppm_echo%dus", c.index / 4 + 1,
-                c.index % 4, c.modulation, c.codeRate, c.interleave, std::lround(c.offsetHz), static_cast<int>(c.cnDb),
-                static_cast<int>(c.clockPpm), static_cast<int>(c.echoUs));
-  std::string name = text;
+  std::string name = "mode" + std::to_string(c.index / 4 + 1) + "_guard" + std::to_string(c.index % 4) + "_" +
+                     std::to_string(std::lround(c.offsetHz)) + "Hz_cn" + std::to_string(static_cast<int>(c.cnDb)) + "_clock" +
+                     std::to_string(static_cast<int>(c.clockPpm)) + "_echo" + std::to_string(static_cast<int>(c.echoUs));
   for (char& ch : name) if (ch == '-') ch = 'm';
   return name;
 }
 
-// The twelve pairs, clean, each with a different offset and parameter set; each mode across its
-// search range, both edges included (-100 kHz to +95 kHz, fractional parts of a carrier
-// everywhere); every modulation, code rate and interleave at least once (all modulation and rate
-// pairs), clean and at C/N 10 dB, on the short pairs to keep the suite fast; and impairments that
-// acquisition has to live with: C/N far below the decoder's needs, a sample clock 20 ppm off, and
-// a strong echo inside the guard interval.
+// What the end-to-end cases (every pair and layer, clean, no offset) leave out: each mode at both
+// edges of its search range (-100 kHz, +95 kHz) and at a fractional part of a carrier; C/N 10 dB,
+// where the sync word search may fail now and then, and C/N far below the decoder's needs; a
+// sample clock 20 ppm off; and a strong echo inside the guard interval.
 std::vector<Broadcast> Cases() {
   std::vector<Broadcast> v;
-  for (int index = 0; index < 12; ++index) v.push_back({index, 1 + index % 3, index % 5, index % 4, 1234.5 * (index - 6), 0});
-  int i = 0;
   for (int mode = 0; mode < 3; ++mode)
-    for (double hz : {-100000.0, -61300.0, -20777.0, 333.0, 40950.0, 95000.0}) v.push_back({mode * 4 + (i++ % 2) * 2, 1, 1, 2, hz, 0});
-  for (i = 0; i < 15; ++i) v.push_back({(i % 2) ? 1 : 4, 1 + i % 3, i % 5, i % 4, -7000.0 + 997.0 * i, (i % 2) ? 10.0 : 0.0});
+    for (double hz : {-100000.0, 40950.0, 95000.0}) v.push_back({mode * 4 + (mode + 1) % 4, 1 + mode, mode, 2, hz, 0});
   v.push_back({9, 3, 4, 3, 15000.0, 10.0});
   v.push_back({2, 2, 0, 0, -33000.0, 10.0});
+  v.push_back({1, 1, 2, 1, -3013.0, 10.0});
   v.push_back({10, 1, 1, 3, 31000.0, 4.0});
-  v.push_back({2, 1, 1, 3, -52000.0, 20.0, true, 20.0, 0.0});
-  v.push_back({5, 3, 3, 1, -3000.0, 20.0, true, -20.0, 5.0});
+  v.push_back({2, 1, 1, 3, -52000.0, 20.0, 20.0, 0.0});
+  v.push_back({5, 3, 3, 1, -3000.0, 20.0, -20.0, 5.0});
   return v;
 }
 INSTANTIATE_TEST_SUITE_P(Broadcasts, TransmitterAcquisition, ::testing::ValuesIn(Cases()), Name);
-
-// A television broadcast without the partial reception service stops the engine in no signal.
-TEST(TransmitterNoService, TelevisionWithoutPartialReceptionGoesToNoSignal) {
-  Broadcast c{5, 2, 2, 1, 20000.0, 0, false};
-  const Result r = Acquire(c, 12, 21);
-  EXPECT_EQ(r.state, BLOCK_NO_SIGNAL);
-  EXPECT_EQ(SyncDriverEngine().tmccAccepted, 0);
-  // A sink: blocks are not even converted, until a retune starts acquisition again.
-  std::vector<uint8_t> bytes(RAW_BLOCK_BYTES, 127);
-  for (int b = 0; b < 2; ++b) {
-    SyncDriverFeed(bytes.data(), bytes.size());
-    EXPECT_EQ(SyncDriverBlockState(), BLOCK_NO_SIGNAL);
-  }
-  SyncDriverRetune();
-  SyncDriverFeed(bytes.data(), bytes.size());
-  EXPECT_EQ(SyncDriverBlockState(), BLOCK_COARSE_SYNC);
-  SyncDriverClose();
-}
 
 // A corrupted TMCC word: six errors in the bits the receiver reads are repaired on the way; eleven
 // errors in the first 21 bits, which leave a reserved modulation, are beyond the repair: the word
 // is rejected and acquisition starts again on the next block, for as long as the word is sent.
 TEST(TransmitterTmcc, CorruptedWordIsRepairedOrRejected) {
-  const Broadcast repairable{8, 3, 4, 2, 3373.0, 0, true, 0, 0, {0, 3, 8, 12, 16, 20}};
+  const Broadcast repairable{8, 3, 4, 2, 3373.0, 0, 0, 0, {0, 3, 8, 12, 16, 20}};
   ExpectAcquired(repairable, Acquire(repairable, BlockBound(8), 5));
   SyncDriverClose();
-  const Broadcast rejected{1, 1, 1, 1, 13492.0, 0, true, 0, 0, {8, 9, 2, 3, 4, 5, 6, 17, 18, 19, 20}};  // QPSK to 111
+  const Broadcast rejected{1, 1, 1, 1, 13492.0, 0, 0, 0, {8, 9, 2, 3, 4, 5, 6, 17, 18, 19, 20}};  // QPSK to 111
   Session s(rejected, 5, 100);
   EXPECT_GE(CountRestarts(12, [&] { return s.Feed(); }, {BLOCK_COARSE_SYNC, BLOCK_FRAME_SYNC}), 2);
   SyncDriverClose();
@@ -232,8 +200,9 @@ TEST(TransmitterFrameCapture, SpanEndingExactlyAtTheBlockEdgeIsSplitWithAnEmptyS
   FAIL() << "the grid did not settle";
 }
 
-// No broadcast: the zero level, all-zero bytes and noise cycle through acquisition without end.
-TEST(NoBroadcast, ZerosAndNoiseCycleThroughAcquisition) {
+// No broadcast: the zero level and all-zero bytes cycle through acquisition without end (noise is
+// an end-to-end case).
+TEST(NoBroadcast, ZeroLevelAndZeroBytesCycleThroughAcquisition) {
   ASSERT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
   SyncDriverRetune();
   auto feed = [](const std::vector<uint8_t>& bytes) {
@@ -250,20 +219,6 @@ TEST(NoBroadcast, ZerosAndNoiseCycleThroughAcquisition) {
   SyncDriverRetune();
   const std::vector<uint8_t> zeros(RAW_BLOCK_BYTES, 0);
   EXPECT_GE(CountRestarts(12, [&] { return feed(zeros); }, {BLOCK_COARSE_SYNC, BLOCK_FRAME_SYNC}), 2);
-  // Noise: the words are random. Only a clean word can declare no service (a chance of 2^-82),
-  // but a repaired random word may pass as receivable; tracking then ends only through the
-  // decoder's statistics, so the engine is retuned whenever it got there.
-  std::mt19937 rng(9);
-  std::vector<uint8_t> bytes(RAW_BLOCK_BYTES);
-  auto noise = [&] {
-    // Sum of two uniform bytes: a triangular noise around 127 with a spread of about 40 steps.
-    for (auto& v : bytes) {
-      const uint32_t r = rng();
-      v = static_cast<uint8_t>(((r & 0xFF) + ((r >> 8) & 0xFF)) / 2);
-    }
-    return feed(bytes);
-  };
-  EXPECT_GE(CountRestarts(30, noise, {BLOCK_MODE_DETECT, BLOCK_COARSE_SYNC, BLOCK_FRAME_SYNC, BLOCK_TRACKING}), 3);
   SyncDriverClose();
 }
 

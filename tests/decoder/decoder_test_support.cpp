@@ -23,30 +23,29 @@ void SetLayer(uint8_t mode, uint8_t modulation, uint8_t codeRate, uint8_t interl
   engine.ndata = 96 << mode;
 }
 
-uint8_t GfMul(uint8_t a, uint8_t b) {
-  uint32_t x = a, y = b, r = 0;
-  while (y != 0) {
-    if (y & 1) r ^= x;
-    x <<= 1;
-    if (x & 0x100) x ^= 0x11D;
-    y >>= 1;
-  }
-  return static_cast<uint8_t>(r);
-}
-
 std::vector<uint8_t> PolyFromRoots(int32_t firstPower, int32_t lastPower) {
+  static const sim::RsEncoder field;
   std::vector<uint8_t> g{1};
-  uint8_t root = 1;
-  for (int32_t i = 0; i < firstPower; ++i) root = GfMul(root, 2);
-  for (int32_t i = firstPower; i <= lastPower; ++i, root = GfMul(root, 2)) {
+  for (int32_t i = firstPower; i <= lastPower; ++i) {
     std::vector<uint8_t> next(g.size() + 1, 0);
     for (size_t j = 0; j < g.size(); ++j) {
       next[j + 1] ^= g[j];
-      next[j] ^= GfMul(g[j], root);
+      next[j] ^= field.Mul(g[j], field.Power(i));
     }
     g = next;
   }
   return g;
+}
+
+std::vector<uint16_t> CodedPairs(Random& random, int32_t count, std::vector<uint8_t>* message) {
+  std::vector<uint8_t> bytes(static_cast<size_t>((count + 7) / 8));
+  for (auto& b : bytes) b = static_cast<uint8_t>(random.Next());
+  std::vector<uint8_t> coded(bytes.size() * 16);
+  sim::ConvolutionalEncoder(0).EncodeBytes(bytes, coded.data());
+  std::vector<uint16_t> pairs(static_cast<size_t>(count));
+  for (size_t i = 0; i < pairs.size(); ++i) pairs[i] = static_cast<uint16_t>((coded[2 * i] * 31) << 8 | coded[2 * i + 1] * 31);
+  if (message != nullptr) *message = bytes;
+  return pairs;
 }
 
 void RsEncode(uint8_t* packet) {

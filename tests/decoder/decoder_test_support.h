@@ -1,6 +1,6 @@
 #pragma once
-// Shared pieces of the decoder tests: a work arena for the engine record, a reproducible random
-// source, and field arithmetic for constructing Reed-Solomon error patterns.
+// Shared pieces of the decoder and kernel tests: a work arena for the engine record, a reproducible
+// random source, and coded material from our transmitter's stages.
 #include <cstdint>
 #include <vector>
 
@@ -24,9 +24,11 @@ struct Random {
   uint32_t Below(uint32_t n) { return static_cast<uint32_t>((Next() >> 11) % n); }
 };
 
-// GF(256) with 0x11D, bit by bit; polynomials from their roots; RS(204,188) encoding by our transmitter.
-uint8_t GfMul(uint8_t a, uint8_t b);
-std::vector<uint8_t> PolyFromRoots(int32_t firstPower, int32_t lastPower);  // lowest power first
+// By our transmitter's coders: the polynomial over GF(256) with roots 2^first..2^last, lowest power
+// first; RS(204,188) parity; soft pairs at full strength (0 for a 0 bit, 31 for a 1; X in the high
+// byte) of the rate 1/2 convolutional code of count / 8 random bytes, which go to message if given.
+std::vector<uint8_t> PolyFromRoots(int32_t firstPower, int32_t lastPower);
 void RsEncode(uint8_t* packet);  // writes bytes 188..203 from 0..187
+std::vector<uint16_t> CodedPairs(Random& random, int32_t count, std::vector<uint8_t>* message = nullptr);
 
 }  // namespace zfn::test

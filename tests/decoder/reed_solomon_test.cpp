@@ -1,4 +1,4 @@
-// Reed-Solomon RS(204,188): tables against bitwise field arithmetic, the light parity check, correction
+// Reed-Solomon RS(204,188) against our transmitter's encoder: the light parity check, correction
 // of up to 8 byte errors in data and parity, and every failure code of the full decoder on constructed
 // patterns.
 #include <gtest/gtest.h>
@@ -55,13 +55,7 @@ TEST_F(ReedSolomon, TablesNullPacketAndParityCheck) {
   const Packet before = p;
   EXPECT_EQ(RS_PARITY_WRONG, CheckRsParity(p.data()));
   EXPECT_EQ(before, p);
-  // Multiplication and division tables against bitwise field arithmetic.
-  for (int a = 0; a < 256; a += 7) {
-    for (int b = 1; b < 256; b += 5) {
-      ASSERT_EQ(test::GfMul(static_cast<uint8_t>(a), static_cast<uint8_t>(b)), rsTablesRef->mulTable[a * 256 + b]);
-      ASSERT_EQ(a, test::GfMul(rsTablesRef->divTable[a * 256 + b], static_cast<uint8_t>(b)));
-    }
-  }
+  // Division by zero gives zero.
   EXPECT_EQ(0, rsTablesRef->divTable[5 * 256 + 0]);
 }
 

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "decoder/viterbi.h"
-#include "simulator/tx_stages.h"
 #include "tests/decoder/decoder_test_support.h"
 
 namespace zfn {
@@ -23,20 +22,6 @@ std::vector<ViterbiKernel> AvailableKernels() {
     if (ViterbiKernelAvailable(k)) kernels.push_back(k);
   }
   return kernels;
-}
-
-// Soft pairs at full strength (0 for a 0 bit, 31 for a 1) of the transmitter's rate 1/2 code of
-// `count / 8` random bytes (X in the high byte, Y in the low byte).
-std::vector<uint16_t> CodedPairs(Random& random, int32_t count, std::vector<uint8_t>* message = nullptr) {
-  std::vector<uint8_t> bytes(static_cast<size_t>((count + 7) / 8));
-  for (auto& b : bytes) b = static_cast<uint8_t>(random.Next());
-  sim::ConvolutionalEncoder encoder(0);
-  std::vector<uint8_t> coded(bytes.size() * 16);
-  encoder.EncodeBytes(bytes, coded.data());
-  std::vector<uint16_t> pairs(static_cast<size_t>(count));
-  for (size_t i = 0; i < pairs.size(); ++i) pairs[i] = static_cast<uint16_t>((coded[2 * i] * 31) << 8 | coded[2 * i + 1] * 31);
-  if (message != nullptr) *message = bytes;
-  return pairs;
 }
 
 // A count outside 0..VITERBI_MAX_STEPS leaves trellis and output alone; noise-free input comes back
@@ -53,7 +38,7 @@ TEST(Viterbi, BadCountIgnoredAndNoiseFreeSequenceComesBackEightBytesLate) {
 
     Random random(5);
     std::vector<uint8_t> message, decoded;
-    const std::vector<uint16_t> pairs = CodedPairs(random, 3000 * 8, &message);
+    const std::vector<uint16_t> pairs = test::CodedPairs(random, 3000 * 8, &message);
     const int32_t callSteps[] = {96, 168, 672, 2016, 1536, 384, 1008};  // whole bytes per call
     for (size_t step = 0, call = 0; step < pairs.size(); ++call) {
       const int32_t count = std::min<int32_t>(callSteps[call % 7], static_cast<int32_t>(pairs.size() - step));

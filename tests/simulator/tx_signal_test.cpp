@@ -1,11 +1,12 @@
-// Signal facts of the generated device stream and of the channel model, measured here with plain
-// DFTs and correlations on what the generator gives out.
+// Signal facts of the channel model and of the generic SDR, measured here with plain DFTs and
+// correlations on what the generator gives out. That the broadcast carries its pilots, TMCC and
+// guard intervals where the standard puts them is proven by the receiver, which finds them end to
+// end; the carrier and clock offsets by the receiver's estimates of them (acquisition, tracking).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 #include <complex>
 #include <vector>
 
@@ -34,15 +35,6 @@ Samples DeviceSamples(const BroadcastConfig& b, const ChannelConfig& c, size_t c
   return y;
 }
 
-// Engine-rate samples: bytes 0 and 1 of every group of four.
-std::vector<cd> EngineSamples(const BroadcastConfig& b, size_t symbols) {
-  std::vector<uint8_t> bytes(symbols * static_cast<size_t>(EngineSamplesPerSymbol(b) * 4));
-  Make(b, ChannelConfig{})->GenerateBytes(bytes.data(), bytes.size());
-  std::vector<cd> x(bytes.size() / 4);
-  for (size_t n = 0; n < x.size(); ++n) x[n] = {bytes[4 * n] - 127.0, bytes[4 * n + 1] - 127.0};
-  return x;
-}
-
 cd Dft(const cd* x, int n, int bin) {
   static std::vector<cd> turn;  // e^(-2 pi i k / n) of the last n
   if (turn.size() != static_cast<size_t>(n)) {
@@ -54,94 +46,33 @@ cd Dft(const cd* x, int n, int bin) {
   return sum;
 }
 
-// Sum of x[at + i] * conj(x[at + i + lag]) over `length` samples.
-template <class T>
-double CorrelationMagnitude(const std::vector<T>& x, size_t at, int length, int lag) {
-  cd acc = 0;
-  for (size_t i = at; i < at + static_cast<size_t>(length); ++i) acc += cd(x[i]) * std::conj(cd(x[i + static_cast<size_t>(lag)]));
-  return std::abs(acc);
-}
-
-TEST(TransmitterSignal, CyclicPrefixCorrelationPeaksAtTheSymbolStart) {
+// At the device rate the guard interval is an exact copy of the symbol's end. From a generic SDR,
+// behind the transmitter's and its own filters, which run on across the symbol edges, it is not:
+// the copy holds in the middle of the guard only.
+TEST(TransmitterSignal, GuardIsACopyOfTheSymbolEndExceptAtItsEdgesFromAnSdr) {
   for (int mode : {1, 3}) {
     BroadcastConfig b;
     b.mode = mode;
     b.guard = mode == 1 ? 3 : 2;
-    const int n1 = NumbersOfMode(mode).n1;
-    const int nse = EngineSamplesPerSymbol(b);
-    const int ng = nse - n1;
-    const auto x = EngineSamples(b, 24);
-    std::vector<double> metric(static_cast<size_t>(nse), 0.0);
-    for (int d = 0; d < nse; ++d)
-      for (int k = 0; k < 23; ++k) metric[static_cast<size_t>(d)] += CorrelationMagnitude(x, static_cast<size_t>(k * nse + d), ng, n1);
-    EXPECT_EQ(std::max_element(metric.begin(), metric.end()) - metric.begin(), 0) << "mode " << mode;
-    // At the device rate the prefix is an exact copy of the symbol's end.
-    const int ns = 2 * nse;
+    const int n1 = NumbersOfMode(mode).n1, ns = 2 * EngineSamplesPerSymbol(b), ng = ns / 2 - n1;
     const Samples y = DeviceSamples(b, ChannelConfig{}, static_cast<size_t>(4 * ns));
     for (int k = 0; k < 3; ++k)
       for (int i = 0; i < 2 * ng; ++i) ASSERT_EQ(y[static_cast<size_t>(k * ns + i)], y[static_cast<size_t>(k * ns + i + 2 * n1)]);
-    // From a generic SDR, behind the transmitter's and its own filters, which run on across the
-    // symbol edges, it is not: the copy holds in the middle of the guard only.
     ChannelConfig sdr;
     sdr.frontEnd = FrontEnd::Sdr;
     const Samples z = DeviceSamples(b, sdr, static_cast<size_t>(4 * ns));
-    double edge = 0, middle = 0, rest = 0, power = 0;
+    double edge = 0, middle = 0, power = 0;
     for (int k = 1; k < 3; ++k)
       for (int i = 0; i < 2 * ng; ++i) {
         const size_t at = static_cast<size_t>(k * ns + i);
         const double e = std::norm(cd(z[at]) - cd(z[at + static_cast<size_t>(2 * n1)]));
-        (i < 4 ? edge : i >= 24 && i < 2 * ng - 24 ? middle : rest) += e;
+        if (i < 4) edge += e;
+        if (i >= 24 && i < 2 * ng - 24) middle += e;
         power += std::norm(cd(z[at]));
       }
     const double perSample = power / (4 * ng);
-    std::printf("mode %d from an SDR: guard against the symbol's end, %.1f dB at its start, %.1f dB in its middle\n", mode,
-                10 * std::log10(edge / 8 / perSample), 10 * std::log10(middle / (2 * (2 * ng - 48)) / perSample));
     EXPECT_GT(edge / 8 / perSample, 1e-3) << "mode " << mode;
     EXPECT_LT(middle / (2 * (2 * ng - 48)) / perSample, 1e-6) << "mode " << mode;
-  }
-}
-
-// Scattered pilots at their bins with the signs of the band-wide sequence, nothing else folded
-// onto them; DBPSK of every TMCC carrier gives the word of each frame (B1..B203).
-TEST(TransmitterSignal, PilotsAndTmccAtTheRightBins) {
-  for (int mode : {1, 3}) {
-    BroadcastConfig b;
-    b.mode = mode;
-    b.guard = 2;
-    const ModeNumbers mn = NumbersOfMode(mode);
-    const int nse = EngineSamplesPerSymbol(b);
-    const int ng = nse - mn.n1;
-    const int frames = mode == 1 ? 2 : 1;
-    const auto x = EngineSamples(b, static_cast<size_t>(frames * 204));
-    const auto w = PilotSequence(mode);
-    auto carrier = [&](int symbol, int j) {
-      return Dft(&x[static_cast<size_t>(symbol * nse + ng)], mn.n1, ((j - mn.nc / 2) % mn.n1 + mn.n1) % mn.n1);
-    };
-    auto sign = [&](int j) { return w[static_cast<size_t>(6 * mn.nc + j)] ? -1.0 : 1.0; };
-    double pilotError = 0, pilotPower = 0;
-    for (int n = 0; n < 8; ++n)
-      for (int j = 3 * (n % 4); j < mn.nc; j += 12) {
-        const cd v = carrier(n, j);
-        ASSERT_GT(v.real() * sign(j), 0.0) << "mode " << mode << " symbol " << n << " carrier " << j;
-        pilotPower += std::norm(v);
-        pilotError += std::norm(v - sign(j) * std::abs(v.real()));
-      }
-    EXPECT_LT(pilotError / pilotPower, 1e-3) << mode;
-    for (int f = 0; f < frames; ++f) {
-      TmccContent content;
-      content.layerA = {b.modulation, b.codeRate, b.interleave, 1};
-      content.layerB = {b.neighbourModulation, 2, 2, 12};
-      const auto word = BuildTmccWord(content, (f & 1) != 0);
-      for (int tj : CarriersOfSegment(mode, 0).tmcc) {
-        cd prev = carrier(f * 204, tj);
-        EXPECT_EQ(prev.real() < 0, sign(tj) < 0);  // reference bit
-        for (int n = 1; n < (mode == 1 ? 204 : 40); ++n) {
-          const cd cur = carrier(f * 204 + n, tj);
-          ASSERT_EQ((cur * std::conj(prev)).real() < 0 ? 1 : 0, word[static_cast<size_t>(n)]) << "mode " << mode << " frame " << f << " B" << n;
-          prev = cur;
-        }
-      }
-    }
   }
 }
 
@@ -190,7 +121,6 @@ TEST(ChannelModel, MeasuredCarrierToNoiseIsTheRequestedOne) {
     const double outerDb = 10 * std::log10(outer / 60 / (n / nc));
     EXPECT_LT(outerDb, k.outerAtMost) << name;
     EXPECT_GT(outerDb, k.outerAtLeast) << name;
-    std::printf("%s: C/N %.2f dB over segment 0, noise at 0.87 MHz %.1f dB\n", name, 10 * std::log10(c / n), outerDb);
     // Gaussian: kurtosis 3 on each component.
     double m2 = 0, m4 = 0;
     for (size_t i = 0; i < s.size(); ++i) {
@@ -200,52 +130,6 @@ TEST(ChannelModel, MeasuredCarrierToNoiseIsTheRequestedOne) {
     }
     EXPECT_NEAR(m4 * static_cast<double>(s.size()) / (m2 * m2), 3.0, 0.1) << name;
   }
-}
-
-TEST(ChannelModel, MeasuredFrequencyAndClockOffsetsAreTheRequestedOnes) {
-  // Frequency: the offset stream against the clean one. The device filter moves with the offset;
-  // a wide one keeps the same carriers in both.
-  BroadcastConfig wide;
-  wide.wideDeviceFilter = true;
-  ChannelConfig shifted;
-  shifted.carrierOffsetHz = 23456.7;
-  const Samples x = DeviceSamples(wide, ChannelConfig{}, 200000);
-  const Samples y = DeviceSamples(wide, shifted, x.size());
-  cd acc = 0;
-  for (size_t n = 1000; n < x.size(); n += 1000)
-    acc += cd(y[n]) * std::conj(cd(x[n])) * std::conj(cd(y[n - 1000]) * std::conj(cd(x[n - 1000])));
-  // 1000 samples turn by 2*pi*23456.7*1000/fs = 72.5 rad: unwrap with the known whole turns.
-  const double turns = std::round((2 * M_PI * 23456.7 * 1000 / kBroadcastRateHz - std::arg(acc)) / (2 * M_PI));
-  EXPECT_NEAR((std::arg(acc) + turns * 2 * M_PI) / 1000.0 * kBroadcastRateHz / (2 * M_PI), 23456.7, 0.05);
-
-  // Clock: the symbol starts drift by the offset; fitted over a second of Mode 1 symbols.
-  BroadcastConfig b;
-  b.mode = 1;
-  b.guard = 3;
-  ChannelConfig c;
-  c.clockPpm = 80.0;
-  const int ns = 2 * EngineSamplesPerSymbol(b);  // 640 at the device rate
-  const int m = 512, ng = ns - m;
-  const int symbols = 3000;
-  const Samples z = DeviceSamples(b, c, static_cast<size_t>(ns) * (symbols + 2));
-  double sk = 0, st = 0, skk = 0, skt = 0;
-  for (int k = 0; k < symbols; ++k) {
-    const int base = static_cast<int>(std::floor(k * ns * (1 + 80e-6))) - 4;
-    double metric[9];
-    for (int d = 0; d < 9; ++d) metric[d] = base + d < 0 ? 0 : CorrelationMagnitude(z, static_cast<size_t>(base + d), ng, m);
-    const int d = static_cast<int>(std::max_element(metric, metric + 9) - metric);
-    double t = base + d;
-    if (d > 0 && d < 8) {  // peak of the triangle through its two sides
-      const double l = metric[d - 1], r = metric[d + 1];
-      t += 0.5 * (r - l) / (metric[d] - std::min(l, r));
-    }
-    sk += k;
-    st += t;
-    skk += static_cast<double>(k) * k;
-    skt += k * t;
-  }
-  const double slope = (symbols * skt - sk * st) / (symbols * skk - sk * sk);
-  EXPECT_NEAR((slope / ns - 1) * 1e6, 80.0, 0.5);
 }
 
 TEST(ChannelModel, EchoesAndFadingHaveTheRequestedResponseAndPower) {
@@ -320,9 +204,6 @@ TEST(GenericSdr, DcOffsetImbalanceAndLevelAreTheSetOnes) {
       return std::array<double, 5>{m[0], m[1], m[2] - m[0] * m[0], m[3] - m[1] * m[1], m[4] - m[0] * m[1]};
     };
     const auto without = moments(0, 0), m = moments(k.dcI, k.dcQ);
-    std::printf("SDR: DC %.3f %.3f, gain %.3f dB, phase %.2f deg, level %.2f\n", m[0] - without[0], m[1] - without[1],
-                10 * std::log10(m[2] / m[3]), std::asin(m[4] / std::sqrt(m[2] * m[3])) * 180 / M_PI,
-                std::sqrt(std::sqrt(m[2] * m[3])));
     EXPECT_NEAR(m[0] - without[0], k.dcI, 0.05);
     EXPECT_NEAR(m[1] - without[1], k.dcQ, 0.05);
     EXPECT_NEAR(10 * std::log10(m[2] / m[3]), k.gainDb, 0.05);
@@ -356,8 +237,6 @@ TEST(GenericSdr, WholeTransfersAreLostAtTheSetRate) {
   EXPECT_EQ(static_cast<int64_t>(at - transfers), g->TransfersLost());
   // One in four of 150 + lost: about 50, 6.1 of standard deviation.
   EXPECT_NEAR(static_cast<double>(g->TransfersLost()), 50.0, 20.0);
-  std::printf("SDR: %lld of %zu transfers lost, one in four set\n", static_cast<long long>(g->TransfersLost()),
-              transfers + static_cast<size_t>(g->TransfersLost()));
   ChannelConfig bad = lossy;
   bad.transferLossOneIn = 1;
   EXPECT_NE(CheckConfig(BroadcastConfig{}, bad), "");
@@ -378,8 +257,6 @@ TEST(ChannelModel, BadSettingsAreRefusedWithAReason) {
   std::string error;
   EXPECT_EQ(SignalGenerator::Create(b, c, nullptr, &error), nullptr);
   EXPECT_NE(error, "");
-  EXPECT_EQ(OpenTsFile("/nonexistent/file.ts", 416e3, &error), nullptr);
-  EXPECT_NE(error.find("cannot open"), std::string::npos);
 }
 
 }  // namespace
