@@ -150,10 +150,6 @@ class SignalGenerator {
 
   virtual int PacketsPerFrame() const = 0;
   virtual double LayerBitRate() const = 0;
-  // The OFDM frame (0 = the first of the output) at whose symbol 0 a receiver that de-interleaves
-  // with the complementary delays finds the start of the frame of packets that holds packet j
-  // (packet j / T of them is first; the energy dispersal restarts there).
-  virtual int64_t ReceiverFrameOfPacket(int64_t j) const = 0;
   // Device samples per OFDM symbol and per frame at the broadcast's rate.
   virtual int DeviceSamplesPerSymbol() const = 0;
   // Mean power of the signal per complex device sample before scaling to bytes, of segment 0

@@ -114,12 +114,6 @@ class SymbolStreamGenerator : public SignalGenerator {
   const std::vector<uint8_t>& TransmittedPackets() const final { return record_; }
   int PacketsPerFrame() const final { return chain_.PacketsPerFrame(); }
   double LayerBitRate() const final;
-  // Packet frame k passes T - 11 filler units and the byte interleaver (one frame of packets in
-  // all with the de-interleaver), the bit delays (two symbols, which the start at symbol 202
-  // absorbs) and the time interleaver (a whole number of frames with its receiver).
-  int64_t ReceiverFrameOfPacket(int64_t j) const final {
-    return j / chain_.PacketsPerFrame() + 1 + chain_.InterleaveFrames();
-  }
 
  protected:
   // The front end's processing of the next synthesised symbol (in symbol_, SymbolSamples() long):
