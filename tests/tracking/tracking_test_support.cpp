@@ -19,17 +19,6 @@
 
 namespace zfn::test {
 
-namespace {
-
-const std::vector<int> FIXED[3] = {
-    {35, 49, 79},
-    {23, 98, 101, 118, 136, 178},
-    {7, 89, 101, 131, 206, 209, 226, 244, 286, 349, 377, 407},
-};
-constexpr int NCARRIER[3] = {108, 216, 432};
-
-}  // namespace
-
 void PrepareNumerology(int mode, int guard) {
   // One engine for the whole test program; each case rewinds the arena and sets up the numerology.
   if (engine.arenaBase == nullptr && EngineInit() != 1) {
@@ -60,17 +49,6 @@ void PrepareEngine(int mode, int guard, int bitsPerCarrier) {
   decoder.startupSymbols = 95;
   engine.clockWritePending = 0;
   SetUpTracking();
-}
-
-std::vector<int> DataCarriers(int mode, int s) {
-  std::vector<int> out;
-  const auto& fixed = FIXED[mode];
-  for (int c = 0; c < NCARRIER[mode]; ++c) {
-    if (c % 12 == 3 * s) continue;
-    if (std::find(fixed.begin(), fixed.end(), c) != fixed.end()) continue;
-    out.push_back(c);
-  }
-  return out;
 }
 
 BroadcastStream::BroadcastStream(int mode, int guard, int bitsPerCarrier, const sim::ChannelConfig& channel,
