@@ -1,12 +1,12 @@
-// A capture replays to the same stream: receive a simulated broadcast through the public API with
-// the raw capture on, then play the capture file back through the simulator library and receive it
-// again. The transport stream of the first run must stand, packet for packet, inside the second.
-// Uses the project's own libBDA_simu.so and the simulation build of libZFNACCESS.so (build/lib),
-// sped up so the case takes a few seconds.
+// Capture and probe through the public API on a simulated broadcast, with the project's own
+// libBDA_simu.so, the simulation build of libZFNACCESS.so and the picture-writing bridge
+// (libISDBT_MatlabWrap.so), all in build/lib, sped up so each case takes a few seconds. A capture
+// played back through the simulator library gives the same stream again; the probe draws what the
+// engine receives into the files a user reads.
 #include <gtest/gtest.h>
+#include <png.h>
 
-#include <dirent.h>
-
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -21,9 +21,9 @@
 
 namespace {
 
+using zfn_test::ReadText;
 using zfn_test::ScratchDirectory;
 using zfn_test::WaitFor;
-
 using Packet = std::array<uint8_t, 188>;
 
 std::mutex streamLock;
@@ -32,20 +32,26 @@ std::atomic<int32_t> deliveries{0};
 
 void OnStream(const uint8_t* data, int32_t length) {
   std::lock_guard<std::mutex> lock(streamLock);
-  for (int32_t i = 0; i + 188 <= length; i += 188) {
-    Packet p;
-    std::memcpy(p.data(), data + i, 188);
-    stream.push_back(p);
-  }
+  for (int32_t i = 0; i + 188 <= length; i += 188) std::memcpy(stream.emplace_back().data(), data + i, 188);
   deliveries.fetch_add(1);
 }
 
-// Receives until `count` deliveries have come after the lock was first reported, and returns them.
-std::vector<Packet> Receive(int32_t count, bool capture) {
-  {
-    std::lock_guard<std::mutex> lock(streamLock);
-    stream.clear();
-  }
+// Four times real time in a plain build; under a sanitizer the simulator and the engine are several
+// times slower, and a receiver that cannot keep up laps its rings and breaks packets, which is not
+// what these cases are about: real time there.
+void SetSpeed() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  setenv("ZFNISDBT_SIM_SPEED", "1", 1);
+#else
+  setenv("ZFNISDBT_SIM_SPEED", "4", 1);
+#endif
+}
+
+// Receives until `count` deliveries have come after the lock was first reported (before it the
+// stream is still settling), and returns what came after it; `during` runs after the lock.
+template <class During>
+std::vector<Packet> Receive(int32_t count, bool capture, During during) {
+  stream.clear();
   deliveries = 0;
   EXPECT_EQ(ZFISDBT_SetTSCallBack(OnStream), 1);
   EXPECT_EQ(ZFISDBT_DebugCMD(5, 1), 1);
@@ -54,71 +60,35 @@ std::vector<Packet> Receive(int32_t count, bool capture) {
     ADD_FAILURE() << "open in simulation failed";
     return {};
   }
-  if (capture) {
-    EXPECT_EQ(ZFISDBT_DebugCMD(6, 1), 1);
-  }
+  EXPECT_EQ(capture ? ZFISDBT_DebugCMD(6, 1) : 1, 1);
   EXPECT_EQ(ZFISDBT_SetFrequency(473143), 1);
-  int32_t locked = 0;
-  const bool gotLock = WaitFor(
-      [&] {
-        int32_t l = 0;
-        if (ZFISDBT_GetSignalLock(&l) == 1 && l == 1) locked = 1;
-        return locked == 1;
-      },
-      20000);
-  EXPECT_TRUE(gotLock) << "no lock on the simulated broadcast";
+  EXPECT_TRUE(WaitFor([] { int32_t l = 0; return ZFISDBT_GetSignalLock(&l) == 1 && l == 1; }, 20000))
+      << "no lock on the simulated broadcast";
   const int32_t atLock = deliveries.load();
+  during();
   EXPECT_TRUE(WaitFor([&] { return deliveries.load() >= atLock + count; }, 30000));
-  if (capture) {
-    EXPECT_EQ(ZFISDBT_DebugCMD(6, 0), 1);
-  }
+  EXPECT_EQ(capture ? ZFISDBT_DebugCMD(6, 0) : 1, 1);
   ZFISDBT_CloseDevice();
   std::lock_guard<std::mutex> lock(streamLock);
-  // Only what came after the lock: before it the stream is still settling.
-  std::vector<Packet> after(stream.begin() + std::min<size_t>(stream.size(), atLock * 128u), stream.end());
-  return after;
-}
-
-std::string OnlyCaptureFile(const std::string& directory) {
-  std::string found;
-  if (DIR* d = opendir(directory.c_str())) {
-    while (dirent* e = readdir(d)) {
-      if (std::strncmp(e->d_name, "BBStore", 7) == 0) found = directory + "/" + e->d_name;
-    }
-    closedir(d);
-  }
-  return found;
+  return std::vector<Packet>(stream.begin() + std::min<size_t>(stream.size(), atLock * 128u), stream.end());
 }
 
 bool IsNull(const Packet& p) { return ((p[1] & 0x1F) << 8 | p[2]) == 0x1FFF; }
 
 TEST(CaptureReplay, ACaptureReplaysThroughTheSimulatorToTheSameStream) {
   ScratchDirectory scratch(true);
-  ASSERT_FALSE(scratch.Path().empty());
-  // Four times real time in a plain build; under a sanitizer the simulator and the engine are
-  // several times slower, and a receiver that cannot keep up laps its rings and breaks packets,
-  // which is not what this case is about: real time there.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  setenv("ZFNISDBT_SIM_SPEED", "1", 1);
-#else
-  setenv("ZFNISDBT_SIM_SPEED", "4", 1);
-#endif
+  SetSpeed();
   unsetenv("ZFNISDBT_SIM_CAPTURE");
-  const std::vector<Packet> first = Receive(3, true);
+  const std::vector<Packet> first = Receive(3, true, [] {});
   ASSERT_GE(first.size(), 3u * 128u);
-
-  const std::string file = OnlyCaptureFile(scratch.Path());
-  ASSERT_FALSE(file.empty()) << "no capture file written";
-  setenv("ZFNISDBT_SIM_CAPTURE", file.c_str(), 1);
-  const std::vector<Packet> second = Receive(6, false);
-  unsetenv("ZFNISDBT_SIM_CAPTURE");
-  unsetenv("ZFNISDBT_SIM_SPEED");
+  ASSERT_TRUE(std::filesystem::exists("BBStore0")) << "no capture file written";
+  setenv("ZFNISDBT_SIM_CAPTURE", scratch.File("BBStore0").c_str(), 1);
+  const std::vector<Packet> second = Receive(6, false, [] {});
   ASSERT_GE(second.size(), 6u * 128u);
 
-  // Anchor on a packet of the first run that is not a null packet (those all look alike), then
-  // demand the whole overlap to be equal.
-  // The replay acquires anew, so the first packets of the first run may come before its own lock;
-  // take the first packet that the replay has.
+  // Anchor on the first packet of the first run that is not a null packet (those all look alike)
+  // and that the replay has (the replay acquires anew, so the first run's first packets may come
+  // before its own lock), then demand the whole overlap to be equal.
   size_t anchor = 0, at = second.size();
   for (; anchor < first.size() && at == second.size(); ++anchor) {
     if (IsNull(first[anchor])) continue;
@@ -126,13 +96,68 @@ TEST(CaptureReplay, ACaptureReplaysThroughTheSimulatorToTheSameStream) {
     while (at < second.size() && second[at] != first[anchor]) ++at;
   }
   ASSERT_LT(at, second.size()) << "the first run's stream does not occur in the replay";
-  --anchor;
   size_t equal = 0, compared = 0;
-  for (size_t k = anchor; k < first.size() && at + (k - anchor) < second.size(); ++k, ++compared) {
-    if (first[k] == second[at + (k - anchor)]) ++equal;
-  }
+  for (size_t k = anchor - 1; k < first.size() && at + (k - anchor + 1) < second.size(); ++k, ++compared)
+    equal += first[k] == second[at + (k - anchor + 1)];
   EXPECT_GE(compared, 256u);
   EXPECT_EQ(equal, compared);
+}
+
+// Debug command 1 with ZFNISDBT_PROBE_DIR: once a frame, the picture of the reception (four panels,
+// each with drawing in it beyond its frame) and the number files, replaced whole.
+TEST(ProbePictures, TheBridgeDrawsWhatTheEngineReceives) {
+  ScratchDirectory out(false);
+  SetSpeed();
+  setenv("ZFNISDBT_PROBE_DIR", out.path_.c_str(), 1);
+  const std::string status = out.File("status.csv");
+  Receive(2, false, [&] {
+    EXPECT_EQ(ZFISDBT_DebugCMD(1, 1), 1);
+    EXPECT_TRUE(WaitFor([&] { return ReadText(status).find("update,3\n") != std::string::npos; }, 20000));
+    EXPECT_EQ(ZFISDBT_DebugCMD(1, 2), 1);
+  });
+  const std::string text = ReadText(status);
+  EXPECT_NE(text.find("block_state,3\n"), std::string::npos) << text;
+  const size_t snr = text.find("snr_db,");
+  ASSERT_NE(snr, std::string::npos) << text;
+  EXPECT_GT(std::atof(text.c_str() + snr + 7), 15.0) << text;
+  const std::string timing = ReadText(out.File("timing.csv")), jumps = ReadText(out.File("jumps.csv"));
+  EXPECT_EQ(timing.rfind("offset,value\n-", 0), 0u) << timing;
+  EXPECT_EQ(std::count(timing.begin(), timing.end(), '\n') % 2, 0) << "a header and 2 * span + 1 entries";
+  EXPECT_EQ(jumps.rfind("step\n", 0), 0u) << jumps;
+  for (const char* left : {"probe.png.tmp", "status.csv.tmp"}) EXPECT_FALSE(std::filesystem::exists(out.File(left)));
+
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  ASSERT_TRUE(png_image_begin_read_from_file(&image, out.File("probe.png").c_str()));
+  image.format = PNG_FORMAT_RGB;
+  std::vector<uint8_t> rgb(PNG_IMAGE_SIZE(image));
+  ASSERT_TRUE(png_image_finish_read(&image, nullptr, rgb.data(), 0, nullptr));
+  ASSERT_TRUE(image.width == 960 && image.height == 720) << image.width << " x " << image.height;
+  for (uint32_t panel = 0; panel < 4; ++panel) {
+    const uint32_t x0 = (panel % 2) * 480 + 12, y0 = (panel / 2) * 360 + 40;
+    int32_t inked = 0;
+    for (uint32_t y = y0; y < y0 + 300; ++y)
+      for (uint32_t x = x0; x < x0 + 450; ++x) inked += rgb[(y * 960 + x) * 3] < 200 || rgb[(y * 960 + x) * 3 + 2] < 200;
+    EXPECT_GT(inked, 200) << "panel " << panel;
+  }
+}
+
+// Without an output directory, or with a file in its place, the bridge fails with one clear line;
+// a host may end with the bridge still showing.
+TEST(ProbePictures, OneClearLineWithoutAnOutputDirectoryAndAHostMayEndWithTheBridgeShowing) {
+  for (const char* directory : {static_cast<const char*>(nullptr), "/proc/self/status"}) {
+    if (directory == nullptr) unsetenv("ZFNISDBT_PROBE_DIR");
+    else setenv("ZFNISDBT_PROBE_DIR", directory, 1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ZFISDBT_DebugCMD(1, 1), 1);
+    const std::string message = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(message.begin(), message.end(), '\n'), 1) << message;
+    EXPECT_NE(message.find(directory == nullptr ? "ZFNISDBT_PROBE_DIR" : "is not a directory"), std::string::npos);
+  }
+  ScratchDirectory out(false);
+  setenv("ZFNISDBT_PROBE_DIR", out.path_.c_str(), 1);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(std::exit(ZFISDBT_DebugCMD(1, 1) == 1 ? 0 : 3), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,16 +30,10 @@ class ScratchDirectory {
   }
   ScratchDirectory(const ScratchDirectory&) = delete;
   ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
-  const std::string& Path() const { return path_; }
   std::string File(const std::string& name) const { return path_ + "/" + name; }
-
- private:
   std::string path_;
   std::filesystem::path previous_;
 };
-
-inline bool FileExists(const std::string& path) { return std::filesystem::exists(path); }
 
 // The whole file in one read: capture files are megabytes, and a byte-wise read is slow enough
 // under ThreadSanitizer to let a running capture outgrow it.
@@ -52,12 +45,6 @@ inline std::vector<uint8_t> ReadBytes(const std::string& path) {
   in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   bytes.resize(static_cast<size_t>(in.gcount()));
   return bytes;
-}
-
-inline uint64_t FileSize(const std::string& path) {
-  std::error_code error;
-  const auto size = std::filesystem::file_size(path, error);
-  return error ? 0 : size;
 }
 
 inline std::string ReadText(const std::string& path) {
