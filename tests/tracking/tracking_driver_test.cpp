@@ -30,15 +30,8 @@ sim::ChannelConfig Channel(double cnDb = 0.0) {
   return ch;
 }
 
-sim::BroadcastConfig Layer(int mode, int guard = 2, int modulation = 1) {
-  sim::BroadcastConfig b;
-  b.mode = mode + 1;
-  b.guard = guard;
-  b.modulation = modulation;
-  b.codeRate = 1;
-  b.interleave = 2;
-  b.seed = 5;
-  return b;
+sim::BroadcastConfig Layer(int mode) {
+  return {.mode = mode + 1, .guard = 2, .modulation = 1, .codeRate = 1, .interleave = 2, .seed = 5};
 }
 
 // snrDb against the C/N of the broadcast over segment 0. The device filter keeps out the noise that
