@@ -1,8 +1,8 @@
 // Capture and probe through the public API on a simulated broadcast, with the project's own
 // libBDA_simu.so, the simulation build of libZFNACCESS.so and the picture-writing bridge
 // (libISDBT_MatlabWrap.so), all in build/lib, sped up so each case takes a few seconds. A capture
-// played back through the simulator library gives the same stream again; the probe draws what the
-// engine receives into the files a user reads.
+// played back through the simulator library gives the same stream again, and files are numbered on
+// over close and open; the probe draws what the engine receives into the files a user reads.
 #include <gtest/gtest.h>
 #include <png.h>
 
@@ -83,8 +83,13 @@ TEST(CaptureReplay, ACaptureReplaysThroughTheSimulatorToTheSameStream) {
   ASSERT_GE(first.size(), 3u * 128u);
   ASSERT_TRUE(std::filesystem::exists("BBStore0")) << "no capture file written";
   setenv("ZFNISDBT_SIM_CAPTURE", scratch.File("BBStore0").c_str(), 1);
-  const std::vector<Packet> second = Receive(6, false, [] {});
+  const std::vector<Packet> second = Receive(6, false, [] { EXPECT_EQ(ZFISDBT_DebugCMD(6, 1), 1); });
   ASSERT_GE(second.size(), 6u * 128u);
+  // The file numbers go on over close and open: file 1 in the second run, file 2 with the device
+  // closed (the thread ends at once).
+  for (int32_t value : {1, 0}) EXPECT_EQ(ZFISDBT_DebugCMD(6, value), 1);
+  EXPECT_TRUE(std::filesystem::exists("BBStore1") && std::filesystem::exists("BBStore2"));
+  EXPECT_FALSE(std::filesystem::exists("BBStore3"));
 
   // Anchor on the first packet of the first run that is not a null packet (those all look alike)
   // and that the replay has (the replay acquires anew, so the first run's first packets may come

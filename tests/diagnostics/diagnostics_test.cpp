@@ -207,25 +207,18 @@ TEST_F(ProbeFill, AFrameFillsSymbolsZeroToHundredAndTheFrameValuesOnce) {
 
   EXPECT_EQ(engine.probeTick, 54u + 204u);
   EXPECT_EQ(record_.fillIndex, 101 * ndata);
-  EXPECT_DOUBLE_EQ(record_.carrierRe[0], 0.0);
-  EXPECT_DOUBLE_EQ(record_.carrierRe[100 * ndata + 5], 100.0f + 5.0f / 1000.0f);
-  EXPECT_DOUBLE_EQ(record_.carrierIm[100 * ndata + 5], -5.0);
-  EXPECT_DOUBLE_EQ(*record_.snrCell, 12.5);
   EXPECT_NEAR(*record_.frequencyCell, 1024 * static_cast<double>(0.003f) / 6.283185307179, 1e-12);
-  EXPECT_DOUBLE_EQ(record_.channelRe[431], 431.0);
-  EXPECT_DOUBLE_EQ(record_.channelIm[0], 432.0);
-  EXPECT_DOUBLE_EQ(record_.slotRe[719], 1000.0 + 2 * 719);
-  EXPECT_DOUBLE_EQ(record_.slotIm[0], 1001.0);
-  // 2 * timingSpan + 1 = 81 entries from rotateStart = 24.
-  EXPECT_DOUBLE_EQ(record_.timingProfile[0], 24.0);
-  EXPECT_DOUBLE_EQ(record_.timingProfile[80], 104.0);
-  EXPECT_EQ(record_.timingProfile[81], SENTINEL);
-  EXPECT_DOUBLE_EQ(*record_.channelStateCell, 1.0);
-  EXPECT_DOUBLE_EQ(*record_.stateCell, 3.0);
-  // The list at symbol 100: the steps of the frame before from symbol 151 on (151 is the one with
-  // -1; then 159 .. 199: 7 entries) and of this frame up to 95 (7..95: 12 entries).
-  const double list[] = {7 + 12, -1.0, 0.0, 0, 0, 0, 0, 0, 0.0, 1.0};  // symbol 7: 0; symbol 15: 1
-  for (int i : {0, 1, 2, 8, 9}) EXPECT_DOUBLE_EQ(record_.jumpList[i], list[i]) << i;
+  // Carriers of symbols 0 and 100, the frame values, the channel planes and slot, 2 * timingSpan + 1
+  // = 81 profile entries from rotateStart = 24, then the step list at symbol 100: the steps of the
+  // frame before from symbol 151 on (151 is the one with -1; then 159 .. 199: 7 entries) and of this
+  // frame up to 95 (7..95: 12 entries; symbol 7 has none, symbol 15 one).
+  EXPECT_EQ((std::vector<double>{record_.carrierRe[0], record_.carrierRe[100 * ndata + 5], record_.carrierIm[100 * ndata + 5],
+                                 *record_.snrCell, *record_.channelStateCell, *record_.stateCell, record_.channelRe[431],
+                                 record_.channelIm[0], record_.slotRe[719], record_.slotIm[0], record_.timingProfile[0],
+                                 record_.timingProfile[80], record_.timingProfile[81], record_.jumpList[0],
+                                 record_.jumpList[1], record_.jumpList[2], record_.jumpList[8], record_.jumpList[9]}),
+            (std::vector<double>{0.0, 100.0f + 5.0f / 1000.0f, -5.0, 12.5, 1.0, 3.0, 431.0, 432.0, 1000.0 + 2 * 719,
+                                 1001.0, 24.0, 104.0, SENTINEL, 7 + 12, -1.0, 0.0, 0.0, 1.0}));
   EXPECT_EQ(engine.jumpListCount, 13) << "emptied at the fill, then symbols 103 .. 199 of this frame";
   EXPECT_EQ(Events(), 1u) << "one update per frame";
   EXPECT_TRUE(arrays_.GuardsIntact());
