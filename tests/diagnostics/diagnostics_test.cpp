@@ -13,6 +13,7 @@
 #include <mutex>
 #include <numeric>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "shell/capture.h"
@@ -90,22 +91,19 @@ TEST_F(Capture, FilesHoldTheBlocksFedAndAreNumberedOverStopsStartsAndFailedStart
   EXPECT_TRUE(WaitFor([] { return capture.threadEnded.load() == 1; }, 2000));
   EXPECT_EQ(StopCapture(), 1);
   EXPECT_EQ(StopCapture(), 1) << "the file pointer survives the stop; a second stop must not close it again";
-  EXPECT_FALSE(capture.captureThread.Exists());
-  EXPECT_FALSE(capture.captureEvent.Exists());
+  EXPECT_FALSE(capture.captureThread.Exists() || capture.captureEvent.Exists());
   EXPECT_TRUE(ReadBytes(CaptureName(0)) == files[0]) << "capture file differs from the blocks fed";
   EXPECT_TRUE(ReadBytes(CaptureName(1)) == files[1]);
   EXPECT_TRUE(ReadBytes(CaptureName(2)).empty());
 
+  // A failed event comes before capture is switched on and leaves the file open; a failed thread
+  // leaves capture switched on.
   captureFault = static_cast<int32_t>(CaptureFault::Event);
   EXPECT_EQ(StartCapture(), 0);
-  EXPECT_EQ(capture.captureFileNumber, 4);
-  EXPECT_EQ(captureOn, 0) << "the failure comes before capture is switched on";
-  EXPECT_TRUE(capture.captureFileOpen) << "the file is left open";
+  EXPECT_EQ(std::tuple(capture.captureFileNumber, captureOn.load(), capture.captureFileOpen), std::tuple(4, 0, true));
   captureFault = static_cast<int32_t>(CaptureFault::Thread);
   EXPECT_EQ(StartCapture(), 0);
-  EXPECT_EQ(capture.captureFileNumber, 5);
-  EXPECT_EQ(captureOn, 1) << "a thread failure leaves capture switched on";
-  EXPECT_FALSE(capture.captureThread.Exists());
+  EXPECT_EQ(std::tuple(capture.captureFileNumber, captureOn.load(), capture.captureThread.Exists()), std::tuple(5, 1, false));
   captureFault = 0;
   ASSERT_EQ(mkdir(CaptureName(5).c_str(), 0755), 0);  // a directory stands under the file's name
   EXPECT_EQ(StartCapture(), 0);
@@ -332,19 +330,6 @@ TEST_F(ProbeBridge, AFailedLoadSetsNoFlagSoTheNextAttemptTriesAgainAndOffKeepsTh
   EXPECT_NE(matlabProbe, nullptr) << "off keeps the bridge";
   Expect(1, 1, 1);
   ExpectCalls(3, 2, 0);
-}
-
-// The unload leaves bridgeLoaded set: on again loads nothing and runs with no record (what the
-// engine then does is a case of the fill); a second unload calls nothing in the released library.
-TEST_F(ProbeBridge, UnloadLeavesBridgeLoadedSetSoOnAgainLoadsNothing) {
-  Expect(1, 1, 1);
-  Expect(2, 0, 1);
-  EXPECT_TRUE(matlabProbe == nullptr && probeBridge.library == nullptr);
-  ExpectCalls(1, 1, 1);
-  Expect(1, 1, 1);
-  EXPECT_EQ(matlabProbe, nullptr);
-  Expect(2, 0, 1);
-  ExpectCalls(1, 1, 1);
 }
 
 }  // namespace

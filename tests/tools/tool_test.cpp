@@ -56,9 +56,9 @@ std::vector<std::string> Lines(const std::string& text) {
   return lines;
 }
 
-std::string LastLine(const std::string& text) {
-  const std::vector<std::string> lines = Lines(text);
-  return lines.empty() ? "" : lines.back();
+std::string LastLine(std::string text) {
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  return text.substr(text.rfind('\n') + 1);  // npos + 1 = 0: the only line
 }
 
 struct Result {
@@ -69,13 +69,10 @@ struct Result {
 // Runs `prefix zfnisdbt arguments` in the shell (arguments quoted where needed).
 Result Program(const std::string& arguments, const std::string& prefix = "") {
   const std::string out = Temp("stdout"), err = Temp("stderr");
-  Result r;
-  r.status = Shell(prefix + " LD_LIBRARY_PATH=" + ZFN_LIBRARY_DIR + " " + ZFN_PROGRAM + " " + arguments + " >" + out +
-                   " 2>" + err);
-  r.out = ReadAll(out);
-  r.err = ReadAll(err);
-  std::remove(out.c_str());
-  std::remove(err.c_str());
+  const int status = Shell(prefix + " LD_LIBRARY_PATH=" + ZFN_LIBRARY_DIR + " " + ZFN_PROGRAM + " " + arguments + " >" +
+                           out + " 2>" + err);
+  Result r{status, ReadAll(out), ReadAll(err)};
+  Shell("rm -f " + out + " " + err);
   return r;
 }
 
@@ -172,17 +169,14 @@ TEST_F(Tool, DecodeGivesTheStreamThatWentInAndTellsTheBroadcast) {
     const bool toStdout = c.arguments.find("--output -") != std::string::npos;
     ExpectSentStream(toStdout ? r.out : ReadAll(ts), *c.transmitted);
     const std::string summary = LastLine(toStdout ? r.err : r.out);
-    EXPECT_EQ(c.summary, Jq("[.blocks, .final_state, .mode, .guard, .modulation, .code_rate, .interleave, "
-                            ".rs_failed_streaming, .tracking_losses, .behaviour, .trailing_bytes]",
-                            summary));
-    EXPECT_EQ("[]", Jq("[\"signal_seconds\", \"cpu_seconds\", \"realtime_factor\", \"packets\", \"rs_ok\", "
-                       "\"rs_corrected\", \"rs_failed\", \"snr_db\"] - keys",
-                       summary));
-    EXPECT_EQ("true", Jq("(.signal_seconds - 40 * 60160 / (64e6 / 63) | fabs) < 1e-4 and .snr_db > 15 and "
-                         ".packets % 128 == 0 and (.rs_ok + .rs_corrected + .rs_failed - .packets) as $d | "
-                         "$d >= 0 and $d < 128",
-                         summary))
-        << summary;
+    // The fields, that none is missing, and the counts within their bounds.
+    EXPECT_EQ(std::string("[").append(c.summary).append(",[],true]"),
+              Jq("[[.blocks, .final_state, .mode, .guard, .modulation, .code_rate, .interleave, .rs_failed_streaming, "
+                 ".tracking_losses, .behaviour, .trailing_bytes], [\"signal_seconds\", \"cpu_seconds\", "
+                 "\"realtime_factor\", \"packets\", \"rs_ok\", \"rs_corrected\", \"rs_failed\", \"snr_db\"] - keys, "
+                 "(.signal_seconds - 40 * 60160 / (64e6 / 63) | fabs) < 1e-4 and .snr_db > 15 and .packets % 128 == 0 "
+                 "and (.rs_ok + .rs_corrected + .rs_failed - .packets) as $d | $d >= 0 and $d < 128]",
+                 summary));
     EXPECT_NE(std::string::npos, r.err.find("Mode 3, guard 1/8, QPSK 2/3")) << r.err;
     EXPECT_EQ(toStdout, r.err.find("the last 120320 bytes are not a whole block") != std::string::npos);
     std::remove(ts.c_str());
@@ -194,53 +188,35 @@ TEST_F(Tool, DecodeGivesTheStreamThatWentInAndTellsTheBroadcast) {
   std::remove(odd.c_str());
 }
 
-// A UDP receiver on a free port of the loopback interface, collecting datagrams on a thread.
-class UdpSink {
- public:
-  UdpSink() {
-    const int size = 8 << 20;
-    setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    timeval t{0, 200000};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &t, sizeof t);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t length = sizeof a;
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &length);
-    port_ = ntohs(a.sin_port);
-    thread_ = std::thread([this] {
-      std::vector<char> buffer(65536);
-      while (!stop_.load()) {
-        const ssize_t n = recv(fd_, buffer.data(), buffer.size(), 0);
-        if (n >= 0) datagrams_.emplace_back(buffer.data(), static_cast<size_t>(n));
-      }
-    });
-  }
-  ~UdpSink() { Stop(); }
-  void Stop() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-  int fd_ = socket(AF_INET, SOCK_DGRAM, 0), port_ = 0;
-  std::atomic<bool> stop_{false};
-  std::vector<std::string> datagrams_;
-  std::thread thread_;
-};
-
 // One run for all receive checks: five seconds of the simulated programme, no noise, to standard
 // output, read by a player that starts reading only after five seconds; the same stream to UDP; the
 // status as JSON lines. The first call of 128 packets may hold the start-up; checks of content skip it.
 TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPlayersTakeIt) {
-  UdpSink udp;
+  // A UDP receiver on a free port of the loopback interface, collecting datagrams on a thread.
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0), size = 8 << 20;
+  const timeval wait{0, 200000};
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof a;
+  ASSERT_TRUE(setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) == 0 &&
+              setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) == 0 &&
+              bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+              getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length) == 0);
+  std::atomic<bool> stop{false};
+  std::vector<std::string> datagrams;
+  std::thread sink([&] {
+    for (std::vector<char> buffer(65536); !stop.load();)
+      if (const ssize_t n = recv(fd, buffer.data(), buffer.size(), 0); n >= 0) datagrams.emplace_back(buffer.data(), n);
+  });
   const std::string out = Temp("slow.ts"), err = Temp("err"), statusPath = Temp("status");
   Shell(std::string("(LD_LIBRARY_PATH=") + ZFN_LIBRARY_DIR + " " + ZFN_PROGRAM +
-        " receive --simulate --channel 13 --seconds 5 --output - --json --udp 127.0.0.1:" + std::to_string(udp.port_) +
+        " receive --simulate --channel 13 --seconds 5 --output - --json --udp 127.0.0.1:" + std::to_string(ntohs(a.sin_port)) +
         " 2>" + err + "; echo $? >" + statusPath + ") | (sleep 5; cat >" + out + ")");
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  udp.Stop();
+  stop = true;
+  sink.join();
+  close(fd);
   const std::string ts = ReadAll(out), stderrText = ReadAll(err);
   const int status = std::atoi(ReadAll(statusPath).c_str());
   for (const std::string& p : {out, err, statusPath}) std::remove(p.c_str());
@@ -267,13 +243,13 @@ TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPla
       << stderrText;
 
   // UDP carries the same stream in datagrams of seven packets.
-  ASSERT_FALSE(udp.datagrams_.empty());
+  ASSERT_FALSE(datagrams.empty());
   std::string joined;
-  for (const std::string& d : udp.datagrams_) {
+  for (const std::string& d : datagrams) {
     ASSERT_EQ(7 * PACKET, d.size());
     joined += d;
   }
-  EXPECT_EQ(ts.size() / PACKET / 7, udp.datagrams_.size());
+  EXPECT_EQ(ts.size() / PACKET / 7, datagrams.size());
   EXPECT_EQ(ts.substr(0, joined.size()), joined);
 
   // ffprobe finds the programme's video and audio, and ffmpeg decodes the received video to frames
