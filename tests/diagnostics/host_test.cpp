@@ -48,7 +48,7 @@ void SetSpeed() {
 }
 
 // Receives until `count` deliveries have come after the lock was first reported (before it the
-// stream is still settling), and returns what came after it; `during` runs after the lock.
+// stream is still settling) and `during` has run, and returns what came after that.
 template <class During>
 std::vector<Packet> Receive(int32_t count, bool capture, During during) {
   stream.clear();
@@ -64,8 +64,8 @@ std::vector<Packet> Receive(int32_t count, bool capture, During during) {
   EXPECT_EQ(ZFISDBT_SetFrequency(473143), 1);
   EXPECT_TRUE(WaitFor([] { int32_t l = 0; return ZFISDBT_GetSignalLock(&l) == 1 && l == 1; }, 20000))
       << "no lock on the simulated broadcast";
-  const int32_t atLock = deliveries.load();
   during();
+  const int32_t atLock = deliveries.load();
   EXPECT_TRUE(WaitFor([&] { return deliveries.load() >= atLock + count; }, 30000));
   EXPECT_EQ(capture ? ZFISDBT_DebugCMD(6, 0) : 1, 1);
   ZFISDBT_CloseDevice();
@@ -76,6 +76,9 @@ std::vector<Packet> Receive(int32_t count, bool capture, During during) {
 bool IsNull(const Packet& p) { return ((p[1] & 0x1F) << 8 | p[2]) == 0x1FFF; }
 
 TEST(CaptureReplay, ACaptureReplaysThroughTheSimulatorToTheSameStream) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "a stream case: the thread checks are the probe's";
+#endif
   ScratchDirectory scratch(true);
   SetSpeed();
   unsetenv("ZFNISDBT_SIM_CAPTURE");
@@ -109,18 +112,25 @@ TEST(CaptureReplay, ACaptureReplaysThroughTheSimulatorToTheSameStream) {
 }
 
 // Debug command 1 with ZFNISDBT_PROBE_DIR: once a frame, the picture of the reception (four panels,
-// each with drawing in it beyond its frame) and the number files, replaced whole.
-TEST(ProbePictures, TheBridgeDrawsWhatTheEngineReceives) {
+// each with drawing in it beyond its frame) and the number files, replaced whole. An unload while
+// blocks flow, then on again with no record: the engine carries on, nothing reaches the destroyed
+// record (the files stay as they were), and a second unload calls nothing in the released library.
+TEST(ProbePictures, TheBridgeDrawsWhatTheEngineReceivesAndMayBeUnloadedWhileItRuns) {
   ScratchDirectory out(false);
   SetSpeed();
   setenv("ZFNISDBT_PROBE_DIR", out.path_.c_str(), 1);
   const std::string status = out.File("status.csv");
-  Receive(2, false, [&] {
+  std::string last;
+  EXPECT_GE(Receive(2, false, [&] {
     EXPECT_EQ(ZFISDBT_DebugCMD(1, 1), 1);
-    EXPECT_TRUE(WaitFor([&] { return ReadText(status).find("update,3\n") != std::string::npos; }, 20000));
+    EXPECT_TRUE(WaitFor([&] { return ReadText(status).find("update,2\n") != std::string::npos; }, 20000));
     EXPECT_EQ(ZFISDBT_DebugCMD(1, 2), 1);
-  });
+    last = ReadText(status);
+    EXPECT_EQ(ZFISDBT_DebugCMD(1, 1), 1);
+  }).size(), 2u * 128u);
+  EXPECT_EQ(ZFISDBT_DebugCMD(1, 2), 1);
   const std::string text = ReadText(status);
+  EXPECT_EQ(text, last);
   EXPECT_NE(text.find("block_state,3\n"), std::string::npos) << text;
   const size_t snr = text.find("snr_db,");
   ASSERT_NE(snr, std::string::npos) << text;
