@@ -31,17 +31,25 @@
 namespace zfn {
 namespace {
 
-using zfn_test::ReadBytes;
+using zfn_test::ReadText;
 using zfn_test::WaitFor;
 
 std::string CaptureName(int32_t number) { return "BBStore" + std::to_string(number); }
 
 // A block whose every byte depends on the block number and the position.
-std::vector<uint8_t> PatternBlock(uint32_t block) {
-  std::vector<uint8_t> bytes(RAW_BLOCK_BYTES);
-  for (int32_t i = 0; i < RAW_BLOCK_BYTES; ++i) bytes[i] = static_cast<uint8_t>(i * 7 + block * 31 + (i >> 9));
+std::string PatternBlock(uint32_t block) {
+  std::string bytes(RAW_BLOCK_BYTES, '\0');
+  for (int32_t i = 0; i < RAW_BLOCK_BYTES; ++i) bytes[i] = static_cast<char>(i * 7 + block * 31 + (i >> 9));
   return bytes;
 }
+
+int OpenDescriptors() {
+  int n = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
+  return n;
+}
+
+void FeedBlock(const std::string& block) { CaptureFeed(reinterpret_cast<const uint8_t*>(block.data())); }
 
 class Capture : public ::testing::Test {
  protected:
@@ -53,15 +61,15 @@ class Capture : public ::testing::Test {
   }
   // Feeds `count` blocks as reception does and waits for the writer to catch up, as a disk that
   // keeps up would.
-  void Feed(int32_t count, std::vector<uint8_t>& into) {
+  void Feed(int32_t count, std::string& into) {
     for (int32_t i = 0; i < count; ++i, ++fed_) {
-      const std::vector<uint8_t> block = PatternBlock(fed_);
-      CaptureFeed(block.data());
-      into.insert(into.end(), block.begin(), block.end());
+      const std::string block = PatternBlock(fed_);
+      FeedBlock(block);
+      into += block;
     }
     ASSERT_TRUE(WaitFor([&] { return capture.captureRead.load() == into.size() / RAW_BLOCK_BYTES; }, 2000));
   }
-  zfn_test::ScratchDirectory scratch_{true};
+  zfn_test::ScratchDirectory scratch_;
   uint32_t fed_ = 0;
 };
 
@@ -70,11 +78,11 @@ class Capture : public ::testing::Test {
 // step of the start fails, but not when the file does not open; every file is closed in the end.
 TEST_F(Capture, FilesHoldTheBlocksFedAndAreNumberedOverStopsStartsAndFailedStarts) {
   ASSERT_EQ(CaptureRingAlloc(), 1);
-  const int descriptors = zfn_test::OpenDescriptors();
+  const int descriptors = OpenDescriptors();
   device.running = 1;
-  CaptureFeed(PatternBlock(99).data());  // capture off: reception's feed does nothing
+  FeedBlock(PatternBlock(99));  // capture off: reception's feed does nothing
   EXPECT_EQ(capture.captureWritten.load(), 0u);
-  std::vector<uint8_t> files[2];
+  std::string files[2];
   ASSERT_EQ(StartCapture(), 1);
   for (int32_t i = 0; i < 7; ++i) Feed(1, files[0]);
   for (int32_t i = 0; i < 3; ++i) Feed(3, files[0]);  // bursts of what the ring holds
@@ -82,7 +90,7 @@ TEST_F(Capture, FilesHoldTheBlocksFedAndAreNumberedOverStopsStartsAndFailedStart
   ASSERT_EQ(StartCapture(), 1);
   Feed(1, files[1]);
   EXPECT_EQ(StopCapture(), 1);
-  CaptureFeed(PatternBlock(99).data());  // after the stop the feed does nothing again
+  FeedBlock(PatternBlock(99));  // after the stop the feed does nothing again
   EXPECT_EQ(capture.captureWritten.load(), 1u);
   ASSERT_EQ(StartCapture(), 1);
   device.running = 0;  // a close: running and the capture switch drop, the ring goes
@@ -92,9 +100,9 @@ TEST_F(Capture, FilesHoldTheBlocksFedAndAreNumberedOverStopsStartsAndFailedStart
   EXPECT_EQ(StopCapture(), 1);
   EXPECT_EQ(StopCapture(), 1) << "the file pointer survives the stop; a second stop must not close it again";
   EXPECT_FALSE(capture.captureThread.Exists() || capture.captureEvent.Exists());
-  EXPECT_TRUE(ReadBytes(CaptureName(0)) == files[0]) << "capture file differs from the blocks fed";
-  EXPECT_TRUE(ReadBytes(CaptureName(1)) == files[1]);
-  EXPECT_TRUE(ReadBytes(CaptureName(2)).empty());
+  EXPECT_TRUE(ReadText(CaptureName(0)) == files[0]) << "capture file differs from the blocks fed";
+  EXPECT_TRUE(ReadText(CaptureName(1)) == files[1]);
+  EXPECT_TRUE(ReadText(CaptureName(2)).empty());
 
   // A failed event comes before capture is switched on and leaves the file open; a failed thread
   // leaves capture switched on.
@@ -111,7 +119,7 @@ TEST_F(Capture, FilesHoldTheBlocksFedAndAreNumberedOverStopsStartsAndFailedStart
   EXPECT_TRUE(std::filesystem::exists(CaptureName(4)) && !std::filesystem::exists(CaptureName(6)));
   EXPECT_EQ(StopCapture(), 1);
   EXPECT_EQ(StopCapture(), 1);
-  EXPECT_EQ(zfn_test::OpenDescriptors(), descriptors) << "each file left open was closed by the next start or stop";
+  EXPECT_EQ(OpenDescriptors(), descriptors) << "each file left open was closed by the next start or stop";
 }
 
 // With the refinements on, a capture that could not keep up or could not be written says so
@@ -125,23 +133,23 @@ TEST_F(Capture, ALostBlockOrAFailedWriteEndsTheFileAndIsReportedWithTheRefinemen
     engine.refined = refined;
     const int32_t number = capture.captureFileNumber;
     ASSERT_EQ(StartCapture(), 1);
-    std::vector<uint8_t> expected;
+    std::string expected;
     fed_ = 0;
     Feed(2, expected);
     {  // a disk too slow: the writer is held while reception laps the ring
       std::lock_guard<std::mutex> hold(capture.writeLock);
-      for (uint32_t b = 2; b < 7; ++b) CaptureFeed(PatternBlock(b).data());
+      for (uint32_t b = 2; b < 7; ++b) FeedBlock(PatternBlock(b));
     }
     ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 7; }, 2000));
     EXPECT_EQ(DebugCommand(6, 2), refined != 0 ? CAPTURE_LOST_BLOCKS : 1);
     EXPECT_EQ(StopCapture(), 1);
-    const std::vector<uint8_t> file = ReadBytes(CaptureName(number));
+    const std::string file = ReadText(CaptureName(number));
     if (refined != 0) EXPECT_TRUE(file == expected) << "the blocks before the loss, and nothing else";
     else EXPECT_EQ(file.size(), 7u * RAW_BLOCK_BYTES) << "designed: lapped blocks written as they are";
 
     ASSERT_EQ(symlink("/dev/full", CaptureName(number + 1).c_str()), 0);  // a full disk
     ASSERT_EQ(StartCapture(), 1);
-    CaptureFeed(PatternBlock(0).data());
+    FeedBlock(PatternBlock(0));
     ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 1; }, 2000));
     EXPECT_EQ(DebugCommand(6, 2), refined != 0 ? CAPTURE_WRITE_FAILED : 1);
     EXPECT_EQ(StopCapture(), 1);
