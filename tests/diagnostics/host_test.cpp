@@ -1,8 +1,8 @@
 // Capture and probe through the public API on a simulated broadcast, with the project's own
 // libBDA_simu.so, the simulation build of libZFNACCESS.so and the picture-writing bridge
-// (libISDBT_MatlabWrap.so), all in build/lib. A capture
-// played back through the simulator library gives the same stream again, and files are numbered on
-// over close and open; the probe draws what the engine receives into the files a user reads.
+// (libISDBT_MatlabWrap.so), all in build/lib. A capture played back through the simulator library
+// gives the same stream again, and files are numbered on over close and open; the probe draws what
+// the engine receives into the files a user reads.
 #include <gtest/gtest.h>
 #include <png.h>
 
@@ -75,9 +75,6 @@ std::vector<Packet> Receive(int32_t count, bool capture, During during) {
 bool IsNull(const Packet& p) { return ((p[1] & 0x1F) << 8 | p[2]) == 0x1FFF; }
 
 TEST(CaptureReplay, ACaptureReplaysThroughTheSimulatorToTheSameStream) {
-#if defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "a stream case: the thread checks are the probe's";
-#endif
   ScratchDirectory scratch;
   SetSpeed(true);
   unsetenv("ZFNISDBT_SIM_CAPTURE");
@@ -111,25 +108,18 @@ TEST(CaptureReplay, ACaptureReplaysThroughTheSimulatorToTheSameStream) {
 }
 
 // Debug command 1 with ZFNISDBT_PROBE_DIR: once a frame, the picture of the reception (four panels,
-// each with drawing in it beyond its frame) and the number files, replaced whole. An unload while
-// blocks flow, then on again with no record: the engine carries on, nothing reaches the destroyed
-// record (the files stay as they were), and a second unload calls nothing in the released library.
-TEST(ProbePictures, TheBridgeDrawsWhatTheEngineReceivesAndMayBeUnloadedWhileItRuns) {
+// each with drawing in it beyond its frame) and the number files, replaced whole.
+TEST(ProbePictures, TheBridgeDrawsWhatTheEngineReceives) {
   ScratchDirectory out;
   SetSpeed(false);
   setenv("ZFNISDBT_PROBE_DIR", out.path_.c_str(), 1);
   const std::string status = out.File("status.csv");
-  std::string last;
-  EXPECT_GE(Receive(2, false, [&] {
+  Receive(1, false, [&] {
     EXPECT_EQ(ZFISDBT_DebugCMD(1, 1), 1);
     EXPECT_TRUE(WaitFor([&] { return ReadText(status).find("update,2\n") != std::string::npos; }, 20000));
     EXPECT_EQ(ZFISDBT_DebugCMD(1, 2), 1);
-    last = ReadText(status);
-    EXPECT_EQ(ZFISDBT_DebugCMD(1, 1), 1);
-  }).size(), 2u * 128u);
-  EXPECT_EQ(ZFISDBT_DebugCMD(1, 2), 1);
+  });
   const std::string text = ReadText(status);
-  EXPECT_EQ(text, last);
   EXPECT_NE(text.find("block_state,3\n"), std::string::npos) << text;
   const size_t snr = text.find("snr_db,");
   ASSERT_NE(snr, std::string::npos) << text;
