@@ -98,28 +98,21 @@ const std::string capturePath = Temp("capture"), sdrPath = Temp("sdr");
 class Tool : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    const auto make = [](zfn::sim::ChannelConfig c, uint64_t seed, size_t bytes, std::vector<uint8_t>* packets) {
-      c.noise = true;
-      c.cnDb = 20;
-      std::string error;
-      auto gen = zfn::sim::SignalGenerator::Create(zfn::sim::BroadcastConfig{}, c, zfn::sim::MakeTestPatternSource(seed),
-                                                   &error);
-      EXPECT_TRUE(gen) << error;
-      std::vector<uint8_t> out(bytes);
-      if (!gen) return out;
-      gen->RecordPackets(true);
-      gen->GenerateBytes(out.data(), out.size());
-      *packets = gen->TransmittedPackets();
-      return out;
-    };
-    capture = make({}, 7, 40 * BLOCK + BLOCK / 2, &sent);
+    capture = Make({}, 7, 40 * BLOCK + BLOCK / 2, &sent);
     WriteAll(capturePath, capture.data(), 40 * BLOCK);
-    zfn::sim::ChannelConfig sdr;
-    sdr.frontEnd = zfn::sim::FrontEnd::Sdr;
-    sdr.carrierOffsetHz = -11000;
-    sdr.clockPpm = -15;
-    const std::vector<uint8_t> recording = make(sdr, 8, 40 * BLOCK, &sdrSent);
-    WriteAll(sdrPath, recording.data(), recording.size());
+  }
+  static std::vector<uint8_t> Make(zfn::sim::ChannelConfig c, uint64_t seed, size_t bytes, std::vector<uint8_t>* packets) {
+    c.noise = true;
+    c.cnDb = 20;
+    std::string error;
+    auto gen = zfn::sim::SignalGenerator::Create(zfn::sim::BroadcastConfig{}, c, zfn::sim::MakeTestPatternSource(seed), &error);
+    EXPECT_TRUE(gen) << error;
+    std::vector<uint8_t> out(bytes);
+    if (!gen) return out;
+    gen->RecordPackets(true);
+    gen->GenerateBytes(out.data(), out.size());
+    *packets = gen->TransmittedPackets();
+    return out;
   }
   static void TearDownTestSuite() {
     std::remove(capturePath.c_str());
@@ -152,6 +145,12 @@ void ExpectSentStream(const std::string& ts, const std::vector<uint8_t>& transmi
 TEST_F(Tool, DecodeGivesTheStreamThatWentInAndTellsTheBroadcast) {
   const std::string odd = Temp("odd"), ts = Temp("out.ts");
   WriteAll(odd, capture.data(), capture.size());
+  zfn::sim::ChannelConfig sdr;
+  sdr.frontEnd = zfn::sim::FrontEnd::Sdr;
+  sdr.carrierOffsetHz = -11000;
+  sdr.clockPpm = -15;
+  const std::vector<uint8_t> recording = Make(sdr, 8, 40 * BLOCK, &sdrSent);
+  WriteAll(sdrPath, recording.data(), recording.size());
   const struct {
     std::string arguments;
     const std::vector<uint8_t>* transmitted;
