@@ -342,15 +342,7 @@ TEST_F(Tool, CommandLinesThatOnlyPrintOrFail) {
   ASSERT_EQ(0, Shell("mkdir -p " + dir + " && touch " + dir + "/BBStore0"));
   WriteAll(empty, "", 0);
   WriteAll(shortFile, capture.data(), BLOCK - 4);
-  std::vector<uint8_t> noiseBytes(6 * BLOCK);
-  uint64_t s = 12345;
-  for (auto& b : noiseBytes) {
-    s ^= s << 13;
-    s ^= s >> 7;
-    s ^= s << 17;
-    b = static_cast<uint8_t>(127 + static_cast<int>(s % 57) - 28);
-  }
-  WriteAll(noise, noiseBytes.data(), noiseBytes.size());
+  ASSERT_EQ(0, Shell("head -c " + std::to_string(6 * BLOCK) + " /dev/urandom >" + noise));
   const struct {
     std::string arguments;
     int status;
