@@ -6,7 +6,7 @@ packages=(
   cmake make g++ pkg-config binutils
   libgtest-dev libbenchmark-dev libfftw3-dev libpng-dev
   libdvbpsi-dev
-  ffmpeg
+  ffmpeg jq
   libsoapysdr-dev soapysdr-module-all libliquid-dev
   clang libclang-rt-14-dev
 )

@@ -1,68 +1,46 @@
 #pragma once
-// Helpers of the diagnostics cases: a scratch directory (optionally the working directory for the
-// life of the object), whole-file reads, waiting for a condition with a limit, descriptor counts.
+// Helpers of the diagnostics cases: a scratch directory, the working directory for the life of the
+// object; whole-file reads; waiting for a condition with a limit.
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace zfn_test {
 
 class ScratchDirectory {
  public:
-  explicit ScratchDirectory(bool enter) {
+  ScratchDirectory() {
     char pattern[] = "/tmp/zfn_diagnostics_XXXXXX";
     path_ = mkdtemp(pattern) != nullptr ? pattern : "";
-    if (enter && !path_.empty()) {
-      previous_ = std::filesystem::current_path();
-      std::filesystem::current_path(path_);
-    }
+    if (!path_.empty()) std::filesystem::current_path(path_);
   }
   ~ScratchDirectory() {
     std::error_code ignored;
-    if (!previous_.empty()) std::filesystem::current_path(previous_, ignored);
+    std::filesystem::current_path(previous_, ignored);
     if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
   }
   ScratchDirectory(const ScratchDirectory&) = delete;
   ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
-  const std::string& Path() const { return path_; }
   std::string File(const std::string& name) const { return path_ + "/" + name; }
-
- private:
   std::string path_;
-  std::filesystem::path previous_;
+  std::filesystem::path previous_ = std::filesystem::current_path();
 };
-
-inline bool FileExists(const std::string& path) { return std::filesystem::exists(path); }
 
 // The whole file in one read: capture files are megabytes, and a byte-wise read is slow enough
 // under ThreadSanitizer to let a running capture outgrow it.
-inline std::vector<uint8_t> ReadBytes(const std::string& path) {
+inline std::string ReadText(const std::string& path) {
   std::ifstream in(path, std::ios::binary | std::ios::ate);
   if (!in) return {};
-  std::vector<uint8_t> bytes(static_cast<size_t>(in.tellg()));
+  std::string bytes(static_cast<size_t>(in.tellg()), '\0');
   in.seekg(0);
-  in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
   bytes.resize(static_cast<size_t>(in.gcount()));
   return bytes;
-}
-
-inline uint64_t FileSize(const std::string& path) {
-  std::error_code error;
-  const auto size = std::filesystem::file_size(path, error);
-  return error ? 0 : size;
-}
-
-inline std::string ReadText(const std::string& path) {
-  const std::vector<uint8_t> bytes = ReadBytes(path);
-  return std::string(bytes.begin(), bytes.end());
 }
 
 template <class Condition>
@@ -73,12 +51,6 @@ bool WaitFor(Condition condition, int timeoutMs) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
-}
-
-inline int OpenDescriptors() {
-  int n = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
-  return n;
 }
 
 }  // namespace zfn_test

@@ -4,39 +4,26 @@
 # find_package(ZFNISDBT) links, the installed program runs, and no installed file holds a path of
 # the build or the source tree.
 set -euo pipefail
-build="$1"
-source="$2"
-work="$(mktemp -d /tmp/zfn_install.XXXXXX)"
-trap 'rm -rf "$work"' EXIT
+build="$1" source="$2" work="$(mktemp -d /tmp/zfn_install.XXXXXX)"
 prefix="$work/prefix"
+trap 'rm -rf "$work"' EXIT
 unset LD_LIBRARY_PATH
-
 cmake --install "$build" --prefix "$prefix" >/dev/null
-libdir="$(dirname "$(find "$prefix" -name zfnisdbt.pc)")/.."
-export PKG_CONFIG_PATH="$libdir/pkgconfig"
+export PKG_CONFIG_PATH="$(dirname "$(find "$prefix" -name zfnisdbt.pc)")"
 
+# After the first call, which may hold packets of the start-up, every packet begins with its sync byte.
 cat >"$work/host.c" <<'C'
 #include <stdio.h>
 #include <unistd.h>
 #include <zfnisdbt.h>
-
-/* The first call may hold packets of the start-up; after it every packet begins with its sync byte. */
 static volatile long packets = 0, unsynced = 0;
 static void OnStream(const uint8_t* data, int32_t length) {
-  for (int32_t at = 0; at + 188 <= length; at += 188) {
-    if (packets >= 128 && data[at] != 0x47) ++unsynced;
-    ++packets;
-  }
+  for (int32_t at = 0; at + 188 <= length; at += 188, ++packets) unsynced += packets >= 128 && data[at] != 0x47;
 }
-
 int main(void) {
   ZFISDBT_SetTSCallBack(OnStream);
   ZFISDBT_DebugCMD(5, 1);
-  if (ZFISDBT_OpenDevice() != 1) {
-    fprintf(stderr, "host: open failed\n");
-    return 1;
-  }
-  ZFISDBT_SetFrequency(473143);
+  if (ZFISDBT_OpenDevice() != 1 || ZFISDBT_SetFrequency(473143) != 1) return 1;
   for (int i = 0; i < 200 && packets < 512; ++i) usleep(50000);
   ZFISDBT_CloseDevice();
   printf("host: %ld packets, %ld without sync\n", packets, unsynced);
@@ -49,13 +36,8 @@ cc -o "$work/host" "$work/host.c" $(pkg-config --cflags --libs zfnisdbt) -Wl,-rp
 ZFNISDBT_SIM_SPEED=3 "$work/host"
 
 mkdir "$work/cmake_host"
-cat >"$work/cmake_host/CMakeLists.txt" <<'CM'
-cmake_minimum_required(VERSION 3.25)
-project(host C)
-find_package(ZFNISDBT 0.1 REQUIRED)
-add_executable(host ../host.c)
-target_link_libraries(host PRIVATE ZFNISDBT::ZFNISDBT)
-CM
+printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(host C)' 'find_package(ZFNISDBT 0.1 REQUIRED)' \
+  'add_executable(host ../host.c)' 'target_link_libraries(host PRIVATE ZFNISDBT::ZFNISDBT)' >"$work/cmake_host/CMakeLists.txt"
 cmake -S "$work/cmake_host" -B "$work/cmake_host/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake_host/build" >/dev/null
 

@@ -19,31 +19,14 @@
 
 namespace zfn::test {
 
-namespace {
-
-const std::vector<int> FIXED[3] = {
-    {35, 49, 79},
-    {23, 98, 101, 118, 136, 178},
-    {7, 89, 101, 131, 206, 209, 226, 244, 286, 349, 377, 407},
-};
-constexpr int NCARRIER[3] = {108, 216, 432};
-
-}  // namespace
-
 void PrepareNumerology(int mode, int guard) {
   // One engine for the whole test program; each case rewinds the arena and sets up the numerology.
-  if (engine.arenaBase == nullptr && EngineInit() != 1) {
-    std::fprintf(stderr, "engine memory could not be built\n");
-    std::abort();
-  }
+  if (engine.arenaBase == nullptr && EngineInit() != 1) std::abort();  // no engine memory
   ArenaRewindToInit();
   engine.modeGuard->mode = static_cast<uint8_t>(mode);
   engine.modeGuard->guard = static_cast<uint8_t>(guard);
   const int32_t firstTime = engine.modeIndexLast == -1 ? 1 : 0;
-  if (SetUpNumerology(firstTime) != 1) {
-    std::fprintf(stderr, "numerology set-up failed\n");
-    std::abort();
-  }
+  if (SetUpNumerology(firstTime) != 1) std::abort();
   engine.modeIndexLast = mode * 4 + guard;
 }
 
@@ -62,26 +45,11 @@ void PrepareEngine(int mode, int guard, int bitsPerCarrier) {
   SetUpTracking();
 }
 
-std::vector<int> DataCarriers(int mode, int s) {
-  std::vector<int> out;
-  const auto& fixed = FIXED[mode];
-  for (int c = 0; c < NCARRIER[mode]; ++c) {
-    if (c % 12 == 3 * s) continue;
-    if (std::find(fixed.begin(), fixed.end(), c) != fixed.end()) continue;
-    out.push_back(c);
-  }
-  return out;
-}
-
 BroadcastStream::BroadcastStream(int mode, int guard, int bitsPerCarrier, const sim::ChannelConfig& channel,
                                  uint64_t seed) {
-  sim::BroadcastConfig b;
-  b.mode = mode + 1;
-  b.guard = guard;
-  b.modulation = bitsPerCarrier / 2;  // TMCC code: 1 QPSK, 2 16QAM, 3 64QAM
-  b.codeRate = 1;
-  b.interleave = 2;
-  b.seed = seed;
+  // TMCC modulation code: 1 QPSK, 2 16QAM, 3 64QAM.
+  const sim::BroadcastConfig b{.mode = mode + 1, .guard = guard, .modulation = bitsPerCarrier / 2, .codeRate = 1,
+                               .interleave = 2, .seed = seed};
   std::string error;
   generator_ = sim::SignalGenerator::Create(b, channel, sim::MakeTestPatternSource(seed), &error);
   if (!generator_) {

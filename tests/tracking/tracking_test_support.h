@@ -90,7 +90,4 @@ class DriverRun {
 // weighting undone).
 double DecisionErrorDb();
 
-// The data carriers of the segment for a symbol of pilot phase s, in ascending order.
-std::vector<int> DataCarriers(int mode, int s);
-
 }  // namespace zfn::test
