@@ -1,7 +1,6 @@
 // The block state machine driven synchronously, the resync rule, the status functions and the
 // debug command, all without threads or a sample source.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <string>
 #include <tuple>
@@ -112,29 +111,6 @@ TEST_F(SyncEngine, ARetuneJumpsToTheNewestBlockButNotWhileTheTunerChanges) {
   EXPECT_EQ(engine.tmccFailed, 0);
   EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
   EXPECT_EQ(engine.tsResetPhase, 2);
-}
-
-// Debug command 3 asks for the parameter files (none in this folder: nothing changes) or the
-// defaults; the request is honoured between blocks.
-TEST_F(SyncEngine, ParameterRequestsAreHonouredBetweenBlocks) {
-  char oldDir[4096];
-  ASSERT_NE(getcwd(oldDir, sizeof oldDir), nullptr);
-  std::string dir = testing::TempDir() + "zfn_sync_XXXXXX";
-  ASSERT_NE(mkdtemp(dir.data()), nullptr);
-  ASSERT_EQ(chdir(dir.c_str()), 0);
-  engine.stageLoopGain[0] = 99.0f;
-  EXPECT_EQ(DebugCommand(3, 1), 1);
-  EXPECT_EQ(engine.paramReloadRequest, 1);
-  Feed(1);
-  EXPECT_EQ(engine.paramReloadRequest, 0);
-  EXPECT_EQ(engine.paramFilesActive, 1);
-  EXPECT_EQ(engine.stageLoopGain[0], 99.0f);
-  EXPECT_EQ(DebugCommand(3, 0), 1);
-  Feed(2);
-  EXPECT_EQ(engine.paramFilesActive, 0);
-  EXPECT_EQ(engine.stageLoopGain[0], 10.0f);
-  ASSERT_EQ(chdir(oldDir), 0);
-  rmdir(dir.c_str());
 }
 
 // Before the first retune blocks are taken but not handled. Then one state per block; an accepted

@@ -13,7 +13,10 @@
 #include <utility>
 #include <vector>
 
+#include "shell/block_ring.h"
+#include "shell/diagnostics.h"
 #include "shell/receiver_state.h"
+#include "shell/sync_driver.h"
 #include "shell/stages.h"
 
 namespace zfn {
@@ -55,11 +58,23 @@ std::vector<double> Stage(int s) {
 }
 using Values = std::vector<double>;
 
+// Debug command 3 asks for the parameter files or the defaults; the request is honoured between
+// blocks. Missing files change nothing; well-formed ones set every field.
 TEST_F(ParameterFiles, MissingFilesChangeNothingAndWellFormedFilesSetEveryField) {
+  ASSERT_EQ(SyncDriverOpen(nullptr, nullptr), 1);
+  const std::vector<uint8_t> block(RAW_BLOCK_BYTES);
+  auto request = [&block](int32_t files) {
+    EXPECT_EQ(DebugCommand(3, files), 1);
+    EXPECT_EQ(engine.paramReloadRequest, files == 1 ? 1 : 2);
+    EXPECT_EQ(SyncDriverFeed(block.data(), block.size()), 1);
+    EXPECT_EQ(engine.paramReloadRequest, 0);
+    EXPECT_EQ(engine.paramFilesActive, files);
+  };
   engine.pilotGainScaleA = 1.5f;
-  LoadParameterSet(PARAM_FROM_FILES);
+  request(1);
   EXPECT_EQ(engine.pilotGainScaleA, 1.5f);
   EXPECT_EQ(engine.stageUpdatePeriod[1], 32);
+  EXPECT_EQ(engine.stageLoopGain[0], 10.0f);
   EXPECT_EQ(std::bit_cast<uint32_t>(engine.freqLoopGain), 0x31ABCC77u);
 
   std::vector<std::string> timing;
@@ -74,7 +89,7 @@ TEST_F(ParameterFiles, MissingFilesChangeNothingAndWellFormedFilesSetEveryField)
     ce.push_back(v);
   Write("ParaSetCE.txt", Pairs(ce));
   Write("ParaSetOther.txt", "a\n1.0\n\n\nb\n4.0\n");
-  LoadParameterSet(PARAM_FROM_FILES);
+  request(1);
   for (int s = 0; s < 3; ++s) EXPECT_EQ(Stage(s), (Values{100.0 * (s + 1), 0.25, 3.5, 16, 0.5, 7, 2}));
   EXPECT_EQ(engine.spareTapSets[17], 17.5f);
   EXPECT_EQ(engine.pilotGainScaleB, 1.25f);
@@ -83,7 +98,8 @@ TEST_F(ParameterFiles, MissingFilesChangeNothingAndWellFormedFilesSetEveryField)
   EXPECT_EQ(engine.freqLoopGain, 0.25f);
 
   // Back to defaults: stage 2, the pilot gain scales and guardScanStart have none and stay.
-  LoadParameterSet(PARAM_DEFAULTS);
+  request(0);
+  SyncDriverClose();
   EXPECT_EQ(engine.stageStartSymbol[0], 0);
   EXPECT_EQ(Stage(2), (Values{0, 0.25, 3.5, 16, 0.5, 7, 2}));
   EXPECT_EQ(engine.pilotGainScaleA, 0.75f);
