@@ -46,10 +46,6 @@ Calls DeviceCalls(bool all = false) {
   }
   return calls;
 }
-bool Called(const std::string& name) {
-  const Calls calls = DeviceCalls();
-  return std::find(calls.begin(), calls.end(), name) != calls.end();
-}
 
 // The ring's counts belong to the reception thread: read them under the ring's lock.
 uint32_t BlocksWritten() {
@@ -115,54 +111,36 @@ class Lifecycle : public testing::Test {
   int threads_ = 0;
 };
 
-TEST_F(Lifecycle, DeviceOpenRetuneCloseAndOpenAgain) {
-  // Callbacks are kept over open and close.
+// Callbacks are kept over open and close; blocks flow and are thrown away while idle; the status
+// words keep their last values after close and are closed to the host; a new open starts idle;
+// a frequency whose tuner setting leaves 32 bits fails like the tuner (and overflows nothing).
+TEST_F(Lifecycle, WhatOpenAndCloseKeepAndTheEdgesOfTheFrequency) {
   auto cb = [](const uint8_t*, int32_t) {};
   auto ac = []() {};
   EXPECT_EQ(SetTsCallback(cb) + SetAcCallback(ac), 2);
   ASSERT_EQ(OpenDevice(), 1);
   EXPECT_EQ(device.tunerType, 1);
   EXPECT_EQ(device.debugPara, &debugParaBlock);
-  // Blocks flow and are thrown away while idle.
   ASSERT_TRUE(WaitFor([] { return BlocksWritten() >= 2; }));
   EXPECT_EQ(engine.blockState, BLOCK_IDLE);
-
-  EXPECT_TRUE(RetuneWaitsForTheTuner(557143));
-  EXPECT_EQ(controlBlock.tuningNow, 0);
-  // The tuner is set 600 kHz above the channel, with the bandwidth always 6 MHz.
-  EXPECT_EQ(DeviceCalls(), (Calls{"ZFN_BDAFilterInit 0", "ZFN_SetDABEventHandle", "ZFN_Get_TunerType",
-                                  "ZFN_Set_Frequency 557743", "ZFN_Set_Bandwidth 6", "ZFN_DeviceUpdate"}));
+  EXPECT_EQ(SetFrequency(557143), 1);
   ASSERT_TRUE(InFrameSync());
-  EXPECT_EQ(debugParaBlock.Int(5), BLOCK_FRAME_SYNC);
-
-  TestDevice_Reset();  // forget the calls so far
   EXPECT_EQ(CloseDevice(), 1);
-  EXPECT_EQ(DeviceCalls(), (Calls{"ZFN_ReleaseDABEventHandle", "ZFN_BDAFilterRelease 0"}));
-  EXPECT_EQ(engine.blockState, BLOCK_IDLE);
-  ExpectNothingLeft();
   EXPECT_EQ(device.tsCallback.load(), static_cast<ZFISDBT_TsCallback>(cb));
   EXPECT_EQ(device.acCallback.load(), static_cast<ZFISDBT_AcCallback>(ac));
   device.tsCallback = nullptr;
   device.acCallback = nullptr;
-  // The status words keep their last values after close (the real stages may have moved on from
-  // frame sync: a block state, not the -1 of a retune reset), and are closed to the host.
   int32_t words[12];
   EXPECT_EQ(DebugGetParaValue(words), 0);
-  EXPECT_GE(debugParaBlock.Int(5), BLOCK_COARSE_SYNC);
+  EXPECT_EQ(debugParaBlock.Int(5), BLOCK_FRAME_SYNC);
 
-  // Open again: idle. A failing tuner does not fail the retune, which still waits for it; a
-  // frequency whose tuner setting leaves 32 bits fails like the tuner (and overflows nothing).
   ASSERT_EQ(OpenDevice(), 1);
   EXPECT_EQ(engine.blockState, BLOCK_IDLE);
-  TestDevice_FailFunction("ZFN_Set_Frequency", 0, -1);
-  TestDevice_FailFunction("ZFN_DeviceUpdate", 0, -1);
-  EXPECT_TRUE(RetuneWaitsForTheTuner(557143));
-  TestDevice_ClearFailures();
   TestDevice_Reset();
   EXPECT_EQ(SetFrequency(INT32_MAX), 1);
   for (const std::string& call : DeviceCalls()) EXPECT_NE(call.rfind("ZFN_Set_Frequency", 0), 0u) << call;
   EXPECT_EQ(SetFrequency(INT32_MIN), 1);
-  ASSERT_TRUE(WaitFor([] { return engine.blockState >= BLOCK_COARSE_SYNC; }));
+  ASSERT_TRUE(InFrameSync());
   EXPECT_EQ(CloseDevice(), 1);
   ExpectNothingLeft();
 }
@@ -187,35 +165,82 @@ TEST_F(Lifecycle, ReceptionCutsAnyReadLengthsIntoTheSourceStream) {
   ExpectNothingLeft();
 }
 
-// Each step of open failing in turn: the result, the fail line, the device calls of the whole open
-// (all control calls released again), and nothing left. In simulation the simulator is stopped again.
-struct OpenFailure {
-  const char* name;
-  const char* deviceFunction;  // device function that fails, or null
-  ShellFault fault;            // or a shell resource that fails
-  int32_t result = 0;
-  Calls calls = {"ZFN_BDAFilterInit 0", "ZFN_SetDABEventHandle", "ZFN_Get_TunerType", "ZFN_ReleaseDABEventHandle",
-                 "ZFN_BDAFilterRelease 0"};
-  bool simulation = false;
-};
-void PrintTo(const OpenFailure& f, std::ostream* os) { *os << f.name; }
-class OpenFailures : public Lifecycle, public testing::WithParamInterface<OpenFailure> {};
+// One open, retune and close: what fails, the result of open, whether the device runs after it,
+// the retune (its frequency, and whether it waits for the tuner), the whole log and the device
+// control calls. The defaults are those of a failed open: the fail line, and every control call
+// released again. After each, nothing is left (or, where a failure leaves the device library bound
+// or registered, a following device open takes it over), and a plain open and close works.
+// - Device: the tuner is set 600 kHz above the channel, with the bandwidth always 6 MHz; a failing
+//   tuner does not fail the retune.
+// - Simulation mode 1 uses the simulator only, binds the device library but calls nothing of it,
+//   and retunes without the tuner. Mode 2 opens as simulation but retunes like the device: the late
+//   registration branch gives the event to the device library, programs the demodulator and sets
+//   the tuner; close takes the simulation path and leaves the registration.
+// - A failed last allocation of open (the capture ring) leaves the device running until close; a
+//   failing simulator returns 0 at once without the fail line and unwinds nothing.
+// - Every other step of open failing in turn unwinds to nothing, the simulator stopped again.
+const Calls kOpened = {"ZFN_BDAFilterInit 0", "ZFN_SetDABEventHandle", "ZFN_Get_TunerType"};
+const Calls kTuned = {"ZFN_Set_Frequency 557743", "ZFN_Set_Bandwidth 6", "ZFN_DeviceUpdate"};
+const Calls kReleased = {"ZFN_ReleaseDABEventHandle", "ZFN_BDAFilterRelease 0"};
+Calls operator+(Calls a, const Calls& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+const std::string kOn = "--> Device On | <-- OPEN DAB DEVICE SUCCEED | ";
+const std::string kTune = "--> Set frequency 557143 and bandwidth | <-- Set frequency 557143 OK | ";
+const std::string kOff = "--> ISDBT_DeviceOff() | <-- ISDBT_DeviceOff() OK";
+const std::string kNotOpen = "--> ISDBT_DeviceOff() | <-- ZFISDBT_OpenDevice() has not been invoked,  ISDBT_DeviceOff() OK";
 
-TEST_P(OpenFailures, UnwindToNothingWithTheFailLine) {
-  const OpenFailure& f = GetParam();
-  EXPECT_EQ(f.deviceFunction == nullptr || TestDevice_FailFunction(f.deviceFunction, 0, -1) == 1, true);
-  injectedFault = static_cast<int32_t>(f.fault);
-  if (f.simulation) DebugCommand(5, 1);
+struct Scenario {
+  const char* name;
+  ShellFault fault = ShellFault::None;  // a shell resource that fails
+  const char* failDevice = nullptr;     // a device function that fails
+  int32_t simulation = 0;
+  int32_t opened = 0, running = 0;
+  int32_t kHz = 0;  // retune after open, if not 0
+  bool waits = false, leftForTheNextOpen = false;
+  std::string log = "--> Device On | <-- OPEN DAB DEVICE Fail | " + kNotOpen;
+  Calls calls = kOpened + kReleased;
+};
+void PrintTo(const Scenario& s, std::ostream* os) { *os << s.name; }
+class Scenarios : public Lifecycle, public testing::WithParamInterface<Scenario> {};
+
+TEST_P(Scenarios, OpenRetuneCloseAndWhatIsLeft) {
+  const Scenario& s = GetParam();
+  EXPECT_TRUE(s.failDevice == nullptr || TestDevice_FailFunction(s.failDevice, 0, -1) == 1);
+  EXPECT_TRUE(s.simulation != 3 || TestSim_FailFunction("BDA_Start_simulate") == 1);
+  injectedFault = static_cast<int32_t>(s.fault);
+  EXPECT_EQ(DebugCommand(5, s.simulation == 3 ? 1 : s.simulation), 1);
   LogCapture log;
-  EXPECT_EQ(OpenDevice(), f.result);
+  EXPECT_EQ(OpenDevice(), s.opened);
   injectedFault = 0;
-  EXPECT_EQ(log.Lines(), ApiLines("--> Device On | <-- OPEN DAB DEVICE Fail"));
-  EXPECT_EQ(DeviceCalls(), f.calls);
+  EXPECT_EQ(device.running, s.running);
+  EXPECT_TRUE(s.running == 0 || ProcessThreads() > threads_);
+  EXPECT_TRUE(s.opened != 1 || device.deviceBound * 10 + TestSim_Started() == (s.simulation != 0 ? 11 : 10));
+  if (s.kHz != 0) {
+    EXPECT_EQ(RetuneWaitsForTheTuner(s.kHz), s.waits);
+    EXPECT_EQ(controlBlock.tuningNow, 0);
+    EXPECT_TRUE(InFrameSync());
+    EXPECT_EQ(debugParaBlock.Int(5), BLOCK_FRAME_SYNC);
+  }
+  EXPECT_TRUE(s.simulation != 2 || TestDevice_AccessCount() > 0) << "demodulator programmed";
+  EXPECT_EQ(CloseDevice(), 1);
+  EXPECT_EQ(engine.blockState, BLOCK_IDLE);
+  EXPECT_EQ(log.Lines(), ApiLines(s.log));
+  EXPECT_EQ(DeviceCalls(), s.calls);
+  EXPECT_TRUE(s.simulation != 1 || s.opened != 1 || DeviceCalls(true).empty()) << "no device function is called";
+  EXPECT_EQ(TestSim_CallCount("BDA_Stop_simulate"), s.simulation == 1 || s.simulation == 2 ? 1 : 0);
   EXPECT_EQ(TestSim_Started() + TestSim_EventThreadRunning(), 0) << "the simulator still runs";
   EXPECT_EQ(device.tunerType, 0);
-  ExpectNothingLeft();
-  // Nothing of the failure sticks: the next open works.
+  EXPECT_TRUE(s.running == 0 || device.simulationMode == 0) << "cleared by close";
+  device.simulationMode = 0;
+  if (s.leftForTheNextOpen) {
+    EXPECT_NE(device.deviceBound + device.dataEventRegistered, 0);
+  } else {
+    ExpectNothingLeft();
+  }
   TestDevice_ClearFailures();
+  TestSim_ClearFailures();
   ASSERT_EQ(OpenDevice(), 1);
   EXPECT_EQ(CloseDevice(), 1);
   ExpectNothingLeft();
@@ -223,104 +248,46 @@ TEST_P(OpenFailures, UnwindToNothingWithTheFailLine) {
 
 const Calls kReleaseOnly = {"ZFN_BDAFilterRelease 0"};
 INSTANTIATE_TEST_SUITE_P(
-    EveryStep, OpenFailures,
+    All, Scenarios,
     testing::Values(
-        OpenFailure{"FilterInit", "ZFN_BDAFilterInit", ShellFault::None, 2, {"ZFN_BDAFilterInit 0", "ZFN_BDAFilterRelease 0"}},
-        OpenFailure{"EventRegistration", "ZFN_SetDABEventHandle", ShellFault::None, 0,
-                    {"ZFN_BDAFilterInit 0", "ZFN_SetDABEventHandle", "ZFN_BDAFilterRelease 0"}},
-        OpenFailure{"TunerType", "ZFN_Get_TunerType", ShellFault::None},
-        OpenFailure{"DemodulatorProgramming", "ZFN_Demod_Byte_Write", ShellFault::None},
-        OpenFailure{"DataEvent", nullptr, ShellFault::DataEvent, 0, kReleaseOnly},
-        OpenFailure{"RingReadBuffer", nullptr, ShellFault::RingReadBuffer},
-        OpenFailure{"RingAssemblyBuffer", nullptr, ShellFault::RingAssemblyBuffer},
-        OpenFailure{"RingSlot", nullptr, ShellFault::RingSlot}, OpenFailure{"BlockEvent", nullptr, ShellFault::BlockEvent},
-        OpenFailure{"ReceptionThread", nullptr, ShellFault::ReceptionThread},
-        OpenFailure{"PacketEvent", nullptr, ShellFault::PacketEvent},
-        OpenFailure{"PacketThread", nullptr, ShellFault::PacketThread},
-        OpenFailure{"WorkArena", nullptr, ShellFault::ArenaAlloc},
-        OpenFailure{"RawBlock", nullptr, ShellFault::RawBlockAlloc},
-        OpenFailure{"SampleBlock", nullptr, ShellFault::SampleBlockAlloc},
-        OpenFailure{"ControlLock", nullptr, ShellFault::ControlLock},
-        OpenFailure{"DemodulationThread", nullptr, ShellFault::DemodulationThread},
-        OpenFailure{"SimulatedRingSlot", nullptr, ShellFault::RingSlot, 0, kReleaseOnly, true},
-        OpenFailure{"SimulatedPacketThread", nullptr, ShellFault::PacketThread, 0, kReleaseOnly, true},
-        OpenFailure{"SimulatedDemodulationThread", nullptr, ShellFault::DemodulationThread, 0, kReleaseOnly, true}),
-    [](const testing::TestParamInfo<OpenFailure>& p) { return std::string(p.param.name); });
-
-// Two failures without the fail line: the last allocation of open (the capture ring) leaves the
-// device running until close; a failing simulator returns 0 at once and unwinds nothing, and a
-// following device open takes over what was left.
-TEST_F(Lifecycle, FailuresWithoutTheFailLineLeaveWhatTheyHadUntilClose) {
-  injectedFault = static_cast<int32_t>(ShellFault::CaptureRing);
-  LogCapture log;
-  EXPECT_EQ(OpenDevice(), 0);
-  injectedFault = 0;
-  EXPECT_EQ(log.Lines(), ApiLines("--> Device On"));
-  EXPECT_EQ(device.running, 1);
-  EXPECT_GT(ProcessThreads(), threads_);
-  EXPECT_EQ(SetFrequency(557143), 1);
-  EXPECT_EQ(CloseDevice(), 1);
-  EXPECT_EQ(log.Lines().back(), ApiLines("<-- ISDBT_DeviceOff() OK")[0]);
-  ExpectNothingLeft();
-
-  ASSERT_EQ(TestSim_FailFunction("BDA_Start_simulate"), 1);
-  LogCapture simLog;
-  DebugCommand(5, 1);
-  EXPECT_EQ(OpenDevice(), 0);
-  EXPECT_EQ(simLog.Lines(), ApiLines("--> Device On"));
-  EXPECT_EQ(device.running, 0);
-  EXPECT_EQ(device.deviceBound, 1) << "left as it was";
-  EXPECT_TRUE(device.dataEvent.Exists());
-  EXPECT_EQ(CloseDevice(), 1);
-  EXPECT_EQ(simLog.Lines().back(),
-            ApiLines("<-- ZFISDBT_OpenDevice() has not been invoked,  ISDBT_DeviceOff() OK")[0]);
-  TestSim_ClearFailures();
-  device.simulationMode = 0;
-  ASSERT_EQ(OpenDevice(), 1);
-  EXPECT_EQ(CloseDevice(), 1);
-  ExpectNothingLeft();
-}
-
-// Simulation mode 1 uses the simulator only, binds the device library but calls nothing of it, and
-// retunes without the tuner. Mode 2 opens as simulation but retunes like the device: the late
-// registration branch gives the event to the device library, programs the demodulator and sets the
-// tuner; close takes the simulation path and leaves the registration, which a device open and close
-// clears again.
-TEST_F(Lifecycle, SimulationModesOneAndTwo) {
-  for (const int32_t mode : {1, 2}) {
-    SCOPED_TRACE(mode);
-    TestDevice_Reset();
-    LogCapture log;
-    EXPECT_EQ(DebugCommand(5, mode), 1);
-    ASSERT_EQ(OpenDevice(), 1);
-    EXPECT_EQ(TestSim_Started(), 1);
-    EXPECT_EQ(device.deviceBound, 1) << "the device library is bound in simulation too";
-    EXPECT_EQ(DeviceCalls(true), Calls{});
-    EXPECT_EQ(RetuneWaitsForTheTuner(mode == 1 ? 123 : 557143), mode == 2);
-    EXPECT_EQ(device.dataEventRegistered, mode == 2 ? 1 : 0);
-    ASSERT_TRUE(InFrameSync());
-    if (mode == 2) {
-      EXPECT_EQ(DeviceCalls().front(), "ZFN_SetDABEventHandle");
-      EXPECT_TRUE(Called("ZFN_DeviceUpdate"));
-      EXPECT_GT(TestDevice_AccessCount(), 0) << "demodulator programmed";
-    }
-    const size_t callsBeforeClose = DeviceCalls().size();
-    EXPECT_EQ(CloseDevice(), 1);
-    EXPECT_EQ(TestSim_CallCount("BDA_Stop_simulate"), mode);
-    EXPECT_EQ(TestSim_Started(), 0);
-    EXPECT_EQ(DeviceCalls().size(), callsBeforeClose) << "close releases nothing of the device";
-    EXPECT_TRUE(mode == 2 || DeviceCalls(true).empty()) << "no device function is called";
-    EXPECT_EQ(device.simulationMode, 0) << "cleared by close";
-    const std::string retune = mode == 1 ? "--> Set frequency 123 and bandwidth | <-- Set frequency and bandwidth OK"
-                                         : "--> Set frequency 557143 and bandwidth | <-- Set frequency 557143 OK";
-    EXPECT_EQ(log.Lines(), ApiLines("--> Device On | <-- OPEN DAB DEVICE SUCCEED | " + retune +
-                                    " | --> ISDBT_DeviceOff() | <-- ISDBT_DeviceOff() OK"));
-  }
-  EXPECT_EQ(device.dataEventRegistered, 1);
-  ASSERT_EQ(OpenDevice(), 1);
-  EXPECT_EQ(CloseDevice(), 1);
-  ExpectNothingLeft();
-}
+        Scenario{.name = "Device", .opened = 1, .running = 1, .kHz = 557143, .waits = true,
+                 .log = kOn + kTune + kOff, .calls = kOpened + kTuned + kReleased},
+        Scenario{.name = "TunerFails", .failDevice = "ZFN_Set_Frequency", .opened = 1, .running = 1, .kHz = 557143,
+                 .waits = true, .log = kOn + kTune + kOff, .calls = kOpened + Calls{"ZFN_Set_Frequency 557743"} + kReleased},
+        Scenario{.name = "SimulationOne", .simulation = 1, .opened = 1, .running = 1, .kHz = 123,
+                 .log = kOn + "--> Set frequency 123 and bandwidth | <-- Set frequency and bandwidth OK | " + kOff,
+                 .calls = {}},
+        Scenario{.name = "SimulationTwo", .simulation = 2, .opened = 1, .running = 1, .kHz = 557143, .waits = true,
+                 .leftForTheNextOpen = true, .log = kOn + kTune + kOff, .calls = Calls{"ZFN_SetDABEventHandle"} + kTuned},
+        Scenario{.name = "CaptureRing", .fault = ShellFault::CaptureRing, .running = 1, .kHz = 557143, .waits = true,
+                 .log = "--> Device On | " + kTune + kOff, .calls = kOpened + kTuned + kReleased},
+        Scenario{.name = "SimulatorFails", .simulation = 3, .leftForTheNextOpen = true, .log = "--> Device On | " + kNotOpen,
+                 .calls = {}},
+        Scenario{.name = "FilterInit", .failDevice = "ZFN_BDAFilterInit", .opened = 2,
+                 .calls = {"ZFN_BDAFilterInit 0", "ZFN_BDAFilterRelease 0"}},
+        Scenario{.name = "EventRegistration", .failDevice = "ZFN_SetDABEventHandle",
+                 .calls = {"ZFN_BDAFilterInit 0", "ZFN_SetDABEventHandle", "ZFN_BDAFilterRelease 0"}},
+        Scenario{.name = "TunerType", .failDevice = "ZFN_Get_TunerType"},
+        Scenario{.name = "DemodulatorProgramming", .failDevice = "ZFN_Demod_Byte_Write"},
+        Scenario{.name = "DataEvent", .fault = ShellFault::DataEvent, .calls = kReleaseOnly},
+        Scenario{.name = "RingReadBuffer", .fault = ShellFault::RingReadBuffer},
+        Scenario{.name = "RingAssemblyBuffer", .fault = ShellFault::RingAssemblyBuffer},
+        Scenario{.name = "RingSlot", .fault = ShellFault::RingSlot},
+        Scenario{.name = "BlockEvent", .fault = ShellFault::BlockEvent},
+        Scenario{.name = "ReceptionThread", .fault = ShellFault::ReceptionThread},
+        Scenario{.name = "PacketEvent", .fault = ShellFault::PacketEvent},
+        Scenario{.name = "PacketThread", .fault = ShellFault::PacketThread},
+        Scenario{.name = "WorkArena", .fault = ShellFault::ArenaAlloc},
+        Scenario{.name = "RawBlock", .fault = ShellFault::RawBlockAlloc},
+        Scenario{.name = "SampleBlock", .fault = ShellFault::SampleBlockAlloc},
+        Scenario{.name = "ControlLock", .fault = ShellFault::ControlLock},
+        Scenario{.name = "DemodulationThread", .fault = ShellFault::DemodulationThread},
+        Scenario{.name = "SimulatedRingSlot", .fault = ShellFault::RingSlot, .simulation = 1, .calls = kReleaseOnly},
+        Scenario{.name = "SimulatedPacketThread", .fault = ShellFault::PacketThread, .simulation = 1,
+                 .calls = kReleaseOnly},
+        Scenario{.name = "SimulatedDemodulationThread", .fault = ShellFault::DemodulationThread, .simulation = 1,
+                 .calls = kReleaseOnly}),
+    [](const testing::TestParamInfo<Scenario>& p) { return std::string(p.param.name); });
 
 TEST_F(Lifecycle, ASecondOpenIsRefusedAndLeavesTheFirstRunning) {
   for (const int32_t simulation : {0, 1}) {
