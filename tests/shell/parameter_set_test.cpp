@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstdio>
 #include <fstream>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -133,19 +132,12 @@ TEST_F(ParameterFiles, ScanRules) {
   }
 }
 
-TEST_F(ParameterFiles, BinaryGarbageLongLinesAndAFifoAreReadSafely) {
-  std::mt19937 rng(3);
-  for (const char* name : {"ParaSet.txt", "ParaSetCE.txt", "ParaSetOther.txt"}) {
-    std::string junk(200000, '\0');
-    for (auto& c : junk) c = static_cast<char>(rng());
-    Write(name, junk);
-  }
-  LoadParameterSet(PARAM_FROM_FILES);
+// Lines of 300000 characters, one without a newline, and numbers of any length are read safely
+// (random bytes are the parameter-file fuzz target's). A FIFO in place of a file would block the
+// reader until someone writes: it is not read.
+TEST_F(ParameterFiles, LongLinesAndAFifoAreReadSafely) {
   Write("ParaSet.txt", std::string(300000, '7'));
   Write("ParaSetCE.txt", "\n" + std::string(300000, '9') + "\n");
-  LoadParameterSet(PARAM_FROM_FILES);
-  // A FIFO in place of a file would block the reader until someone writes: it is not read.
-  std::remove("ParaSetOther.txt");
   ASSERT_EQ(mkfifo("ParaSetOther.txt", 0600), 0);
   LoadParameterSet(PARAM_FROM_FILES);
 }
