@@ -1,9 +1,7 @@
-// Open when the device library is absent or incomplete. Each case runs in a process of its own,
-// with a search path that holds no device library or only an incomplete one.
+// Open when the device library is absent or incomplete: ctest runs this case twice, with a search
+// path that holds no device library and with one that holds only an incomplete one. The simulator
+// needs the device library too, so simulation fails as well; close after it is harmless.
 #include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "frontend/device_binding.h"
 #include "lifecycle_support.h"
@@ -14,33 +12,23 @@
 namespace zfn {
 namespace {
 
-void ExpectFailedOpenLeavesNothing(int32_t simulationMode) {
-  const int fds = zfn_test::OpenDescriptors();
-  const int threads = zfn_test::ProcessThreads();
-  zfn_test::LogCapture log;
-  device.simulationMode = simulationMode;
-  EXPECT_EQ(OpenDevice(), 0);
-  EXPECT_EQ(log.Lines(), (std::vector<std::string>{"ISDBT API: --> Device On", "ISDBT API: <-- OPEN DAB DEVICE Fail"}));
-  EXPECT_EQ(device.running, 0);
-  EXPECT_EQ(device.deviceBound, 0);
-  EXPECT_EQ(deviceBinding.library, nullptr) << "unbound again";
-  EXPECT_FALSE(device.dataEvent.Exists());
-  EXPECT_EQ(zfn_test::OpenDescriptors(), fds);
-  EXPECT_EQ(zfn_test::ProcessThreads(), threads);
-  EXPECT_EQ(engine.arenaBase, nullptr);
-  device.simulationMode = 0;
-}
-
-// The simulator needs the device library too: its absence fails simulation as well.
-TEST(OpenWithoutDevice, AbsentLibraryFailsDeviceAndSimulation) {
-  ExpectFailedOpenLeavesNothing(0);
-  ExpectFailedOpenLeavesNothing(1);
+TEST(OpenWithoutDevice, FailsInDeviceModeAndSimulationAndLeavesNothing) {
+  for (const int32_t simulationMode : {0, 1}) {
+    const int fds = zfn_test::OpenDescriptors();
+    const int threads = zfn_test::ProcessThreads();
+    zfn_test::LogCapture log;
+    device.simulationMode = simulationMode;
+    EXPECT_EQ(OpenDevice(), 0);
+    EXPECT_EQ(log.Lines(), zfn_test::ApiLines("--> Device On | <-- OPEN DAB DEVICE Fail"));
+    EXPECT_EQ(device.running + device.deviceBound, 0);
+    EXPECT_EQ(deviceBinding.library, nullptr) << "unbound again";
+    EXPECT_FALSE(device.dataEvent.Exists());
+    EXPECT_EQ(zfn_test::OpenDescriptors(), fds);
+    EXPECT_EQ(zfn_test::ProcessThreads(), threads);
+    EXPECT_EQ(engine.arenaBase, nullptr);
+    device.simulationMode = 0;
+  }
   EXPECT_EQ(CloseDevice(), 1);
-}
-
-TEST(OpenWithIncompleteDevice, AMissingFunctionFailsTheOpen) {
-  ExpectFailedOpenLeavesNothing(0);
-  ExpectFailedOpenLeavesNothing(1);
 }
 
 }  // namespace
