@@ -90,7 +90,7 @@ void PacketThread() {
 }
 
 void RequestPacketRestart() {
-  engine.tsResetPhase = 2;
+  engine.tsResetPhase = TS_RESET_PENDING;
   engine.tsResetRequest = 1;
   device.packetEvent.Set();
 }
@@ -244,13 +244,10 @@ void SymbolStep() {
   FinishSymbol();
 }
 
-// Above this packet failure rate a low decision SNR restarts acquisition again, with the refinements.
-constexpr float REFINED_SPARE_FAIL_RATE = 0.5f;
-
 void FinishSymbol() {
   int32_t resync = 0;
   switch (engine.decodeStage) {
-    case 1:
+    case DECODE_EARLY:
       if (engine.refined != 0) {
         // Refinement: a low decision SNR alone does not throw away a signal whose packets decode;
         // it restarts acquisition while no judged packet has come through Reed-Solomon, or once
@@ -264,7 +261,7 @@ void FinishSymbol() {
         resync = (engine.earlyFailMark != 0 || engine.snrFailed != 0) ? 1 : 0;
       }
       break;
-    case 2:
+    case DECODE_STREAM:
       resync = engine.streamFailMark;
       break;
     default:

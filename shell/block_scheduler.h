@@ -57,7 +57,7 @@ extern RelaxedWord<int64_t> lastBlockTakenMs;
 // Both times to now: at open and at every retune, which start the stream's clock anew.
 void MarkStreamProgress();
 
-// Tells the packet thread to start over: tsResetPhase 2, tsResetRequest 1, packetEvent.
+// Tells the packet thread to start over: tsResetPhase TS_RESET_PENDING, tsResetRequest 1, packetEvent.
 void RequestPacketRestart();
 
 }  // namespace zfn

@@ -25,9 +25,6 @@ RelaxedWord<int32_t> injectedFault;
 namespace {
 
 constexpr auto TUNER_SETTLE_TIME = std::chrono::milliseconds(200);
-// With the refinements on, a stream that has delivered no block for this long, or whose blocks the
-// demodulation thread has stopped taking, is reported as no signal.
-constexpr int64_t STREAM_STALL_MS = 1000;
 
 // The simulator was started by this open and not yet stopped: its pacer writes to dataEvent until
 // BDA_Stop_simulate, so every way out of open and close stops it before the event closes.
@@ -293,9 +290,9 @@ int32_t SignalPresentStatus() {
 int32_t SignalLockStatus() {
   if (StreamStalled()) return -1;
   if (engine.blockState != BLOCK_TRACKING) return 0;
-  if (engine.decodeStage == 2) {
-    if (engine.goodFrameRun > 1 && engine.badFrameRun < 3) return 1;
-    if (engine.badFrameRun > 19) return -1;
+  if (engine.decodeStage == DECODE_STREAM) {
+    if (engine.goodFrameRun > LOCK_GOOD_RUN_ABOVE && engine.badFrameRun < LOCK_BAD_RUN_BELOW) return 1;
+    if (engine.badFrameRun > NO_LOCK_BAD_RUN_ABOVE) return -1;
     return 0;
   }
   return engine.anyGoodMark == 1 ? 1 : 0;

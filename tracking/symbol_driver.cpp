@@ -144,7 +144,7 @@ void NoteTimingJump() {
   t.jumpPending = 1;
   t.jumpInForce = engine.timingStep;
   t.jumpAmount = engine.timingStep;
-  t.jumpStage = 1;
+  t.jumpStage = JUMP_DEROTATE_FIRST;
   t.jumpAge = 1;
   // Keep the rotator's phase continuous over the samples skipped or read twice.
   engine.ncoPhase = engine.ncoPhase + static_cast<float>(engine.timingStep) * engine.ncoStep;
