@@ -77,13 +77,6 @@ void RunCoarseSync() {
   const int32_t mode = e.modeGuard->mode;
   const int32_t searchHalf = CARRIER_SEARCH_HALF_BY_MODE[mode];
 
-  if (e.forceCarrierOffset != 0) {
-    e.ncoStep = static_cast<float>(static_cast<double>(e.ncoStep) - e.forcedCarrierOffset * TWO_PI / e.nfft);
-    e.readPos += e.nguard;
-    FinishCoarseSync();
-    return;
-  }
-
   // Scratch above the numerology mark; arenaFree is left alone and the mark restored at the end.
   const int32_t diffLength = e.nspan + 12 + 2 * searchHalf;
   const int32_t spanLength = e.nspan + 3;

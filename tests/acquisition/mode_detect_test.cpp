@@ -79,34 +79,5 @@ TEST(GuardCorrelation, RunningSumMatchesDirectProfile) {
   }
 }
 
-// The developer override measures its own pair only; a pair that does not exist is ignored.
-TEST(GuardCorrelation, ForcedPairIsMeasuredAloneAndInvalidPairsAreIgnored) {
-  test::EngineMemory memory;
-  FillBlock(memory.block, 6, 77, 0.0);
-  engine.forceModeGuard = 1;
-  engine.forcedMode = 1;
-  engine.forcedGuard = 1;  // not the pair on air
-  for (float& m : engine.guardMetric) m = -1.0f;
-  DetectModeAndGuard();
-  EXPECT_EQ(engine.modeIndexLast, 5);
-  EXPECT_EQ(engine.nsymbol, 544);
-  for (int i = 0; i < 12; ++i) EXPECT_EQ(engine.guardMetric[i] == -1.0f, i != 5) << i;
-  EXPECT_GE(engine.readPos, 0);
-  EXPECT_LT(engine.readPos, 2 * 544);
-  engine.forcedMode = 3;
-  DetectModeAndGuard();
-  EXPECT_EQ(engine.modeIndexLast, 6);
-  // A new pair: the arena went back to the init mark and the numerology was built anew there.
-  EXPECT_EQ(reinterpret_cast<uint8_t*>(engine.pilotSign), engine.arenaAfterInit);
-  EXPECT_EQ(engine.nsymbol, 576);
-  // The same pair again: no set-up, the arena only rewinds to the numerology mark.
-  const DftPlan planBefore = engine.fftPlan;
-  engine.arenaNext += 1000;
-  DetectModeAndGuard();
-  EXPECT_EQ(engine.fftPlan, planBefore);
-  EXPECT_EQ(engine.arenaNext, engine.arenaAfterNumerology);
-  engine.forceModeGuard = 0;
-}
-
 }  // namespace
 }  // namespace zfn
