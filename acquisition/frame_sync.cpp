@@ -16,7 +16,8 @@ namespace {
 // its inverse; the magnitude search finds both.
 constexpr int32_t SYNC_PATTERN[16] = {-1, -1, +1, +1, -1, +1, -1, +1, +1, +1, +1, -1, +1, +1, +1, -1};
 
-// TMCC carriers of a differential segment as transform bins, in the order of tmccPrev.
+// TMCC carriers of a differential segment as transform bins, in the order of tmccPrev (ARIB
+// STD-B31 tables 3-10 to 3-12).
 constexpr int32_t TMCC_BINS_MODE1[] = {251};
 constexpr int32_t TMCC_BINS_MODE2[] = {70, 427};
 constexpr int32_t TMCC_BINS_MODE3[] = {70, 133, 909, 939};
