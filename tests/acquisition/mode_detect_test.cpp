@@ -79,5 +79,26 @@ TEST(GuardCorrelation, RunningSumMatchesDirectProfile) {
   }
 }
 
+// A new pair builds its numerology from the init mark; the same pair again only rewinds the arena.
+TEST(GuardCorrelation, NumerologyIsBuiltOnlyForANewPair) {
+  test::EngineMemory memory;
+  FillBlock(memory.block, 5, 77, 0.0);
+  DetectModeAndGuard();
+  EXPECT_EQ(engine.modeIndexLast, 5);
+  EXPECT_EQ(engine.nsymbol, 544);
+  EXPECT_GE(engine.readPos, 0);
+  EXPECT_LT(engine.readPos, 2 * 544);
+  FillBlock(memory.block, 6, 77, 0.0);
+  DetectModeAndGuard();
+  EXPECT_EQ(engine.modeIndexLast, 6);
+  EXPECT_EQ(reinterpret_cast<uint8_t*>(engine.pilotSign), engine.arenaAfterInit);
+  EXPECT_EQ(engine.nsymbol, 576);
+  const DftPlan planBefore = engine.fftPlan;
+  engine.arenaNext += 1000;
+  DetectModeAndGuard();
+  EXPECT_EQ(engine.fftPlan, planBefore);
+  EXPECT_EQ(engine.arenaNext, engine.arenaAfterNumerology);
+}
+
 }  // namespace
 }  // namespace zfn
