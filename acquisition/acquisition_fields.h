@@ -51,9 +51,6 @@ struct AcquisitionFields {
   // Mode and guard detection.
   float guardMetric[MODE_GUARD_COUNT];
   int32_t guardPeak[MODE_GUARD_COUNT];
-  int32_t forceModeGuard;  // developer override; nothing sets it
-  uint8_t forcedMode;
-  uint8_t forcedGuard;
 
   // Carrier rotator, shared with tracking's frequency loop.
   float ncoStep;   // radians per complex sample

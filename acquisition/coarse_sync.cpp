@@ -8,6 +8,7 @@
 #include "acquisition/numerology.h"
 #include "numeric/dft.h"
 #include "numeric/math_primitives.h"
+#include "shell/block_scheduler.h"
 #include "shell/stages.h"
 #include "shell/work_arena.h"
 
@@ -28,10 +29,11 @@ struct SpanPair {
   float* im;
 };
 
-// One symbol from the grid point: copy, rotate onto the carrier grid, transform in place.
+// One symbol from the grid point: cut, rotate onto the carrier grid, transform in place. The eight
+// symbols of coarse sync start within two symbols of the block's start, so they never cross its end.
 void CoarseSymbolStep() {
   ReceiverState& e = engine;
-  std::memcpy(e.symbolBody, e.sampleBlock + e.readPos, sizeof(float) * 2 * static_cast<size_t>(e.nfft));
+  CutSampleSpan(e.symbolBody, 2 * e.nfft);
   e.readPos += 2 * e.nsymbol;
   RotateByNco(e.symbolBody, e.nfft, e.ncoPhase, e.ncoStep);
   AdvanceNcoPhaseBySymbol();
@@ -74,13 +76,6 @@ void RunCoarseSync() {
   ReceiverState& e = engine;
   const int32_t mode = e.modeGuard->mode;
   const int32_t searchHalf = CARRIER_SEARCH_HALF_BY_MODE[mode];
-
-  if (e.forceCarrierOffset != 0) {
-    e.ncoStep = static_cast<float>(static_cast<double>(e.ncoStep) - e.forcedCarrierOffset * TWO_PI / e.nfft);
-    e.readPos += e.nguard;
-    FinishCoarseSync();
-    return;
-  }
 
   // Scratch above the numerology mark; arenaFree is left alone and the mark restored at the end.
   const int32_t diffLength = e.nspan + 12 + 2 * searchHalf;

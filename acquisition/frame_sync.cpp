@@ -1,10 +1,10 @@
 // Frame synchronisation: differential BPSK of the TMCC carriers over 219 symbols, the search for
-// the 16-bit sync word (ARIB STD-B31 clause 3.15.2), TMCC decoding, and the hand-over to tracking.
+// the 16-bit sync word (ARIB STD-B31 clause 3.15.4), TMCC decoding, and the hand-over to tracking.
 #include <cmath>
-#include <cstring>
 
 #include "acquisition/acquisition.h"
 #include "numeric/dft.h"
+#include "shell/block_scheduler.h"
 #include "shell/stages.h"
 #include "shell/work_arena.h"
 
@@ -16,38 +16,13 @@ namespace {
 // its inverse; the magnitude search finds both.
 constexpr int32_t SYNC_PATTERN[16] = {-1, -1, +1, +1, -1, +1, -1, +1, +1, +1, +1, -1, +1, +1, +1, -1};
 
-// TMCC carriers of a differential segment as transform bins, in the order of tmccPrev.
+// TMCC carriers of a differential segment as transform bins, in the order of tmccPrev (ARIB
+// STD-B31 tables 3-10 to 3-12).
 constexpr int32_t TMCC_BINS_MODE1[] = {251};
 constexpr int32_t TMCC_BINS_MODE2[] = {70, 427};
 constexpr int32_t TMCC_BINS_MODE3[] = {70, 133, 909, 939};
 constexpr const int32_t* TMCC_BINS_BY_MODE[3] = {TMCC_BINS_MODE1, TMCC_BINS_MODE2, TMCC_BINS_MODE3};
 constexpr int32_t TMCC_COUNT_BY_MODE[3] = {1, 2, 4};
-
-// Gets one symbol span into symbolBody. 1 when it is whole, 0 when the block ran out first.
-int32_t CaptureSpan() {
-  ReceiverState& e = engine;
-  const int32_t spanFloats = 2 * e.nfft;
-  if (e.straddleFlag == 1) {
-    std::memcpy(e.symbolBody + e.straddleFloats, e.sampleBlock,
-                sizeof(float) * static_cast<size_t>(spanFloats - e.straddleFloats));
-    e.straddleFlag = 0;
-    e.readPos = e.readPos - BLOCK_FLOATS + 2 * e.nsymbol;
-    return 1;
-  }
-  if (e.readPos >= BLOCK_FLOATS) {
-    e.readPos -= BLOCK_FLOATS;
-    return 0;
-  }
-  if (e.readPos + spanFloats >= BLOCK_FLOATS) {
-    e.straddleFloats = BLOCK_FLOATS - e.readPos;
-    std::memcpy(e.symbolBody, e.sampleBlock + e.readPos, sizeof(float) * static_cast<size_t>(e.straddleFloats));
-    e.straddleFlag = 1;
-    return 0;
-  }
-  std::memcpy(e.symbolBody, e.sampleBlock + e.readPos, sizeof(float) * static_cast<size_t>(spanFloats));
-  e.readPos += 2 * e.nsymbol;
-  return 1;
-}
 
 // Start of the sync word in tmccRe/tmccIm: the largest correlation magnitude, later u on ties.
 int32_t FindSyncWord() {
@@ -81,7 +56,8 @@ int32_t RunFrameSync() {
 
   while (e.frameSymbolsLeft > 0) {
     const int32_t j = FRAME_CAPTURE_SYMBOLS - e.frameSymbolsLeft;
-    if (!CaptureSpan()) return 0;
+    if (CutSampleSpan(e.symbolBody, 2 * e.nfft) == 0) return 0;
+    e.readPos += 2 * e.nsymbol;
     RotateByNco(e.symbolBody, e.nfft, e.ncoPhase, e.ncoStep);
     AdvanceNcoPhaseBySymbol();
     DftiComputeForward(e.fftPlan, e.symbolBody);  // status ignored by design

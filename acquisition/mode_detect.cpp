@@ -85,26 +85,16 @@ void DetectModeAndGuard() {
   ReceiverState& e = engine;
   const float* x = e.sampleBlock;
   int32_t index = 0;
-  // The override applies only to a pair that exists; anything else is detected as usual.
-  const bool forced = e.forceModeGuard != 0 && e.forcedMode < MODE_COUNT && e.forcedGuard < GUARD_COUNT;
-  if (!forced) {
-    for (int32_t mode = 0; mode < MODE_COUNT; ++mode) {
-      for (int32_t guard = 0; guard < GUARD_COUNT; ++guard) MeasureGuardCorrelation(x, mode, guard);
-    }
-    // Strictly greater replaces: the lowest index wins a tie, and NaN metrics never win.
-    for (int32_t i = 1; i < MODE_GUARD_COUNT; ++i) {
-      if (e.guardMetric[i] > e.guardMetric[index]) index = i;
-    }
-    e.modeGuard->mode = static_cast<uint8_t>(index / 4);
-    e.modeGuard->guard = static_cast<uint8_t>(index % 4);
-    PublishDetectedModeGuard(index);
-  } else {
-    // The override measures its own pair only, so that the grid and offset below have a peak.
-    e.modeGuard->mode = e.forcedMode;
-    e.modeGuard->guard = e.forcedGuard;
-    index = e.forcedMode * 4 + e.forcedGuard;
-    MeasureGuardCorrelation(x, e.forcedMode, e.forcedGuard);
+  for (int32_t mode = 0; mode < MODE_COUNT; ++mode) {
+    for (int32_t guard = 0; guard < GUARD_COUNT; ++guard) MeasureGuardCorrelation(x, mode, guard);
   }
+  // Strictly greater replaces: the lowest index wins a tie, and NaN metrics never win.
+  for (int32_t i = 1; i < MODE_GUARD_COUNT; ++i) {
+    if (e.guardMetric[i] > e.guardMetric[index]) index = i;
+  }
+  e.modeGuard->mode = static_cast<uint8_t>(index / 4);
+  e.modeGuard->guard = static_cast<uint8_t>(index % 4);
+  PublishDetectedModeGuard(index);
 
   if (index == e.modeIndexLast) {
     e.arenaNext = e.arenaAfterNumerology;

@@ -10,7 +10,8 @@ namespace zfn {
 
 namespace {
 
-// Perfect difference set modulo 273 of the (273,191) code: each residue 1..272 is one difference.
+// Perfect difference set modulo 273 of the (273,191) code that TMCC parity shortens (ARIB STD-B31
+// clause 3.15): each residue 1..272 is one difference.
 constexpr int32_t TMCC_DIFFERENCE_SET[17] = {0, 18, 24, 46, 50, 67, 103, 112, 115, 126, 128, 159, 166, 167, 186, 196, 201};
 constexpr int32_t TMCC_CODE_LENGTH = 273;
 constexpr int32_t TMCC_REPAIRED_BITS = 21;

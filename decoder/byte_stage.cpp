@@ -108,7 +108,7 @@ void Derandomise(uint8_t* block, int32_t length) {
 }
 
 void HandOverPacket() {
-  if (engine.tsResetPhase != 3) return;  // a reset is pending: the packet is dropped
+  if (engine.tsResetPhase != TS_RING_OPEN) return;  // a reset is pending: the packet is dropped
   {
     std::lock_guard<std::mutex> lock(device.packetRingLock);
     engine.ringWrite = (engine.ringWrite + 1) % TS_RING_SLOTS;

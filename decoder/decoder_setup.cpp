@@ -14,7 +14,7 @@ DecoderState decoder;
 
 namespace {
 
-// Time interleaving depth I by the TMCC code (rows) and mode (columns), ARIB STD-B31.
+// Time interleaving depth I by the TMCC code (rows) and mode (columns), ARIB STD-B31 clause 3.11.
 constexpr int32_t INTERLEAVE_DEPTH[4][3] = {{0, 0, 0}, {4, 2, 1}, {8, 4, 2}, {16, 8, 4}};
 // Groups of 96 data carriers per symbol, by mode.
 constexpr int32_t INTERLEAVE_GROUPS[3] = {1, 2, 4};
@@ -22,7 +22,8 @@ constexpr int32_t INTERLEAVE_GROUPS[3] = {1, 2, 4};
 constexpr int32_t FIRST_LINE_SYMBOLS[5] = {95, 91, 92, 93, 94};
 // Floats of delay store per group and per unit of depth: 4560 complex values.
 constexpr int32_t TIME_STORE_FLOATS_PER_UNIT = 9120;
-// Start of branches 0..10 in the byte deinterleaver's store; branch j holds 11 - j cells of 17 bytes.
+// Start of branches 0..10 in the byte deinterleaver's store; branch j holds 11 - j cells of 17 bytes
+// (the 12-branch byte interleaving of ARIB STD-B31, undone).
 constexpr int32_t BYTE_BRANCH_OFFSET[11] = {0, 187, 357, 510, 646, 765, 867, 952, 1020, 1071, 1105};
 
 int32_t ModeColumn(uint8_t mode) { return mode <= 1 ? mode : 2; }

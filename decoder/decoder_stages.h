@@ -5,7 +5,7 @@
 
 namespace zfn {
 
-// Layer constants, by modulation and code rate code.
+// Layer constants, by the TMCC modulation and code rate codes (ARIB STD-B31 clause 3.15.6).
 inline constexpr int32_t BITS_PER_CARRIER[4] = {2, 2, 4, 6};
 inline constexpr int32_t CODE_RATE_NUMERATOR[5] = {1, 2, 3, 5, 7};
 inline constexpr int32_t CODE_RATE_DENOMINATOR[5] = {2, 3, 4, 6, 8};

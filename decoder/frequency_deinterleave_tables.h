@@ -1,5 +1,5 @@
 #pragma once
-// Intra-segment carrier randomisation of ISDB-T (ARIB STD-B31, frequency interleaving): for each mode the gather
+// Intra-segment carrier randomisation of ISDB-T (ARIB STD-B31 clause 3.11, frequency interleaving): for each mode the gather
 // permutation of the data carriers of segment 0. The transmitter writes its input carrier i to data
 // slot table[i]; the receiver reads slot table[i] back into place i. Segment 0 has no carrier
 // rotation, so these tables are the whole frequency deinterleaver of the partial-reception segment.

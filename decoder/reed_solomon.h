@@ -25,7 +25,8 @@ struct RsTables {
 extern RsTables rsTables;
 extern RsTables* rsTablesRef;
 
-// Low coefficients of the generator polynomial, x^0 first; the coefficient of x^16 is 1.
+// Low coefficients of the generator polynomial of the outer code (ARIB STD-B31), x^0 first; the
+// coefficient of x^16 is 1.
 inline constexpr uint8_t RS_GENERATOR[16] = {0x3B, 0x24, 0x32, 0x62, 0xE5, 0x29, 0x41, 0xA3,
                                              0x08, 0x1E, 0xD1, 0x44, 0xBD, 0x68, 0x0D, 0x3B};
 

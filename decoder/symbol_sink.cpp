@@ -17,8 +17,9 @@ namespace zfn {
 
 namespace {
 
-// Carriers of one group of 96 that have a time delay line, by row: first carrier of the row. Carrier 19
-// has no delay (its receiver delay I * (95 - (5 * 19 mod 96)) is 0) and sits between rows 0 and 1.
+// Carriers of one group of 96 that have a time delay line (ARIB STD-B31 clause 3.11), by row: first
+// carrier of the row. Carrier 19 has no delay (its receiver delay I * (95 - (5 * 19 mod 96)) is 0)
+// and sits between rows 0 and 1.
 constexpr int32_t ROW_FIRST_CARRIER[5] = {0, 20, 39, 58, 77};
 constexpr int32_t ROW_CARRIERS = 19;
 constexpr int32_t UNDELAYED_CARRIER = 19;
@@ -33,7 +34,8 @@ constexpr int32_t BIT_DELAYS_QPSK[2] = {120, 0};
 constexpr int32_t BIT_DELAYS_QAM16[4] = {120, 80, 40, 0};
 constexpr int32_t BIT_DELAYS_QAM64[6] = {120, 96, 72, 48, 24, 0};
 
-// Puncturing: output places filled by the transmitted bits of one period, in transmission order.
+// Puncturing of the inner code (ARIB STD-B31): output places filled by the transmitted bits of one
+// period, in transmission order.
 // Output place 2k is X of step k + 1 and 2k + 1 its Y; places not listed are punctured.
 struct PunctureShape {
   int32_t inputBits;

@@ -14,10 +14,6 @@ namespace zfn {
 
 namespace {
 
-constexpr int32_t EARLY_PACKETS = 40;      // packets judged in decode stage 1
-constexpr int32_t EARLY_GOOD_NEEDED = 2;   // good ones among them that keep the early mark down
-constexpr int32_t GOOD_RUN_CLEARS = 10;    // good packets that clear the stream-failure mark
-constexpr int32_t BAD_RUN_RAISES = 40;     // bad packets that raise it
 constexpr int32_t SYMBOLS_PER_FRAME = 204;
 
 // Clears the ring and the statistics. Reset B, after a request that came during a drain, keeps the
@@ -41,7 +37,7 @@ void ResetPacketStage(bool clearStreamMark) {
   if (clearStreamMark) engine.streamFailMark = 0;
   engine.earlyFailMark = 0;
   engine.failsThisSecond = -1;
-  engine.tsResetPhase = 3;
+  engine.tsResetPhase = TS_RING_OPEN;
 }
 
 }  // namespace
@@ -64,7 +60,7 @@ void SetUpTransportOutput() {
   engine.packetFailRate = 0.0f;
   engine.byteErrorRate = 0.0f;
   engine.tsResetRequest = 1;
-  engine.tsResetPhase = 3;
+  engine.tsResetPhase = TS_RING_OPEN;
   engine.failsThisSecond = -1;
 }
 
@@ -130,11 +126,14 @@ void ProcessPacket() {
     engine.failsThisSecond = engine.failsThisSecond + 1;
   }
 
+  // Judgement and counts by the decode stage of this moment.
+  const int32_t stage = engine.decodeStage;
+  const int32_t verdict = bad ? RS_VERDICT_FAILED : result == RS_OK ? RS_VERDICT_CLEAN : RS_VERDICT_CORRECTED;
+  engine.rsVerdicts[verdict] = engine.rsVerdicts[verdict] + 1;
+  if (stage == DECODE_STREAM) engine.rsStreamVerdicts[verdict] = engine.rsStreamVerdicts[verdict] + 1;
   if (engine.packetLogStream != nullptr) std::fprintf(engine.packetLogStream, "%d\n", bad ? 1 : result == RS_OK ? 0 : -1);
 
-  // Judgement by the decode stage of this moment.
-  const int32_t stage = engine.decodeStage;
-  if (stage == 1) {
+  if (stage == DECODE_EARLY) {
     if (engine.earlyPacketCount < EARLY_PACKETS) {
       ++engine.earlyPacketCount;
       if (!bad) {
@@ -143,7 +142,7 @@ void ProcessPacket() {
       }
     }
     if (engine.earlyPacketCount == EARLY_PACKETS) engine.earlyFailMark = engine.earlyGoodCount < EARLY_GOOD_NEEDED ? 1 : 0;
-  } else if (stage == 2) {
+  } else if (stage == DECODE_STREAM) {
     if (!bad) {
       engine.goodFrameRun = engine.goodFrameRun + 1;
       if (engine.goodFrameRun >= GOOD_RUN_CLEARS) {

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 
@@ -89,7 +90,7 @@ void PacketThread() {
 }
 
 void RequestPacketRestart() {
-  engine.tsResetPhase = 2;
+  engine.tsResetPhase = TS_RESET_PENDING;
   engine.tsResetRequest = 1;
   device.packetEvent.Set();
 }
@@ -243,13 +244,10 @@ void SymbolStep() {
   FinishSymbol();
 }
 
-// Above this packet failure rate a low decision SNR restarts acquisition again, with the refinements.
-constexpr float REFINED_SPARE_FAIL_RATE = 0.5f;
-
 void FinishSymbol() {
   int32_t resync = 0;
   switch (engine.decodeStage) {
-    case 1:
+    case DECODE_EARLY:
       if (engine.refined != 0) {
         // Refinement: a low decision SNR alone does not throw away a signal whose packets decode;
         // it restarts acquisition while no judged packet has come through Reed-Solomon, or once
@@ -263,7 +261,7 @@ void FinishSymbol() {
         resync = (engine.earlyFailMark != 0 || engine.snrFailed != 0) ? 1 : 0;
       }
       break;
-    case 2:
+    case DECODE_STREAM:
       resync = engine.streamFailMark;
       break;
     default:
@@ -275,51 +273,45 @@ void FinishSymbol() {
   engine.spPhase = (engine.spPhase + 1) % 4;
 }
 
-void WalkSymbols() {
-  const int32_t S = engine.nwork * 2;
-  const int32_t N = engine.nsymbol * 2;
-  const int32_t B = BLOCK_FLOATS;
-  float* const buffer = engine.symbolBuffer;
-  const float* const samples = engine.sampleBlock;
-  auto T = [] { return engine.timingStep * 2; };  // read anew after every symbol
+int32_t CutSampleSpan(float* span, int32_t floats) {
+  ReceiverState& e = engine;
+  const auto bytes = [](int32_t n) { return sizeof(float) * static_cast<size_t>(n); };
+  if (e.straddleFlag == 1) {
+    // The head came from the last block: the rest starts this one.
+    e.straddleFlag = 0;
+    std::memcpy(span + e.straddleFloats, e.sampleBlock, bytes(floats - e.straddleFloats));
+    e.readPos -= BLOCK_FLOATS;
+    return 1;
+  }
+  if (e.readPos < 0) {
+    // The head is the tail of the last block, still in span behind the floats it held.
+    const int32_t tail = -e.readPos;
+    std::memmove(span, span + e.straddleFloats - tail, bytes(tail));
+    std::memcpy(span + tail, e.sampleBlock, bytes(floats - tail));
+    return 1;
+  }
+  if (e.readPos >= BLOCK_FLOATS) {
+    e.readPos -= BLOCK_FLOATS;
+    return 0;
+  }
+  if (e.readPos + floats >= BLOCK_FLOATS) {
+    e.straddleFloats = BLOCK_FLOATS - e.readPos;
+    std::memcpy(span, e.sampleBlock + e.readPos, bytes(e.straddleFloats));
+    e.straddleFlag = 1;
+    return 0;
+  }
+  std::memcpy(span, e.sampleBlock + e.readPos, bytes(floats));
+  return 1;
+}
 
-  bool fitsInBlock = true;
-  if (engine.straddleFlag == 1) {
-    // Complete the symbol whose head the last block left in symbolBuffer.
-    engine.straddleFlag = 0;
-    const int32_t held = engine.straddleFloats;
-    std::memcpy(buffer + held, samples, sizeof(float) * static_cast<size_t>(S - held));
+void WalkSymbols() {
+  for (;;) {
+    // After a symbol completed over the edge the walk can step back into the tail it still holds;
+    // otherwise a step larger than a symbol stays in the block.
+    const int32_t earliest = engine.straddleFlag == 1 ? -engine.straddleFloats : 0;
+    if (CutSampleSpan(engine.symbolBuffer, 2 * engine.nwork) == 0) return;
     symbolStepHandler();
-    int32_t next = engine.readPos + N + T() - B;
-    // The walk cannot step back beyond the tail it still holds.
-    if (next < -held) next = -held;
-    if (next < 0) {
-      // A negative step pulled the next start back over the edge: its head is the tail of the last
-      // block, still in symbolBuffer behind the floats it held from the start.
-      engine.readPos = next;
-      std::memmove(buffer, buffer + held + next, sizeof(float) * static_cast<size_t>(-next));
-      std::memcpy(buffer - next, samples, sizeof(float) * static_cast<size_t>(S + next));
-      symbolStepHandler();
-      next = engine.readPos + N + T();
-    }
-    engine.readPos = next;
-    fitsInBlock = engine.readPos + S < B;
-  }
-  if (fitsInBlock) {
-    do {
-      std::memcpy(buffer, samples + engine.readPos, sizeof(float) * static_cast<size_t>(S));
-      symbolStepHandler();
-      engine.readPos += N + T();
-      if (engine.readPos < 0) engine.readPos = 0;  // a step larger than a symbol: stay in the block
-    } while (engine.readPos + S < B);
-  }
-  if (engine.readPos < B) {
-    // The next symbol begins here and ends in the next block.
-    engine.straddleFloats = B - engine.readPos;
-    std::memcpy(buffer, samples + engine.readPos, sizeof(float) * static_cast<size_t>(engine.straddleFloats));
-    engine.straddleFlag = 1;
-  } else {
-    engine.readPos -= B;
+    engine.readPos = std::max(engine.readPos + 2 * (engine.nsymbol + engine.timingStep), earliest);
   }
 }
 

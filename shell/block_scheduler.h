@@ -19,7 +19,14 @@ void ProcessPendingBlocks();
 void ProcessBlock();
 // Converts the 60160 retained samples of rawBlock into sampleBlock.
 void ConvertBlock(const uint8_t* raw, float* samples);
-// Walks the symbols of sampleBlock in BLOCK_TRACKING, carrying a straddling symbol over the edge.
+// Cuts the span of `floats` floats that starts at readPos in sampleBlock into `span`: the one way
+// coarse sync, frame sync and tracking take a symbol. A span that reaches the block's end is cut in
+// two: its head stays in span (straddleFlag, straddleFloats) and the call for the next block adds
+// the rest and counts readPos from that block. A negative readPos, right after such a completion,
+// reaches back into the tail of the last block that span still holds. 1 when span is whole; 0 when
+// the block ran out first.
+int32_t CutSampleSpan(float* span, int32_t floats);
+// Walks the symbols of sampleBlock in BLOCK_TRACKING, each nsymbol + timingStep after the last.
 void WalkSymbols();
 // One symbol: tracking, decoding, then FinishSymbol.
 void SymbolStep();
@@ -50,7 +57,7 @@ extern RelaxedWord<int64_t> lastBlockTakenMs;
 // Both times to now: at open and at every retune, which start the stream's clock anew.
 void MarkStreamProgress();
 
-// Tells the packet thread to start over: tsResetPhase 2, tsResetRequest 1, packetEvent.
+// Tells the packet thread to start over: tsResetPhase TS_RESET_PENDING, tsResetRequest 1, packetEvent.
 void RequestPacketRestart();
 
 }  // namespace zfn

@@ -40,7 +40,7 @@ struct CaptureState {
   int32_t captureFileNumber;   // number of the next file; kept over close and open
   char captureFileName[24];    // "BBStore" and the number
 
-  // Safety beside the designed fields.
+  // Guards of the file and of the thread's life.
   bool captureFileOpen;                 // captureFile is open: the guard against a second fclose
   RelaxedWord<int32_t> threadEnded;     // set by the capture thread as its last act
   RelaxedWord<uint32_t> generation;     // a thread runs only while this is the value it started with

@@ -48,6 +48,10 @@ int32_t EngineInit() {
   engine.refined = RefinedSwitchFromEnvironment();
   engine.bytePhase = 0;
   engine.bytePhaseTries = 0;
+  for (int32_t v = RS_VERDICT_CLEAN; v <= RS_VERDICT_FAILED; ++v) {
+    engine.rsVerdicts[v] = 0;
+    engine.rsStreamVerdicts[v] = 0;
+  }
 
   LoadParameterSet(PARAM_DEFAULTS);
 

@@ -25,19 +25,10 @@ RelaxedWord<int32_t> injectedFault;
 namespace {
 
 constexpr auto TUNER_SETTLE_TIME = std::chrono::milliseconds(200);
-// With the refinements on, a stream that has delivered no block for this long, or whose blocks the
-// demodulation thread has stopped taking, is reported as no signal.
-constexpr int64_t STREAM_STALL_MS = 1000;
 
 // The simulator was started by this open and not yet stopped: its pacer writes to dataEvent until
 // BDA_Stop_simulate, so every way out of open and close stops it before the event closes.
 bool simulatorStarted = false;
-
-void StopSimulator() {
-  if (!simulatorStarted) return;
-  simulatorStarted = false;
-  if (simulatorBinding.BDA_Stop_simulate != nullptr) simulatorBinding.BDA_Stop_simulate();
-}
 
 // True on one of the receiver's own threads. Close and open there would join the thread that is
 // calling them (the transport stream callback runs on the packet thread).
@@ -69,36 +60,46 @@ void JoinThread(platform::Thread& thread, uint64_t& id) {
   id = 0;
 }
 
-// Stops the threads and releases the engine, in the one order that open's unwinding and close
-// share: the reception thread outlives the engine, so that the ring stays valid for its writer
-// until the writer is gone.
-void StopThreadsAndEngine() {
+// Releases what open took, in the one order that open's failure path and close share: threads and
+// engine, the sample source, the data event, the capture ring, the device library. A failed open
+// stops the simulator it started and releases what it took of the device; close goes by the sample
+// source that simulationMode names: the simulator is stopped, or the device released.
+void ReleaseDevice(bool closing) {
+  device.running = 0;
+  // The reception thread outlives the engine, so that the ring stays valid for its writer until the
+  // writer is gone. packetRingLock is a mutex of static storage: nothing to delete.
   JoinThread(threadTable.packet, threadTable.packetId);
   JoinThread(threadTable.demodulation, threadTable.demodulationId);
   EngineFree();
   device.controlLock.Close();
-  // packetRingLock is a mutex of static storage: nothing to delete.
   device.packetEvent.Close();
   JoinThread(threadTable.reception, threadTable.receptionId);
   BlockRingFree();
   device.blockEvent.Close();
+  const bool simulated = device.simulationMode != 0;
+  if (closing ? simulated : simulatorStarted) {
+    // The simulator library stays loaded for the life of the process.
+    simulatorStarted = false;
+    if (simulatorBinding.BDA_Stop_simulate != nullptr) simulatorBinding.BDA_Stop_simulate();
+  }
+  if (!closing || !simulated) {
+    if (device.dataEventRegistered != 0) {
+      deviceBinding.ReleaseDABEventHandle(device.dataEvent.DescriptorAddress());
+      device.dataEventRegistered = 0;
+    }
+    if (device.deviceBound != 0) deviceBinding.BDAFilterRelease(0);
+    device.tunerType = 0;
+  }
+  device.dataEvent.Close();
+  device.debugPara = nullptr;
+  CaptureRingFree();
+  UnbindDeviceLibrary();
+  device.deviceBound = 0;
 }
 
 // The one unwinding path of a failed open, whichever step failed.
 int32_t UnwindOpen(int32_t result) {
-  device.running = 0;
-  StopThreadsAndEngine();
-  StopSimulator();
-  if (device.dataEventRegistered != 0) {
-    deviceBinding.ReleaseDABEventHandle(device.dataEvent.DescriptorAddress());
-    device.dataEventRegistered = 0;
-  }
-  if (device.deviceBound != 0) deviceBinding.BDAFilterRelease(0);
-  device.dataEvent.Close();
-  device.tunerType = 0;
-  device.debugPara = nullptr;
-  UnbindDeviceLibrary();
-  device.deviceBound = 0;
+  ReleaseDevice(false);
   LogMessage("ISDBT API: <-- OPEN DAB DEVICE Fail\n");
   return result;
 }
@@ -212,31 +213,9 @@ int32_t CloseDevice() {
     LogMessage("ISDBT API: <-- ISDBT_DeviceOff() refused on a receiver thread\n");
     return 0;
   }
-  device.running = 0;
-  StopThreadsAndEngine();
-
-  if (device.simulationMode == 0) {
-    if (device.dataEventRegistered != 0) {
-      deviceBinding.ReleaseDABEventHandle(device.dataEvent.DescriptorAddress());
-      device.dataEventRegistered = 0;
-    }
-    if (device.deviceBound != 0) deviceBinding.BDAFilterRelease(0);
-    device.tunerType = 0;
-  } else if (simulatorBinding.BDA_Stop_simulate != nullptr) {
-    // The simulator library stays loaded for the life of the process.
-    simulatorStarted = false;
-    simulatorBinding.BDA_Stop_simulate();
-  }
-
-  device.dataEvent.Close();
-  device.debugPara = nullptr;
+  ReleaseDevice(true);
   device.simulationMode = 0;
   captureOn = 0;
-
-  CaptureRingFree();
-
-  UnbindDeviceLibrary();
-  device.deviceBound = 0;
   LogMessage("ISDBT API: <-- ISDBT_DeviceOff() OK\n");
   return 1;
 }
@@ -293,9 +272,9 @@ int32_t SignalPresentStatus() {
 int32_t SignalLockStatus() {
   if (StreamStalled()) return -1;
   if (engine.blockState != BLOCK_TRACKING) return 0;
-  if (engine.decodeStage == 2) {
-    if (engine.goodFrameRun > 1 && engine.badFrameRun < 3) return 1;
-    if (engine.badFrameRun > 19) return -1;
+  if (engine.decodeStage == DECODE_STREAM) {
+    if (engine.goodFrameRun > LOCK_GOOD_RUN_ABOVE && engine.badFrameRun < LOCK_BAD_RUN_BELOW) return 1;
+    if (engine.badFrameRun > NO_LOCK_BAD_RUN_ABOVE) return -1;
     return 0;
   }
   return engine.anyGoodMark == 1 ? 1 : 0;

@@ -74,7 +74,7 @@ struct ShellFields {
   // Static switches: set by EngineInit and the debug command, untouched by any reset.
   RelaxedWord<int32_t> autoResync;      // 0: the decoder's statistics no longer restart acquisition
   RelaxedWord<int32_t> rsDecoderFull;   // 1: the full Reed-Solomon routine, 0: the other one
-  RelaxedWord<int32_t> forcedCarrierOffset{-46};  // used only under forceCarrierOffset
+  RelaxedWord<int32_t> forcedCarrierOffset{-46};  // debug command 8; the carrier search has no override that reads it
   // 1: the refinements beside the designed path are on (environment ZFNISDBT_REFINED=1, read by
   // EngineInit, so at open and when the synchronous driver opens); 0: the designed behaviour exactly.
   RelaxedWord<int32_t> refined;
@@ -122,9 +122,6 @@ struct ShellFields {
   // BLOCK_NO_SIGNAL as designed.
   int32_t bytePhase;
   int32_t bytePhaseTries;
-
-  // Needed early by acquisition; owned by shell
-  int32_t forceCarrierOffset;  // developer override of the carrier search; nothing sets it
 };
 
 }  // namespace zfn

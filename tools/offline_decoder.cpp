@@ -42,19 +42,7 @@ bool OfflineDecoder::Open(Sink sink, void* context) {
   sink_ = sink;
   context_ = context;
   pending_ = 0;
-  logNegative_ = false;
-  logDigit_ = -1;
   if (SyncDriverOpen(&OfflineDecoder::Deliver, this) != 1) return false;
-  // The packet stage prints one line per packet: 0 clean, -1 corrected, 1 not corrected. Unbuffered,
-  // each line reaches LogWrite while the packet's decode stage is still the engine's.
-  const cookie_io_functions_t io{nullptr, &OfflineDecoder::LogWrite, nullptr, nullptr};
-  log_ = fopencookie(this, "w", io);
-  if (log_ == nullptr) {
-    SyncDriverClose();
-    return false;
-  }
-  std::setvbuf(log_, nullptr, _IONBF, 0);
-  engine.packetLogStream = log_;
   open_ = true;
   SyncDriverRetune();
   return true;
@@ -81,9 +69,14 @@ void OfflineDecoder::AfterBlock() {
   const int32_t state = SyncDriverBlockState();
   stats_.blocks += 1;
   stats_.finalState = state;
+  const auto counts = [](const RelaxedWord<int64_t>* n) {
+    return RsCounts{n[RS_VERDICT_CLEAN], n[RS_VERDICT_CORRECTED], n[RS_VERDICT_FAILED]};
+  };
+  stats_.all = counts(engine.rsVerdicts);
+  stats_.streaming = counts(engine.rsStreamVerdicts);
   // A request to re-acquire is acted on within the same pass of the driver, on the same block, so
   // its cause is read from what the restart leaves standing: the low-SNR flag (cleared only by the
-  // next tracking set-up) and the decode stage (1: the early judgement, 2: the stream's).
+  // next tracking set-up) and the decode stage (DECODE_EARLY or DECODE_STREAM).
   if (previous == BLOCK_TRACKING && state != BLOCK_TRACKING) {
     stats_.trackingLosses += 1;
     if (stats_.firstStreamBlock >= 0) stats_.lossesAfterStream += 1;
@@ -113,9 +106,6 @@ void OfflineDecoder::AfterBlock() {
 void OfflineDecoder::Close() {
   if (!open_) return;
   SyncDriverClose();
-  engine.packetLogStream = nullptr;
-  std::fclose(log_);
-  log_ = nullptr;
   open_ = false;
 }
 
@@ -123,33 +113,6 @@ void OfflineDecoder::Deliver(const uint8_t* data, int32_t length, void* context)
   auto* self = static_cast<OfflineDecoder*>(context);
   self->stats_.packetsDelivered += length / 188;
   if (self->sink_ != nullptr) self->sink_(data, length, self->context_);
-}
-
-ssize_t OfflineDecoder::LogWrite(void* cookie, const char* buffer, size_t size) {
-  auto* self = static_cast<OfflineDecoder*>(cookie);
-  const bool streaming = engine.decodeStage == DECODE_STREAM;
-  for (size_t i = 0; i < size; ++i) {
-    const char c = buffer[i];
-    if (c == '-') {
-      self->logNegative_ = true;
-    } else if (c == '0' || c == '1') {
-      self->logDigit_ = c - '0';
-    } else if (c == '\n') {
-      int64_t RsCounts::*field = nullptr;
-      if (self->logDigit_ == 0) {
-        field = &RsCounts::ok;
-      } else if (self->logDigit_ == 1) {
-        field = self->logNegative_ ? &RsCounts::corrected : &RsCounts::failed;
-      }
-      if (field != nullptr) {
-        self->stats_.all.*field += 1;
-        if (streaming) self->stats_.streaming.*field += 1;
-      }
-      self->logNegative_ = false;
-      self->logDigit_ = -1;
-    }
-  }
-  return static_cast<ssize_t>(size);
 }
 
 }  // namespace zfn::tools

@@ -1,16 +1,12 @@
 #pragma once
 // Offline decoding of the device byte stream through the synchronous driver: what `zfnisdbt decode`,
 // the whole-engine benchmark and the sensitivity sweep share. Blocks are handled one at a time so
-// that the block state can be watched after each, and every packet's Reed-Solomon result is counted
-// through the packet stage's per-packet log, which this class attaches to the engine.
+// that the block state can be watched after each, and the engine's Reed-Solomon verdict counts read.
 //
 // One engine exists per process: one OfflineDecoder may be open at a time, and not while the device
 // is open.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-
-#include <sys/types.h>
 
 namespace zfn::tools {
 
@@ -76,16 +72,12 @@ class OfflineDecoder {
 
  private:
   static void Deliver(const uint8_t* data, int32_t length, void* context);
-  static ssize_t LogWrite(void* cookie, const char* buffer, size_t size);
   void AfterBlock();
 
   bool open_ = false;
   Sink sink_ = nullptr;
   void* context_ = nullptr;
   size_t pending_ = 0;
-  std::FILE* log_ = nullptr;
-  bool logNegative_ = false;
-  int logDigit_ = -1;
   OfflineDecodeStats stats_;
 };
 

@@ -53,7 +53,7 @@ void RebaseAfterJump() {
     const float* row = HistoryRow((t.pilotHistorySlot + 10 + i) % PILOT_HISTORY_ROWS);
     for (int32_t p = 0; p < groups; ++p) Store(t.pilotRow, 4 * p + i, HistoryPilot(row, p));
   }
-  t.jumpStage = 6;
+  t.jumpStage = JUMP_REBASED_ROW;
 
   // The copy that stands in for pastRow2 in the next symbol.
   const int32_t n = engine.nspan / 3;
@@ -78,7 +78,7 @@ void EstimatePilots() {
 
   // Pilots of this symbol, sign and boost removed.
   const float* past2 = t.pastRow2;
-  const bool derotate = t.jumpStage >= 1 && t.jumpStage <= 4;
+  const bool derotate = t.jumpStage >= JUMP_DEROTATE_FIRST && t.jumpStage <= JUMP_DEROTATE_LAST;
   Cx rot{1.0f, 0.0f};
   Cx groupStep{1.0f, 0.0f};
   if (derotate) {
@@ -102,14 +102,14 @@ void EstimatePilots() {
   }
   if (derotate) {
     ++t.jumpStage;
-  } else if (t.jumpStage == 6) {
+  } else if (t.jumpStage == JUMP_REBASED_ROW) {
     past2 = t.rebasedRow;
-    t.jumpStage = 7;
+    t.jumpStage = JUMP_FINISHED;
   }
 
   // Recursive filter along time, output three symbols back.
   const float* oldest = t.carrierRing + t.carrierRingNext * t.carrierRingStride;
-  const bool adaptTaps = t.adaptTimeTaps && t.jumpStage < 4 && engine.symbolCount > 7;
+  const bool adaptTaps = t.adaptTimeTaps && t.jumpStage < JUMP_DEROTATE_LAST && engine.symbolCount > 7;
   for (int32_t p = 0; p < groups; ++p) {
     const int32_t exact = 4 * p + ((s + 1) & 3);
     Store(t.filteredRow, exact, Load(t.pilotRow, exact));
@@ -135,10 +135,10 @@ void EstimatePilots() {
     }
   }
 
-  if (t.jumpStage == 5) {
+  if (t.jumpStage == JUMP_REBASE) {
     RebaseAfterJump();
-  } else if (t.jumpStage == 7) {
-    t.jumpStage = 0;
+  } else if (t.jumpStage == JUMP_FINISHED) {
+    t.jumpStage = JUMP_AT_REST;
   }
 
   if (t.tapLog) {

@@ -144,17 +144,17 @@ void EqualiseCarriers() {
 
 void WatchLowSnr() {
   TrackerState& t = tracker;
-  if (engine.decodeStage != DECODE_EARLY || engine.symbolCount <= 50) return;
+  if (engine.decodeStage != DECODE_EARLY || engine.symbolCount < SNR_WATCH_FROM) return;
   const double snr = engine.snrDb.load();
-  if (snr < 2.0) {
+  if (snr < SNR_LOW_DB) {
     ++t.snrLowCount;
-  } else if (snr > 4.0) {
+  } else if (snr > SNR_HIGH_DB) {
     ++t.snrHighCount;
   }
-  if (t.snrHighCount >= 20) {
+  if (t.snrHighCount >= SNR_HIGH_RESETS) {
     t.snrLowCount = 0;
     t.snrHighCount = 0;
-  } else if (t.snrLowCount > 100) {
+  } else if (t.snrLowCount >= SNR_LOW_FAILS) {
     engine.snrFailed = 1;
   }
 }

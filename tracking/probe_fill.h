@@ -15,23 +15,23 @@
 
 namespace zfn {
 
-// Step 1 of ProcessSymbol, first thing in the symbol. Counts the symbol (probeTick) and, at the
+// First thing in ProcessSymbol. Counts the symbol (probeTick) and, at the
 // first symbol of a frame, rewinds the record's fillIndex to 0.
 //   symbolIndex: engine.symbolIndex of this symbol.
 void ProbeBeginSymbol(int32_t symbolIndex);
 
-// Step 19 of ProcessSymbol, after TrackTiming: appends the timing step of a symbol at which the
+// In ProcessSymbol after TrackTiming: appends the timing step of a symbol at which the
 // timing loop could decide ((symbolIndex + 1) mod timingPeriod = 0) to the frame's jumpList, up to
 // 29 entries.
 //   symbolIndex: engine.symbolIndex; timingPeriod: tracker.timingPeriod;
-//   timingStep: engine.timingStep as step 18 left it.
+//   timingStep: engine.timingStep as the timing loop left it.
 void ProbeNoteTimingStep(int32_t symbolIndex, int32_t timingPeriod, int32_t timingStep);
 
-// Step 21 of ProcessSymbol: a fill is due when the probe is active and probeTick mod
+// At the end of ProcessSymbol: a fill is due when the probe is active and probeTick mod
 // probeDecimation is 0 (every symbol, as probeDecimation is 1).
 bool ProbeFillDue();
 
-// Step 21, first part: while symbolIndex <= 100, appends the ndata data carriers at fillIndex as
+// The fill, first part: while symbolIndex <= 100, appends the ndata data carriers at fillIndex as
 // doubles and advances fillIndex by ndata. With QPSK the scaling given for the soft demapper is
 // undone first: times 0.125 when qpskSoftTarget <= 0, else divided by the carrier's soft weight.
 //   carriers: engine.equalisedCarriers, 2 * ndata floats (re, im interleaved);
@@ -41,7 +41,7 @@ bool ProbeFillDue();
 void ProbeStoreCarriers(int32_t symbolIndex, std::span<const float> carriers, int32_t bitsPerCarrier,
                         float qpskSoftTarget, std::span<const float> softWeight);
 
-// Step 21, second part, the values shown once per frame.
+// The fill, second part, the values shown once per frame.
 struct ProbeFrameInput {
   float snrDb;                           // engine.snrDb
   int32_t nfft;                          // engine.nfft
@@ -56,13 +56,13 @@ struct ProbeFrameInput {
   int32_t blockState;                    // engine.blockState
 };
 
-// Step 21, at symbolIndex = 100 exactly: stores snrDb, the remaining carrier offset
+// The fill at symbolIndex = 100 exactly: stores snrDb, the remaining carrier offset
 // nfft * ncoStep / 2pi in carrier spacings, the channel planes, the newest carrier slot, the
 // 2 * timingSpan + 1 entries of timingAcc from rotateStart, the jumpList with its length in front
 // (after which the list is emptied), channelState and blockState, and sets updateEvent.
 void ProbeFinishFrame(int32_t symbolIndex, const ProbeFrameInput& frame);
 
-// Step 4 of ProcessBlock: while the probe is active and blockState is below BLOCK_TRACKING, stores
+// At the end of ProcessBlock: while the probe is active and blockState is below BLOCK_TRACKING, stores
 // blockState in the state cell and sets updateEvent.
 void ProbeStoreBlockState(int32_t blockState);
 

@@ -144,7 +144,7 @@ void NoteTimingJump() {
   t.jumpPending = 1;
   t.jumpInForce = engine.timingStep;
   t.jumpAmount = engine.timingStep;
-  t.jumpStage = 1;
+  t.jumpStage = JUMP_DEROTATE_FIRST;
   t.jumpAge = 1;
   // Keep the rotator's phase continuous over the samples skipped or read twice.
   engine.ncoPhase = engine.ncoPhase + static_cast<float>(engine.timingStep) * engine.ncoStep;
@@ -374,71 +374,71 @@ void ProcessSymbol() {
   if (t.carrierRing == nullptr || engine.symbolBuffer == nullptr) return;
   const int32_t count = engine.symbolCount;
 
-  // 1. Probe: count the symbol, rewind the record at the frame start.
+  // Probe: count the symbol, rewind the record at the frame start.
   if (engine.probeActive != 0) ProbeBeginSymbol(engine.symbolIndex);
 
-  // 2., 3. Stage change and the events of the schedule.
+  // Stage change and the events of the schedule.
   RunSchedule(count);
 
-  // 4. Timing jump decided in the previous symbol.
+  // Timing jump decided in the previous symbol.
   NoteTimingJump();
 
-  // 5. Sample clock statistic.
+  // Sample clock statistic.
   MeasureClockOffset();
 
-  // 6. Filter pair scan and decoder hand-over.
+  // Filter pair scan and decoder hand-over.
   StartScanAndHandOver(count);
 
-  // 7. The frequency loop rests in the one symbol read at a new position.
+  // The frequency loop rests in the one symbol read at a new position.
   t.freqLoopOn = (count >= 16 && t.jumpPending == 0) ? 1 : 0;
 
-  // 8. Rotate only the span that the transform and the timing gate read.
+  // Rotate only the span that the transform and the timing gate read.
   const float startPhase = engine.ncoPhase + static_cast<float>(t.rotateStart) * engine.ncoStep;
   RotateByNco(engine.symbolBuffer + 2 * t.rotateStart, t.rotateCount, startPhase, engine.ncoStep);
 
-  // 9. Advance the rotator to the next symbol.
+  // Advance the rotator to the next symbol.
   engine.ncoPhase = WrapPhase(engine.ncoPhase + static_cast<float>(engine.nsymbol) * engine.ncoStep);
 
-  // 10. Transform, and the span into the carrier ring.
+  // Transform, and the span into the carrier ring.
   TransformAndStore();
 
-  // 11., 12. Channel estimate in time, the channel watch, then across carriers.
+  // Channel estimate in time, the channel watch, then across carriers.
   EstimateChannel();
   FilterAcrossCarriers();
 
-  // 13. Filter pair in force.
+  // Filter pair in force.
   ChooseFilterPair();
 
-  // 14. Interpolation and equalisation of the symbol three symbols back.
+  // Interpolation and equalisation of the symbol three symbols back.
   InterpolateChannel();
   EqualiseCarriers();
 
-  // 15. Low-SNR watch.
+  // Low-SNR watch.
   WatchLowSnr();
 
-  // 16. Score of the filter pair under test.
+  // Score of the filter pair under test.
   ScoreFilterPair();
 
-  // 17. Frequency loop.
+  // Frequency loop.
   if (t.freqLoopOn) RunFrequencyLoop();
 
-  // 18. Timing loop.
+  // Timing loop.
   const float timingGain = t.timingGain;
   t.timingGain *= t.levelScale;
   TrackTiming();
   t.timingGain = timingGain;
   if (engine.timingEnabled == 0) engine.timingStep = 0;
 
-  // 19. Probe: the timing steps of this frame.
+  // Probe: the timing steps of this frame.
   if (engine.probeActive != 0) ProbeNoteTimingStep(engine.symbolIndex, t.timingPeriod, engine.timingStep);
 
-  // 20. Next symbol.
+  // Next symbol.
   float* swap = t.spectrumNow;
   t.spectrumNow = t.spectrumPrev;
   t.spectrumPrev = swap;
   engine.symbolCount = engine.symbolCount + 1;
 
-  // 21. Probe fill: the carriers of the first symbols of the frame, the rest once per frame.
+  // Probe fill: the carriers of the first symbols of the frame, the rest once per frame.
   if (ProbeFillDue()) {
     const int32_t ndata = engine.ndata;
     const int32_t ncarrier = engine.ncarrier;
@@ -454,7 +454,7 @@ void ProcessSymbol() {
                       engine.channelState, engine.blockState});
   }
 
-  // 22. Status words.
+  // Status words.
   RestartNonFiniteLoops();
   WriteStatusWords();
 }

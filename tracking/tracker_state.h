@@ -15,6 +15,19 @@ constexpr int32_t MAX_ROW = 240;           // nspan/3 of the largest mode
 constexpr int32_t MAX_DATA = 384;          // ndata of the largest mode
 constexpr int32_t PILOT_HISTORY_ROWS = 13;
 
+// jumpStage: the re-basing of the channel estimator after a timing jump. The driver starts it at
+// the jump symbol n0 and EstimatePilots moves it on. The time filter's output is three symbols
+// behind, so the pilots of n0..n0+3 are taken back to the old timing, one stage a symbol; the last
+// of them passes JUMP_REBASE, which moves the rows onto the new timing, and n0+4 ends the jump.
+enum JumpStage : int32_t {
+  JUMP_AT_REST = 0,
+  JUMP_DEROTATE_FIRST = 1,  // set by the driver at n0
+  JUMP_DEROTATE_LAST = 4,   // 1..4: the pilots of this symbol are derotated to the old timing
+  JUMP_REBASE = 5,          // the rows are moved to the new timing
+  JUMP_REBASED_ROW = 6,     // the next symbol filters with rebasedRow in place of pastRow2
+  JUMP_FINISHED = 7,        // the end of that symbol returns to rest
+};
+
 struct TrackerState {
   // Buffers carved from the work arena at set-up, in this order.
   float* carrierRing;        // 4 slots of nspan complex carriers
@@ -55,7 +68,7 @@ struct TrackerState {
   int32_t jumpPending;
   int32_t jumpInForce;
   int32_t jumpAmount;
-  int32_t jumpStage;
+  int32_t jumpStage;  // JumpStage
   int32_t jumpAge;
   int32_t timingSpan;
   float timingGain;

@@ -6,10 +6,12 @@
 
 namespace zfn {
 
-// Decoder hand-over stages of a tracking run.
-constexpr int32_t DECODE_SCAN = 0;     // filter pair scan in progress: the decoder is not watched
-constexpr int32_t DECODE_EARLY = 1;    // from set-up to the scan: the low-SNR watch judges the lock
-constexpr int32_t DECODE_STREAM = 2;   // after the scan: the packet statistics judge the lock
+// Decoder hand-over stages of a tracking run (decodeStage).
+enum DecodeStage : int32_t {
+  DECODE_SCAN = 0,    // filter pair scan in progress: the decoder is not watched
+  DECODE_EARLY = 1,   // from set-up to the scan: the low-SNR watch and the first 40 packets judge the lock
+  DECODE_STREAM = 2,  // after the scan: the packet statistics judge the lock
+};
 
 // Channel states of the channel watch.
 constexpr int32_t CHANNEL_SLOW = 0;

@@ -136,7 +136,7 @@ void SetUpTracking() {
   t.levelScale = 1.0f;
   t.jumpPending = 0;
   t.jumpInForce = 0;
-  t.jumpStage = 0;
+  t.jumpStage = JUMP_AT_REST;
   std::memset(t.timingAcc, 0, sizeof(t.timingAcc));
 
   DesignInterpFilters();
