@@ -31,7 +31,7 @@ class AgainstTransmitter : public ::testing::Test {
     test::ResetEngineArena();
     SetUpTransportOutput();
     engine.tsResetRequest = 0;
-    engine.tsResetPhase = 3;
+    engine.tsResetPhase = TS_RING_OPEN;
     device.packetEvent.Close();
     engine.bitsPerCarrier = 0;
     test::SetLayer(static_cast<uint8_t>(mode - 1), static_cast<uint8_t>(modulation), static_cast<uint8_t>(codeRate),

@@ -39,7 +39,7 @@ class TransportOutput : public ::testing::Test {
     test::ResetEngineArena();
     SetUpTransportOutput();
     engine.rsDecoderFull = 1;
-    engine.decodeStage = 2;
+    engine.decodeStage = DECODE_STREAM;
     engine.symbolCount = 0;
     engine.statFrames = 4;
     engine.packetLogStream = nullptr;
@@ -99,7 +99,7 @@ TEST_F(TransportOutput, ResetHandshakeWithBothResets) {
   EXPECT_EQ(2, engine.goodFrameRun);
 
   // A restart: phase 2 and a request; ring writes stop, the drain resets and reopens the ring.
-  engine.tsResetPhase = 2;
+  engine.tsResetPhase = TS_RESET_PENDING;
   engine.tsResetRequest = 1;
   Write(Make('G'));
   EXPECT_EQ(2u, engine.ringWrite);
@@ -114,7 +114,7 @@ TEST_F(TransportOutput, ResetHandshakeWithBothResets) {
   engine.streamFailMark = 1;
   engine.tsOutputFill = 127;
   duringCallback = [] {
-    engine.tsResetPhase = 2;
+    engine.tsResetPhase = TS_RESET_PENDING;
     engine.tsResetRequest = 1;
   };
   for (int k = 0; k < 5; ++k) Write(Make('G'));
@@ -134,7 +134,7 @@ TEST_F(TransportOutput, ResetHandshakeWithBothResets) {
 TEST_F(TransportOutput, PendingResetDropsBlocksButTheByteStageMovesOn) {
   test::SetLayer(0, 1, 0, 0);
   ASSERT_EQ(1, SetUpDecoder());
-  engine.tsResetPhase = 2;
+  engine.tsResetPhase = TS_RESET_PENDING;
   engine.tsResetRequest = 1;
   engine.symbolIndex = 3;  // the start point: 8 bytes finish the first block
   for (int s = 0; s < 40; ++s) RunByteStage();
@@ -143,7 +143,7 @@ TEST_F(TransportOutput, PendingResetDropsBlocksButTheByteStageMovesOn) {
   // 196 + 40 * 12 = 676 bytes: three blocks done, 64 bytes held; the frame counter moved with them.
   EXPECT_EQ(64, decoder.assemblyFill);
   EXPECT_EQ(3, decoder.packetInFrame);
-  engine.tsResetPhase = 3;
+  engine.tsResetPhase = TS_RING_OPEN;
   for (int s = 0; s < 12; ++s) RunByteStage();  // 64 + 144 bytes: one more block
   EXPECT_EQ(1u, engine.ringWrite);
   EXPECT_EQ(0, engine.tsResetRequest);
@@ -225,7 +225,7 @@ TEST_F(TransportOutput, LockJudgementByDecodeStage) {
   // Two good among the first 40 keep the early mark down.
   SetUp();
   engine.tsResetRequest = 0;
-  engine.decodeStage = 1;
+  engine.decodeStage = DECODE_EARLY;
   Feed("GG" + std::string(38, 'B'));
   EXPECT_EQ(0, engine.earlyFailMark);
 }

@@ -289,8 +289,8 @@ TEST(ShortestGuardInModeOne, ComesOutPacketForPacketOnceTheGuardScanHasChosen) {
     ExpectTransmittedStream("refined", l, run, run.current());
     return;
   }
-  for (int i = 0; i < 120 && engine.decodeStage != 2; ++i) run.FeedBlock();
-  ASSERT_EQ(engine.decodeStage, 2);
+  for (int i = 0; i < 120 && engine.decodeStage != DECODE_STREAM; ++i) run.FeedBlock();
+  ASSERT_EQ(engine.decodeStage, DECODE_STREAM);
   for (int i = 0; i < 10; ++i) run.FeedBlock();
   const size_t from = run.current().PacketCount();
   ASSERT_TRUE(run.RunUntilDelivered(from + 2 * kDeliverPackets, 60));
@@ -403,7 +403,7 @@ TEST(BrokenStream, DroppedBytesRaiseTheMarkAndTheReceiverRecovers) {
   EndToEndRun run(CleanFront(l), channel);
   ASSERT_TRUE(run.generator);
   for (int i = 0; i < 99; ++i) run.FeedBlock();
-  ASSERT_EQ(engine.decodeStage, 2) << "the stream is not watched before the drop";
+  ASSERT_EQ(engine.decodeStage, DECODE_STREAM) << "the stream is not watched before the drop";
   ASSERT_EQ(run.acquisitions.size(), 1u);
   EXPECT_FALSE(run.sawStreamFailMark);
   const size_t before = run.current().PacketCount(), statesBefore = run.states.size();

@@ -207,12 +207,12 @@ TEST_F(SyncEngine, ARetuneJumpsToTheNewestBlockButNotWhileTheTunerChanges) {
   ProcessPendingBlocks();
   EXPECT_EQ(engine.blockState, BLOCK_FRAME_SYNC);
   engine.tmccFailed = 1;
-  engine.tsResetPhase = 3;
+  engine.tsResetPhase = TS_RING_OPEN;
   ProcessPendingBlocks();  // no new block: the jump path takes the newest again
   EXPECT_EQ(engine.rawBlock[0], 4);
   EXPECT_EQ(engine.tmccFailed, 0);
   EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
-  EXPECT_EQ(engine.tsResetPhase, 2);
+  EXPECT_EQ(engine.tsResetPhase, TS_RESET_PENDING);
 }
 
 // Before the first retune blocks are taken but not handled. Then one state per block; an accepted
@@ -238,7 +238,7 @@ TEST_F(SyncEngine, AcceptedTmccTracksUntilAResyncAndARejectedOneIsASinkUntilTheN
 
   script.resyncAtSymbol = 60;
   engine.clockWritePending = 1;
-  engine.tsResetPhase = 3;
+  engine.tsResetPhase = TS_RING_OPEN;
   script.calls.clear();
   BlockRingPublish(Block(7).data());  // one pass of the demodulation thread
   ProcessPendingBlocks();
@@ -247,7 +247,7 @@ TEST_F(SyncEngine, AcceptedTmccTracksUntilAResyncAndARejectedOneIsASinkUntilTheN
   EXPECT_EQ(engine.rawBlock[0], 7);
   EXPECT_EQ(engine.resyncRequest, 0);
   EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
-  EXPECT_EQ(engine.tsResetPhase, 2);
+  EXPECT_EQ(engine.tsResetPhase, TS_RESET_PENDING);
 
   FeedFrom(8, 9);
   EXPECT_EQ(engine.blockState, BLOCK_NO_SIGNAL);
@@ -268,8 +268,8 @@ TEST(SymbolStepRule, ResyncFollowsTheDecodeStageUnlessSwitchedOff) {
   };
   engine.symbolIndex = 203;
   engine.spPhase = 3;
-  for (const Case& c : {Case{0, 1, 1, 1, 1, 0}, {1, 0, 0, 1, 1, 0}, {1, 1, 0, 0, 1, 1}, {1, 0, 1, 0, 1, 1},
-                        {2, 1, 1, 0, 1, 0}, {2, 0, 0, 1, 1, 1}, {2, 0, 0, 1, 0, 0}, {1, 1, 1, 0, 0, 0}}) {
+  for (const Case& c : {Case{DECODE_SCAN, 1, 1, 1, 1, 0}, {DECODE_EARLY, 0, 0, 1, 1, 0}, {DECODE_EARLY, 1, 0, 0, 1, 1}, {DECODE_EARLY, 0, 1, 0, 1, 1},
+                        {DECODE_STREAM, 1, 1, 0, 1, 0}, {DECODE_STREAM, 0, 0, 1, 1, 1}, {DECODE_STREAM, 0, 0, 1, 0, 0}, {DECODE_EARLY, 1, 1, 0, 0, 0}}) {
     engine.decodeStage = c.stage;
     engine.earlyFailMark = c.earlyFail;
     engine.snrFailed = c.snrFailed;
@@ -280,7 +280,7 @@ TEST(SymbolStepRule, ResyncFollowsTheDecodeStageUnlessSwitchedOff) {
   }
   EXPECT_EQ(engine.symbolIndex, (203 + 8) % 204);
   EXPECT_EQ(engine.spPhase, (3 + 8) % 4);
-  engine.decodeStage = 0;
+  engine.decodeStage = DECODE_SCAN;
   engine.earlyFailMark = engine.snrFailed = engine.streamFailMark = 0;
   engine.resyncRequest = 0;
   engine.autoResync = 1;
@@ -305,10 +305,10 @@ TEST(Status, PresentLockAndQuality) {
   struct LockCase {
     int32_t state, stage, anyGood, goodRun, badRun, expected;
   };
-  for (const LockCase& c : {LockCase{BLOCK_TRACKING, 1, 0, 0, 0, 0}, {BLOCK_TRACKING, 1, 1, 0, 0, 1},
-                            {BLOCK_TRACKING, 2, 1, 2, 2, 1}, {BLOCK_TRACKING, 2, 1, 1, 2, 0},
-                            {BLOCK_TRACKING, 2, 1, 1, 20, -1}, {BLOCK_TRACKING, 2, 1, 1, 19, 0},
-                            {BLOCK_FRAME_SYNC, 2, 1, 5, 0, 0}}) {
+  for (const LockCase& c : {LockCase{BLOCK_TRACKING, DECODE_EARLY, 0, 0, 0, 0}, {BLOCK_TRACKING, DECODE_EARLY, 1, 0, 0, 1},
+                            {BLOCK_TRACKING, DECODE_STREAM, 1, 2, 2, 1}, {BLOCK_TRACKING, DECODE_STREAM, 1, 1, 2, 0},
+                            {BLOCK_TRACKING, DECODE_STREAM, 1, 1, 20, -1}, {BLOCK_TRACKING, DECODE_STREAM, 1, 1, 19, 0},
+                            {BLOCK_FRAME_SYNC, DECODE_STREAM, 1, 5, 0, 0}}) {
     engine.blockState = c.state;
     engine.decodeStage = c.stage;
     engine.anyGoodMark = c.anyGood;
