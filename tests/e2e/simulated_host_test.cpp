@@ -66,10 +66,10 @@ void OpenSimulationAndLock(ZFISDBT_TsCallback callback, bool refined) {
 void ExpectSyncedPackets(int blocks) {
   EXPECT_EQ(BlockState(), 3);
   const int before = callbacks.load();
-  ASSERT_TRUE(WaitFor([before] { return callbacks.load() >= before + 1; }, 10000));
+  ASSERT_TRUE(WaitFor([before] { return callbacks.load() >= before + 1; }, 30000));
   counting = true;
   const int start = callbacks.load();
-  ASSERT_TRUE(WaitFor([start, blocks] { return callbacks.load() >= start + blocks; }, 10000));
+  ASSERT_TRUE(WaitFor([start, blocks] { return callbacks.load() >= start + blocks; }, 30000));
   counting = false;
   EXPECT_EQ(wrongLengths.load() + packetsWithoutSync.load(), 0);
 }
@@ -112,7 +112,7 @@ TEST(SimulatedHost, RefusesCloseAndOpenFromTheCallbackAndCountsOverruns) {
   ASSERT_TRUE(WaitFor([] { return hostileMode.load() == 0; }, 30000)) << "no delivery after lock (a slow sanitizer build)";
   EXPECT_EQ(insideClose.load() + insideOpen.load(), 0);
   const int before = callbacks.load();
-  EXPECT_TRUE(WaitFor([before] { return callbacks.load() > before + 1; }, 10000)) << "delivery goes on";
+  EXPECT_TRUE(WaitFor([before] { return callbacks.load() > before + 1; }, 30000)) << "delivery goes on";
   EXPECT_EQ(StatusWord(6), 0);
   hostileMode = 2;
   EXPECT_TRUE(WaitFor([] { return StatusWord(6) > 0; }, 15000));
