@@ -172,15 +172,15 @@ TEST_F(AgainstTransmitter, TimeInterleaverOfTheTransmitter) {
     Random random(static_cast<uint64_t>(mode));
     std::vector<std::vector<std::complex<float>>> sent;
     std::vector<std::complex<float>> air(static_cast<size_t>(nd));
-    std::vector<float> in(static_cast<size_t>(2 * nd)), out(static_cast<size_t>(2 * nd));
+    std::vector<uint8_t> in(static_cast<size_t>(2 * nd)), out(static_cast<size_t>(2 * nd));  // QPSK: 2 soft bits
     for (int t = 0; t < total + 20; ++t) {
       std::vector<std::complex<float>> symbol(static_cast<size_t>(nd));
       for (auto& v : symbol) v = {static_cast<float>(random.Below(100)), static_cast<float>(random.Below(100))};
       sent.push_back(symbol);
       interleaver.Process(symbol.data(), air.data());
       for (int c = 0; c < nd; ++c) {
-        in[2 * c] = air[static_cast<size_t>(c)].real();
-        in[2 * c + 1] = air[static_cast<size_t>(c)].imag();
+        in[2 * c] = static_cast<uint8_t>(air[static_cast<size_t>(c)].real());
+        in[2 * c + 1] = static_cast<uint8_t>(air[static_cast<size_t>(c)].imag());
       }
       DeinterleaveTime(in.data(), out.data());
       if (t < total) continue;
