@@ -92,17 +92,7 @@ void EqualiseCarriers() {
   if (bits == 2) {
     EqualiseQpskWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k});
   } else {
-    for (int32_t i = 0; i < k; ++i) {
-      const Cx r{rRe[i], rIm[i]};
-      const Cx h{gRe[i], gIm[i]};
-      const float p = Norm(h);
-      const Cx rh = MulConj(r, h);
-      const Cx e{rh.re / p, rh.im / p};
-      Store(eq, i, e);
-      power[i] = p;
-      const Cx d = SliceCarrier(e, bits);
-      noise[i] = Norm(r - d * h);
-    }
+    EqualiseQamWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k, bits});
   }
   // The sums in carrier order, as the symbol's quality has always been added up.
   float powerSum = 0.0f;
