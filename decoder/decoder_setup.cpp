@@ -20,8 +20,8 @@ constexpr int32_t INTERLEAVE_DEPTH[4][3] = {{0, 0, 0}, {4, 2, 1}, {8, 4, 2}, {16
 constexpr int32_t INTERLEAVE_GROUPS[3] = {1, 2, 4};
 // First line length of the five rows of the time deinterleaver, in symbols per unit of depth.
 constexpr int32_t FIRST_LINE_SYMBOLS[5] = {95, 91, 92, 93, 94};
-// Floats of delay store per group and per unit of depth: 4560 complex values.
-constexpr int32_t TIME_STORE_FLOATS_PER_UNIT = 9120;
+// Cells of delay store per group and per unit of depth.
+constexpr int32_t TIME_STORE_CELLS_PER_UNIT = 4560;
 // Start of branches 0..10 in the byte deinterleaver's store; branch j holds 11 - j cells of 17 bytes
 // (the 12-branch byte interleaving of ARIB STD-B31, undone).
 constexpr int32_t BYTE_BRANCH_OFFSET[11] = {0, 187, 357, 510, 646, 765, 867, 952, 1020, 1071, 1105};
@@ -35,11 +35,17 @@ int32_t SetUpTimeDeinterleaver() {
   decoder.interleaveGroups = INTERLEAVE_GROUPS[column];
   decoder.interleaveDepth = INTERLEAVE_DEPTH[engine.layerParams->interleave][column];
   if (decoder.interleaveDepth != 0) {
-    for (int32_t r = 0; r < 5; ++r) decoder.timeLineLength[r] = FIRST_LINE_SYMBOLS[r] * decoder.interleaveDepth * 2;
+    const int32_t q = engine.bitsPerCarrier;
+    for (int32_t r = 0; r < 5; ++r) decoder.timeLineLength[r] = FIRST_LINE_SYMBOLS[r] * decoder.interleaveDepth * q;
     std::memset(decoder.timeDelayPos, 0, sizeof(int32_t) * static_cast<size_t>(engine.ndata));
-    const int32_t floats = decoder.interleaveDepth * TIME_STORE_FLOATS_PER_UNIT * decoder.interleaveGroups;
-    decoder.timeDelayStore = ArenaTake<float>(floats);
-    std::memset(decoder.timeDelayStore, 0, sizeof(float) * static_cast<size_t>(floats));
+    const int32_t cells = decoder.interleaveDepth * TIME_STORE_CELLS_PER_UNIT * decoder.interleaveGroups;
+    decoder.timeDelayStore = ArenaTakeBytes(cells * q);
+    // The lines start out holding the soft bits of a zero carrier.
+    uint8_t zero[6] = {};
+    if (q == 4) DemapCarrier<4>(0.0f, 0.0f, zero);
+    else if (q == 6) DemapCarrier<6>(0.0f, 0.0f, zero);
+    else DemapCarrier<2>(0.0f, 0.0f, zero);
+    for (int32_t i = 0; i < cells; ++i) std::memcpy(decoder.timeDelayStore + i * q, zero, static_cast<size_t>(q));
   }
   decoder.startupCount = 0;
   decoder.startupSymbols = decoder.interleaveDepth * 95;
@@ -57,11 +63,10 @@ int32_t SetUpDecoder() {
   decoder.softBits = ArenaTakeBytes(ndata * engine.bitsPerCarrier);
   decoder.freqDeint = ArenaTake<float>(ndata * 2);
   decoder.freqDeintTable = mode == 0 ? FREQ_DEINT_MODE1.data() : mode == 1 ? FREQ_DEINT_MODE2.data() : FREQ_DEINT_MODE3.data();
-  decoder.timeDeint = ArenaTake<float>(ndata * 2);
-  SetUpTimeDeinterleaver();
-
   const int32_t bits = BITS_PER_CARRIER[layer.modulation];
   engine.bitsPerCarrier = bits;
+  SetUpTimeDeinterleaver();
+
   decoder.bitDelay120 = ArenaTakeBytes(120);
   if (bits == 4) {
     decoder.bitDelay80 = ArenaTakeBytes(80);

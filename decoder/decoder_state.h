@@ -29,14 +29,14 @@ struct DecoderState : ViterbiTrellis {
   // Frequency deinterleaving.
   const int32_t* freqDeintTable;  // permutation of the mode, ndata entries
   float* freqDeint;               // ndata complex values
-  float* timeDeint;               // ndata complex values
 
-  // Time deinterleaving: one circular delay line per carrier but carrier 19 of each group of 96.
+  // Time deinterleaving of the soft bits: one circular delay line per carrier but carrier 19 of each
+  // group of 96, a cell of bitsPerCarrier bytes per symbol.
   int32_t interleaveGroups;  // groups of 96 carriers: 1, 2, 4
   int32_t interleaveDepth;   // depth I: 0, 1, 2, 4, 8, 16
-  int32_t timeLineLength[5];  // first line length of each row, in floats
-  float* timeDelayStore;      // interleaveDepth * 9120 * interleaveGroups floats
-  int32_t timeDelayPos[MAX_DATA_CARRIERS];  // next position of each line, in floats
+  int32_t timeLineLength[5];  // first line length of each row, in bytes
+  uint8_t* timeDelayStore;    // interleaveDepth * 4560 * interleaveGroups cells
+  int32_t timeDelayPos[MAX_DATA_CARRIERS];  // next position of each line, in bytes
 
   // Soft demapping and bit deinterleaving.
   uint8_t* softBits;  // ndata * bitsPerCarrier soft bits, carrier after carrier

@@ -1,5 +1,5 @@
-// The per-symbol entry of the channel decoder: frequency and time deinterleaving, soft demapping, bit
-// deinterleaving, depuncturing, Viterbi decoding, publishing of the transport rates, and the byte stage.
+// The per-symbol entry of the channel decoder: frequency deinterleaving, soft demapping, time
+// deinterleaving of the soft bits, bit deinterleaving, depuncturing, Viterbi decoding, publishing of the transport rates, and the byte stage.
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -23,10 +23,6 @@ namespace {
 constexpr int32_t ROW_FIRST_CARRIER[5] = {0, 20, 39, 58, 77};
 constexpr int32_t ROW_CARRIERS = 19;
 constexpr int32_t UNDELAYED_CARRIER = 19;
-
-// Scale factors that put the 16QAM and 64QAM levels on odd integers (sqrt 10 and sqrt 42).
-constexpr double QAM16_SCALE = 3.162278;
-constexpr double QAM64_SCALE = 6.4807407;
 
 // Bit deinterleaving delays in carriers of each bit position: the complement of the transmitter's
 // 0, 120 / 0, 40, 80, 120 / 0, 24, 48, 72, 96, 120 (ARIB STD-B31 bit interleaving).
@@ -65,72 +61,84 @@ void DeinterleaveFrequency() {
   }
 }
 
-void DeinterleaveTime(const float* source, float* destination) {
-  const int32_t step = 10 * decoder.interleaveDepth;  // line length falls by 5 * I complex values per carrier
-  float* line = decoder.timeDelayStore;
-  int32_t p = 0;
+namespace {
+
+// One line per delayed carrier, each a ring of its soft bits: a cell of Q bytes per symbol. The soft
+// bits of a carrier go through the delay as the carrier itself would, since demapping works on each
+// carrier alone; a cell is a quarter of a complex value at QPSK, so the store stays in the cache.
+template <int32_t Q>
+void DeinterleaveCells(const uint8_t* source, uint8_t* destination) {
+  const int32_t step = 5 * Q * decoder.interleaveDepth;  // line length falls by 5 * I cells per carrier
+  uint8_t* line = decoder.timeDelayStore;
+  int32_t* positions = decoder.timeDelayPos;
   for (int32_t g = 0; g < decoder.interleaveGroups; ++g) {
-    const float* in = source + g * 192;
-    float* out = destination + g * 192;
+    const uint8_t* in = source + g * 96 * Q;
+    uint8_t* out = destination + g * 96 * Q;
     for (int32_t r = 0; r < 5; ++r) {
       int32_t length = decoder.timeLineLength[r];
       for (int32_t k = 0; k < ROW_CARRIERS; ++k) {
         const int32_t c = ROW_FIRST_CARRIER[r] + k;
-        const int32_t position = decoder.timeDelayPos[p];
-        out[2 * c] = line[position];
-        out[2 * c + 1] = line[position + 1];
-        line[position] = in[2 * c];
-        line[position + 1] = in[2 * c + 1];
-        decoder.timeDelayPos[p] = position + 2 == length ? 0 : position + 2;
-        ++p;
+        const int32_t position = *positions;
+        uint8_t cell[Q];
+        std::memcpy(cell, in + Q * c, Q);  // read before the write: source may be destination
+        std::memcpy(out + Q * c, line + position, Q);
+        std::memcpy(line + position, cell, Q);
+        *positions++ = position + Q == length ? 0 : position + Q;
         line += length;
         length -= step;
       }
-      if (r == 0) {
-        out[2 * UNDELAYED_CARRIER] = in[2 * UNDELAYED_CARRIER];
-        out[2 * UNDELAYED_CARRIER + 1] = in[2 * UNDELAYED_CARRIER + 1];
-      }
+      if (r == 0 && in != out) std::memcpy(out + Q * UNDELAYED_CARRIER, in + Q * UNDELAYED_CARRIER, Q);
     }
   }
 }
 
-void DemapSoft(const float* source) {
-  const int32_t ndata = engine.ndata;
-  uint8_t* soft = decoder.softBits;  // may lie on top of source: each carrier is read before it is written
+}  // namespace
+
+void DeinterleaveTime(const uint8_t* source, uint8_t* destination) {
   switch (engine.bitsPerCarrier) {
     case 2:
-      for (int32_t n = 0; n < ndata; ++n) {
-        const float re = source[2 * n];
-        const float im = source[2 * n + 1];
-        soft[2 * n] = SoftBit(16.0f - re);
-        soft[2 * n + 1] = SoftBit(16.0f - im);
-      }
+      DeinterleaveCells<2>(source, destination);
       break;
     case 4:
-      for (int32_t n = 0; n < ndata; ++n) {
-        const float a = static_cast<float>(source[2 * n] * QAM16_SCALE);
-        const float b = static_cast<float>(source[2 * n + 1] * QAM16_SCALE);
-        soft[4 * n] = SoftBit(16.0f - 4.0f * a);
-        soft[4 * n + 1] = SoftBit(16.0f - 4.0f * b);
-        soft[4 * n + 2] = SoftBit(16.0f - 4.0f * (std::fabs(a) - 2.0f));
-        soft[4 * n + 3] = SoftBit(16.0f - 4.0f * (std::fabs(b) - 2.0f));
-      }
+      DeinterleaveCells<4>(source, destination);
       break;
     case 6:
-      for (int32_t n = 0; n < ndata; ++n) {
-        const float a = static_cast<float>(source[2 * n] * QAM64_SCALE);
-        const float b = static_cast<float>(source[2 * n + 1] * QAM64_SCALE);
-        const float a1 = std::fabs(a) - 4.0f;
-        const float b1 = std::fabs(b) - 4.0f;
-        const float a2 = std::fabs(a1) - 2.0f;
-        const float b2 = std::fabs(b1) - 2.0f;
-        soft[6 * n] = SoftBit(16.0f - 4.0f * a);
-        soft[6 * n + 1] = SoftBit(16.0f - 4.0f * b);
-        soft[6 * n + 2] = SoftBit(16.0f - 4.0f * a1);
-        soft[6 * n + 3] = SoftBit(16.0f - 4.0f * b1);
-        soft[6 * n + 4] = SoftBit(16.0f - 4.0f * a2);
-        soft[6 * n + 5] = SoftBit(16.0f - 4.0f * b2);
-      }
+      DeinterleaveCells<6>(source, destination);
+      break;
+    default:
+      break;
+  }
+}
+
+namespace {
+
+// Sixteen carriers at a time through local copies: softBits may lie on top of the carriers, and
+// apart from each other the compiler vectorises the arithmetic. The soft bits of a block end where
+// the carriers of the next one begin at the latest, since softBits lies at or in front of them.
+template <int32_t Q>
+void DemapRow(const float* source, uint8_t* soft, int32_t ndata) {
+  constexpr int32_t BLOCK = 16;  // the data carriers of every mode are a multiple of 16
+  for (int32_t n0 = 0; n0 + BLOCK <= ndata; n0 += BLOCK) {
+    float carriers[2 * BLOCK];
+    std::memcpy(carriers, source + 2 * n0, sizeof(carriers));
+    uint8_t bits[Q * BLOCK];
+    for (int32_t i = 0; i < BLOCK; ++i) DemapCarrier<Q>(carriers[2 * i], carriers[2 * i + 1], bits + Q * i);
+    std::memcpy(soft + Q * n0, bits, sizeof(bits));
+  }
+}
+
+}  // namespace
+
+void DemapSoft(const float* source) {
+  switch (engine.bitsPerCarrier) {
+    case 2:
+      DemapRow<2>(source, decoder.softBits, engine.ndata);
+      break;
+    case 4:
+      DemapRow<4>(source, decoder.softBits, engine.ndata);
+      break;
+    case 6:
+      DemapRow<6>(source, decoder.softBits, engine.ndata);
       break;
     default:
       break;
@@ -218,12 +226,8 @@ void PublishTransportRates() {
 
 void SymbolSink() {
   DeinterleaveFrequency();
-  const float* source = decoder.freqDeint;
-  if (decoder.interleaveDepth != 0) {
-    DeinterleaveTime(decoder.freqDeint, decoder.timeDeint);
-    source = decoder.timeDeint;
-  }
-  DemapSoft(source);
+  DemapSoft(decoder.freqDeint);
+  if (decoder.interleaveDepth != 0) DeinterleaveTime(decoder.softBits, decoder.softBits);
   DeinterleaveBits();
   const uint16_t* pairs = DepunctureAndPack();
   ViterbiDecode(pairs, decoder.depuncturedLength / 2, decoder.decodedBytes);

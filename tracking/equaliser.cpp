@@ -71,25 +71,19 @@ void EqualiseCarriers() {
   const float* him = t.channelPlanes + nc;
   float* out = engine.equalisedCarriers;
 
-  // The oldest symbol's pilot phase is one ahead of this symbol's.
-  int32_t pilot = 3 * ((engine.spPhase + 1) & 3);
-  const int32_t* fixed = t.fixedCarriers;
-  // The data carriers side by side with their channel, so the arithmetic below runs over plain
-  // arrays without the pilot and fixed-carrier skips and the compiler can vectorise it.
-  // Every carrier is written at k and only a data carrier moves k on, so the loop has no branch
-  // to mispredict; the arrays hold one spare entry for a skipped carrier after the last data carrier.
-  alignas(32) float rRe[MAX_DATA + 1], rIm[MAX_DATA + 1], gRe[MAX_DATA + 1], gIm[MAX_DATA + 1], noise[MAX_DATA];
-  int32_t k = 0;
-  for (int32_t c = 0; c < nc && k < MAX_DATA + 1; ++c) {
-    rRe[k] = slot[2 * c];
-    rIm[k] = slot[2 * c + 1];
-    gRe[k] = hre[c];
-    gIm[k] = him[c];
-    const int32_t isPilot = c == pilot ? 1 : 0;
-    const int32_t isFixed = isPilot == 0 && c == *fixed ? 1 : 0;
-    pilot += 12 * isPilot;
-    fixed += isFixed;
-    k += 1 - isPilot - isFixed;
+  // The oldest symbol's pilot phase is one ahead of this symbol's. The data carriers side by side
+  // with their channel, so the arithmetic below runs over plain arrays without the pilot and
+  // fixed-carrier skips and the compiler can vectorise it.
+  const int32_t phase = (engine.spPhase + 1) & 3;
+  const int16_t* data = t.dataCarriers[phase];
+  const int32_t k = t.dataCarrierCount[phase];
+  alignas(32) float rRe[MAX_DATA], rIm[MAX_DATA], gRe[MAX_DATA], gIm[MAX_DATA], noise[MAX_DATA];
+  for (int32_t i = 0; i < k; ++i) {
+    const int32_t c = data[i];
+    rRe[i] = slot[2 * c];
+    rIm[i] = slot[2 * c + 1];
+    gRe[i] = hre[c];
+    gIm[i] = him[c];
   }
 
   // Per carrier: r * conj(h) / |h|^2, the channel power, and the decision error power |r - d h|^2.
@@ -98,17 +92,7 @@ void EqualiseCarriers() {
   if (bits == 2) {
     EqualiseQpskWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k});
   } else {
-    for (int32_t i = 0; i < k; ++i) {
-      const Cx r{rRe[i], rIm[i]};
-      const Cx h{gRe[i], gIm[i]};
-      const float p = Norm(h);
-      const Cx rh = MulConj(r, h);
-      const Cx e{rh.re / p, rh.im / p};
-      Store(eq, i, e);
-      power[i] = p;
-      const Cx d = SliceCarrier(e, bits);
-      noise[i] = Norm(r - d * h);
-    }
+    EqualiseQamWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k, bits});
   }
   // The sums in carrier order, as the symbol's quality has always been added up.
   float powerSum = 0.0f;

@@ -1,7 +1,8 @@
 #pragma once
 // The equaliser's arithmetic over the data carriers of a symbol gathered side by side with their
-// channel: r * conj(h) / |h|^2, the channel power |h|^2, and the power of the QPSK decision error
-// |r - d h|^2. Element by element, so every variant gives the scalar reference's values bit for bit.
+// channel: r * conj(h) / |h|^2, the channel power |h|^2, and the power of the decision error
+// |r - d h|^2, for QPSK and for 16QAM and 64QAM. Element by element, so every variant gives the
+// scalar reference's values bit for bit.
 #include <cstdint>
 
 #include "numeric/vector_isa.h"
@@ -17,6 +18,7 @@ struct EqualiserRows {
   float* power;
   float* noise;
   int32_t count;
+  int32_t bitsPerCarrier = 2;  // 4 or 6 for the QAM kernel; the QPSK kernel ignores it
 };
 
 void EqualiseQpskScalar(const EqualiserRows& rows);
@@ -25,5 +27,12 @@ void EqualiseQpskSse2(const EqualiserRows& rows);
 void EqualiseQpskAvx2(const EqualiserRows& rows);
 #endif
 void EqualiseQpskWith(VectorIsa isa, const EqualiserRows& rows);
+
+// The same with the 16QAM or 64QAM decision (slicers.h), by rows.bitsPerCarrier.
+void EqualiseQamScalar(const EqualiserRows& rows);
+#if defined(__x86_64__) || defined(__i386__)
+void EqualiseQamAvx2(const EqualiserRows& rows);
+#endif
+void EqualiseQamWith(VectorIsa isa, const EqualiserRows& rows);
 
 }  // namespace zfn

@@ -1,7 +1,9 @@
 // The equaliser's arithmetic with four (SSE2) or eight (AVX2) carriers per register; the same
-// products, sums and quotients as the scalar reference in the same order, the decision by a
-// comparison mask (a NaN compares false and takes the positive level, as in the reference). The
-// carriers past the last whole register go through the scalar reference.
+// products, sums and quotients as the scalar reference in the same order, the decision by
+// comparison masks (a NaN compares false and takes the positive outer level, as in the reference).
+// The QAM decisions step down from the outer level through the boundaries in turn: the boundaries
+// are ordered, so the masks that hold for a value are the first ones, as many as the scalar
+// slicer counts. The carriers past the last whole register go through the scalar reference.
 #if defined(__x86_64__) || defined(__i386__)
 
 #include <immintrin.h>
@@ -15,7 +17,31 @@ constexpr float QPSK_LEVEL = 0.707107f;
 
 EqualiserRows Tail(const EqualiserRows& rows, int32_t from) {
   return {rows.rRe + from, rows.rIm + from, rows.gRe + from, rows.gIm + from,
-          rows.eq + 2 * from, rows.power + from, rows.noise + from, rows.count - from};
+          rows.eq + 2 * from, rows.power + from, rows.noise + from, rows.count - from, rows.bitsPerCarrier};
+}
+
+// The levels and boundaries of slicers.h: levels from the top down; the value takes level k + 1
+// of the list where it passes boundary k (v <= b for the upper half, v < b below zero).
+struct QamDecision {
+  int32_t count;
+  float levels[8];
+  float boundaries[7];
+};
+constexpr QamDecision QAM16_REAL = {4, {0.9486833f, 0.3162278f, -0.3162278f, -0.9486832f}, {0.6324555f, 0.0f, -0.6324555f}};
+constexpr QamDecision QAM16_IMAG = {4, {0.9486832f, 0.3162278f, -0.3162278f, -0.9486832f}, {0.6324555f, 0.0f, -0.6324555f}};
+constexpr QamDecision QAM64 = {8,
+                               {1.08012345f, 0.77151675f, 0.46291f, 0.15430335f, -0.15430335f, -0.46291f,
+                                -0.77151675f, -1.08012345f},
+                               {0.9258201f, 0.6172134f, 0.3086067f, 0.0f, -0.3086067f, -0.6172134f, -0.9258201f}};
+
+__attribute__((target("avx2"))) __m256 SliceAvx2(__m256 v, const QamDecision& q) {
+  __m256 d = _mm256_set1_ps(q.levels[0]);
+  for (int32_t k = 0; k + 1 < q.count; ++k) {
+    const __m256 b = _mm256_set1_ps(q.boundaries[k]);
+    const __m256 past = q.boundaries[k] >= 0.0f ? _mm256_cmp_ps(v, b, _CMP_LE_OQ) : _mm256_cmp_ps(v, b, _CMP_LT_OQ);
+    d = _mm256_blendv_ps(d, _mm256_set1_ps(q.levels[k + 1]), past);
+  }
+  return d;
 }
 }  // namespace
 
@@ -66,6 +92,33 @@ __attribute__((target("avx2"))) void EqualiseQpskAvx2(const EqualiserRows& rows)
     _mm256_storeu_ps(rows.noise + i, _mm256_add_ps(_mm256_mul_ps(nre, nre), _mm256_mul_ps(nim, nim)));
   }
   EqualiseQpskScalar(Tail(rows, i));
+}
+
+__attribute__((target("avx2"))) void EqualiseQamAvx2(const EqualiserRows& rows) {
+  const QamDecision& real = rows.bitsPerCarrier == 6 ? QAM64 : QAM16_REAL;
+  const QamDecision& imag = rows.bitsPerCarrier == 6 ? QAM64 : QAM16_IMAG;
+  if (rows.bitsPerCarrier != 4 && rows.bitsPerCarrier != 6) {  // the slicer takes anything else as QPSK
+    EqualiseQamScalar(rows);
+    return;
+  }
+  int32_t i = 0;
+  for (; i + 8 <= rows.count; i += 8) {
+    const __m256 gr = _mm256_loadu_ps(rows.gRe + i), gi = _mm256_loadu_ps(rows.gIm + i);
+    const __m256 rr = _mm256_loadu_ps(rows.rRe + i), ri = _mm256_loadu_ps(rows.rIm + i);
+    const __m256 p = _mm256_add_ps(_mm256_mul_ps(gr, gr), _mm256_mul_ps(gi, gi));
+    const __m256 ere = _mm256_div_ps(_mm256_add_ps(_mm256_mul_ps(rr, gr), _mm256_mul_ps(ri, gi)), p);
+    const __m256 eim = _mm256_div_ps(_mm256_sub_ps(_mm256_mul_ps(ri, gr), _mm256_mul_ps(rr, gi)), p);
+    const __m256 lo = _mm256_unpacklo_ps(ere, eim), hi = _mm256_unpackhi_ps(ere, eim);
+    _mm256_storeu_ps(rows.eq + 2 * i, _mm256_permute2f128_ps(lo, hi, 0x20));
+    _mm256_storeu_ps(rows.eq + 2 * i + 8, _mm256_permute2f128_ps(lo, hi, 0x31));
+    _mm256_storeu_ps(rows.power + i, p);
+    const __m256 dre = SliceAvx2(ere, real);
+    const __m256 dim = SliceAvx2(eim, imag);
+    const __m256 nre = _mm256_sub_ps(rr, _mm256_sub_ps(_mm256_mul_ps(dre, gr), _mm256_mul_ps(dim, gi)));
+    const __m256 nim = _mm256_sub_ps(ri, _mm256_add_ps(_mm256_mul_ps(dre, gi), _mm256_mul_ps(dim, gr)));
+    _mm256_storeu_ps(rows.noise + i, _mm256_add_ps(_mm256_mul_ps(nre, nre), _mm256_mul_ps(nim, nim)));
+  }
+  EqualiseQamScalar(Tail(rows, i));
 }
 
 }  // namespace zfn

@@ -63,6 +63,10 @@ struct TrackerState {
   float ceStepA;             // adaption step of timeTaps
   float ceStepB;             // adaption step of freqTaps
   const int32_t* fixedCarriers;  // segment carriers with neither data nor scattered pilots, -1 ends
+  // The data carriers of the segment in order, by the scattered pilots' phase q (pilots at carriers
+  // 3q + 12j), and how many there are.
+  int16_t dataCarriers[4][MAX_DATA];
+  int32_t dataCarrierCount[4];
 
   // Timing loop.
   int32_t jumpPending;

@@ -122,6 +122,21 @@ void SetUpTracking() {
   t.ceStepA = std::bit_cast<float>(c.ceStepBits);
   t.ceStepB = std::bit_cast<float>(c.ceStepBits);
   t.fixedCarriers = FIXED_CARRIERS_BY_MODE[mode];
+  for (int32_t q = 0; q < 4; ++q) {
+    int32_t pilot = 3 * q;
+    const int32_t* fixed = t.fixedCarriers;
+    int32_t k = 0;
+    for (int32_t carrier = 0; carrier < engine.ncarrier && k < MAX_DATA; ++carrier) {
+      if (carrier == pilot) {
+        pilot += 12;
+      } else if (carrier == *fixed) {
+        ++fixed;
+      } else {
+        t.dataCarriers[q][k++] = static_cast<int16_t>(carrier);
+      }
+    }
+    t.dataCarrierCount[q] = k;
+  }
   t.pilotStart = PILOT_START_BY_MODE[mode];
 
   const int32_t marginLen = 2 * engine.nmargin + 1;

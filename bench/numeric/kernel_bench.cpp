@@ -76,6 +76,18 @@ void BM_Equaliser(benchmark::State& state, VectorIsa isa) {
   state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);
 }
 
+void BM_QamEqualiser(benchmark::State& state, VectorIsa isa) {  // 64QAM: the longest decision
+  if (Skip(state, isa)) return;
+  const std::vector<float> r = Values(2 * DATA_CARRIERS, 4), g = Values(2 * DATA_CARRIERS, 5);
+  std::vector<float> eq(2 * DATA_CARRIERS), power(DATA_CARRIERS), noise(DATA_CARRIERS);
+  for (auto _ : state) {
+    EqualiseQamWith(isa, {r.data(), r.data() + DATA_CARRIERS, g.data(), g.data() + DATA_CARRIERS, eq.data(),
+                          power.data(), noise.data(), DATA_CARRIERS, 6});
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);
+}
+
 BENCHMARK_CAPTURE(BM_Rotation, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_Rotation, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_CarrierFilter, scalar, VectorIsa::SCALAR);
@@ -83,6 +95,8 @@ BENCHMARK_CAPTURE(BM_CarrierFilter, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_Equaliser, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_Equaliser, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_Equaliser, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_QamEqualiser, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_QamEqualiser, avx2, VectorIsa::AVX2);
 
 // Collects the rates and prints every variant's speed-up over the scalar reference of its kernel.
 class RatioReporter : public benchmark::ConsoleReporter {

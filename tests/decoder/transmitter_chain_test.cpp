@@ -140,10 +140,13 @@ TEST_F(AgainstTransmitter, TimeInterleaverOfTheTransmitter) {
     sim::TimeInterleaver interleaver(nd, length, sim::InterleaveAdjustment(length));
     Random random(static_cast<uint64_t>(mode));
     std::vector<std::complex<float>> air(static_cast<size_t>(nd));
-    std::vector<float> in(static_cast<size_t>(2 * nd)), out(static_cast<size_t>(2 * nd));
+    std::vector<uint8_t> in(static_cast<size_t>(2 * nd)), out(static_cast<size_t>(2 * nd));  // QPSK: 2 soft bits
     ExpectBackLate<std::complex<float>>(total + 20, total, static_cast<size_t>(nd), 100, random, [&](const auto& symbol) {
       interleaver.Process(symbol.data(), air.data());
-      std::memcpy(in.data(), air.data(), sizeof(float) * in.size());
+      for (size_t c = 0; c < air.size(); ++c) {
+        in[2 * c] = static_cast<uint8_t>(air[c].real());
+        in[2 * c + 1] = static_cast<uint8_t>(air[c].imag());
+      }
       DeinterleaveTime(in.data(), out.data());
       std::vector<std::complex<float>> back;
       for (size_t c = 0; c < air.size(); ++c) back.emplace_back(out[2 * c], out[2 * c + 1]);

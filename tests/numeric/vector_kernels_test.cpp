@@ -86,7 +86,7 @@ std::string CompareCarrierFilter(VectorIsa isa, Random& random, int trial) {
   return SameBits(tapsReference, tapsVector) ? "" : "taps, n " + std::to_string(n);
 }
 
-std::string CompareEqualiser(VectorIsa isa, Random& random, int trial) {
+std::string CompareEqualiser(VectorIsa isa, Random& random, int trial, int32_t bits) {
   const int32_t count = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 20 : 400));
   const size_t offset = random.Below(8);
   const size_t size = offset + static_cast<size_t>(count);
@@ -102,11 +102,12 @@ std::string CompareEqualiser(VectorIsa isa, Random& random, int trial) {
   }
   std::vector<float> eqReference(2 * size + 8, 5.0f), powerReference(size + 8, 5.0f), noiseReference(size + 8, 5.0f);
   std::vector<float> eqVector = eqReference, powerVector = powerReference, noiseVector = noiseReference;
-  EqualiseQpskWith(VectorIsa::SCALAR, {rRe.data() + offset, rIm.data() + offset, gRe.data() + offset, gIm.data() + offset,
-                                       eqReference.data() + 2 * offset, powerReference.data() + offset,
-                                       noiseReference.data() + offset, count});
-  EqualiseQpskWith(isa, {rRe.data() + offset, rIm.data() + offset, gRe.data() + offset, gIm.data() + offset,
-                         eqVector.data() + 2 * offset, powerVector.data() + offset, noiseVector.data() + offset, count});
+  const auto equalise = bits == 2 ? EqualiseQpskWith : EqualiseQamWith;
+  equalise(VectorIsa::SCALAR, {rRe.data() + offset, rIm.data() + offset, gRe.data() + offset, gIm.data() + offset,
+                               eqReference.data() + 2 * offset, powerReference.data() + offset,
+                               noiseReference.data() + offset, count, bits});
+  equalise(isa, {rRe.data() + offset, rIm.data() + offset, gRe.data() + offset, gIm.data() + offset,
+                 eqVector.data() + 2 * offset, powerVector.data() + offset, noiseVector.data() + offset, count, bits});
   const bool same = SameBits(eqReference, eqVector) && SameBits(powerReference, powerVector) && SameBits(noiseReference, noiseVector);
   return same ? "" : "count " + std::to_string(count);
 }
@@ -184,7 +185,11 @@ struct Kernel {
 const Kernel KERNELS[] = {
     {"carrier rotation", {VectorIsa::SSE2}, CompareRotation, 300},
     {"filter across carriers", {VectorIsa::SSE2}, CompareCarrierFilter, 300},
-    {"QPSK equaliser", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareEqualiser, 300},
+    {"QPSK equaliser", {VectorIsa::SSE2, VectorIsa::AVX2},
+     [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 2); }, 300},
+    {"16QAM and 64QAM equaliser", {VectorIsa::AVX2},
+     [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 4 + 2 * (trial & 1)); },
+     300},
     {"Viterbi", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareViterbi, 40},
 };
 
