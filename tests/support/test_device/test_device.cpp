@@ -1,12 +1,8 @@
 // Test build of the device access library: records what the receiver asks of the device, serves a
 // known byte stream, and fails on request. See test_device_control.h.
-#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
-#include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "frontend/sample_source_contract.h"
@@ -23,51 +19,19 @@ namespace {
 
 enum Function { kInit, kRelease, kSetFrequency, kSetBandwidth, kUpdate, kRead, kWrite, kGetData, kSetEvent,
                 kReleaseEvent, kTunerType, kFunctionCount };
-
 constexpr const char* kFunctionNames[kFunctionCount] = {
     "ZFN_BDAFilterInit",   "ZFN_BDAFilterRelease", "ZFN_Set_Frequency",     "ZFN_Set_Bandwidth",
     "ZFN_DeviceUpdate",    "ZFN_Demod_Byte_Read",  "ZFN_Demod_Byte_Write",  "ZFN_GetData",
     "ZFN_SetDABEventHandle", "ZFN_ReleaseDABEventHandle", "ZFN_Get_TunerType"};
 
-struct FailRule {
-  bool active = false;
-  int32_t fromCall = 0, count = 0;
-  int64_t callsSinceSet = 0;
-};
-
-struct Access {
-  int32_t isWrite, page, address, byteCount;
-  uint8_t bytes[4];
-  int32_t succeeded;
-};
-
-constexpr int32_t kPages = 2;
-constexpr int32_t kAddresses = 256;
-
 struct DeviceModel {
   std::mutex lock;
   std::vector<std::string> calls;
-  std::vector<Access> accesses;
-  FailRule failures[kFunctionCount];
-  int32_t tunerType = 1;
-  uint8_t registers[kPages][kAddresses] = {};
+  zfn_test::FunctionCalls<kFunctionCount> functions{kFunctionNames};
+  uint8_t registers[2][256] = {};
   zfn_test::ByteStream stream;
-  int32_t eventPeriodMs = 5;
   bool initialised = false, eventRegistered = false;
   int eventFd = -1;
-
-  void ResetLocked() {
-    calls.clear();
-    accesses.clear();
-    std::fill(std::begin(failures), std::end(failures), FailRule{});
-    tunerType = 1;
-    std::memset(registers, 0, sizeof registers);
-    stream = zfn_test::ByteStream{};
-    eventPeriodMs = 5;
-    stream.Restart();
-  }
-
-  DeviceModel() { ResetLocked(); }
 
   // Logs the call and tells whether it is one of those told to fail.
   bool Call(Function function, const char* format, ...) __attribute__((format(printf, 3, 4))) {
@@ -77,10 +41,7 @@ struct DeviceModel {
     std::vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
     calls.emplace_back(line);
-    FailRule& rule = failures[function];
-    const int64_t call = rule.callsSinceSet++;
-    if (!rule.active || call < rule.fromCall) return false;
-    return rule.count < 0 || call < static_cast<int64_t>(rule.fromCall) + rule.count;
+    return functions.Fails(function);
   }
 };
 
@@ -89,14 +50,16 @@ DeviceModel model;
 // anything it could touch goes away. The thread itself touches only the eventfd.
 zfn_test::EventTicker ticker;
 
+auto Locked(auto action) { return zfn_test::Locked(model, action); }
+
 void StartTickerIfReady() {
-  if (model.initialised && model.eventRegistered) ticker.Start(model.eventFd, model.eventPeriodMs);
+  if (model.initialised && model.eventRegistered) ticker.Start(model.eventFd);
 }
 
 int32_t RegisterAccess(bool isWrite, int32_t page, int32_t address, int32_t byteCount, uint8_t* bytes) {
   std::lock_guard<std::mutex> hold(model.lock);
-  const bool valid = bytes != nullptr && page >= 0 && page < kPages && address >= 0 && byteCount >= 1 &&
-                     byteCount <= 4 && address + byteCount <= kAddresses;
+  const bool valid = bytes != nullptr && page >= 0 && page < 2 && address >= 0 && byteCount >= 1 && byteCount <= 4 &&
+                     address + byteCount <= 256;
   std::string hex;
   for (int32_t i = 0; isWrite && valid && i < byteCount; ++i) {
     char piece[4];
@@ -105,14 +68,10 @@ int32_t RegisterAccess(bool isWrite, int32_t page, int32_t address, int32_t byte
   }
   const bool fails = model.Call(isWrite ? kWrite : kRead, "ZFN_Demod_Byte_%s %d %02x %d%s", isWrite ? "Write" : "Read",
                                 page, address & 0xFF, byteCount, hex.c_str());
-  Access access{isWrite ? 1 : 0, page, address, byteCount, {}, valid && !fails ? 1 : 0};
-  if (access.succeeded) {
-    uint8_t* cell = &model.registers[page][address];
-    std::memcpy(isWrite ? cell : bytes, isWrite ? bytes : cell, static_cast<size_t>(byteCount));
-  }
-  if (valid && (isWrite || access.succeeded)) std::memcpy(access.bytes, bytes, static_cast<size_t>(byteCount));
-  model.accesses.push_back(access);
-  return access.succeeded;
+  if (!valid || fails) return 0;
+  uint8_t* cell = &model.registers[page][address];
+  std::copy_n(isWrite ? bytes : cell, byteCount, isWrite ? cell : bytes);
+  return 1;
 }
 
 }  // namespace
@@ -137,18 +96,15 @@ ZFN_DEVICE_EXPORT int32_t ZFN_BDAFilterRelease(int32_t zero) {
 }
 
 ZFN_DEVICE_EXPORT int32_t ZFN_Set_Frequency(int32_t frequencyKHz) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  return model.Call(kSetFrequency, "ZFN_Set_Frequency %d", frequencyKHz) ? 0 : 1;
+  return Locked([=] { return model.Call(kSetFrequency, "ZFN_Set_Frequency %d", frequencyKHz) ? 0 : 1; });
 }
 
 ZFN_DEVICE_EXPORT int32_t ZFN_Set_Bandwidth(int32_t bandwidthMHz) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  return model.Call(kSetBandwidth, "ZFN_Set_Bandwidth %d", bandwidthMHz) ? 0 : 1;
+  return Locked([=] { return model.Call(kSetBandwidth, "ZFN_Set_Bandwidth %d", bandwidthMHz) ? 0 : 1; });
 }
 
 ZFN_DEVICE_EXPORT int32_t ZFN_DeviceUpdate(void) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  return model.Call(kUpdate, "ZFN_DeviceUpdate") ? 0 : 1;
+  return Locked([] { return model.Call(kUpdate, "ZFN_DeviceUpdate") ? 0 : 1; });
 }
 
 ZFN_DEVICE_EXPORT int32_t ZFN_Demod_Byte_Read(int32_t page, int32_t address, int32_t byteCount, uint8_t* bytes) {
@@ -190,23 +146,22 @@ ZFN_DEVICE_EXPORT int32_t ZFN_ReleaseDABEventHandle(int* /*event*/) {
 ZFN_DEVICE_EXPORT int32_t ZFN_Get_TunerType(int32_t* tunerType) {
   std::lock_guard<std::mutex> hold(model.lock);
   if (model.Call(kTunerType, "ZFN_Get_TunerType") || tunerType == nullptr) return 0;
-  *tunerType = model.tunerType;
+  *tunerType = 1;
   return 1;
 }
 #endif
 
 // ---- Control -------------------------------------------------------------------------------------
 
-namespace {
-template <class Action>
-auto Locked(Action action) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  return action();
+ZFN_DEVICE_EXPORT void TestDevice_Reset(void) {
+  Locked([] {
+    model.calls.clear();
+    model.functions.Clear(true);
+    std::fill_n(&model.registers[0][0], sizeof model.registers, 0);
+    model.stream = zfn_test::ByteStream{};
+    model.stream.Restart();
+  });
 }
-bool ValidCell(int32_t page, int32_t address) { return page >= 0 && page < kPages && address >= 0 && address < kAddresses; }
-}  // namespace
-
-ZFN_DEVICE_EXPORT void TestDevice_Reset(void) { Locked([] { model.ResetLocked(); }); }
 
 ZFN_DEVICE_EXPORT int32_t TestDevice_CallCount(void) { return Locked([] { return static_cast<int32_t>(model.calls.size()); }); }
 
@@ -220,47 +175,22 @@ ZFN_DEVICE_EXPORT int32_t TestDevice_GetCall(int32_t index, char* text, int32_t 
 }
 
 ZFN_DEVICE_EXPORT int32_t TestDevice_AccessCount(void) {
-  return Locked([] { return static_cast<int32_t>(model.accesses.size()); });
-}
-
-ZFN_DEVICE_EXPORT int32_t TestDevice_GetAccess(int32_t index, int32_t* isWrite, int32_t* page, int32_t* address,
-                                               int32_t* byteCount, uint8_t* bytes, int32_t* succeeded) {
-  return Locked([&] {
-    if (index < 0 || static_cast<size_t>(index) >= model.accesses.size()) return 0;
-    const Access& access = model.accesses[static_cast<size_t>(index)];
-    for (auto [out, value] : {std::pair{isWrite, access.isWrite}, {page, access.page}, {address, access.address},
-                              {byteCount, access.byteCount}, {succeeded, access.succeeded}}) {
-      if (out != nullptr) *out = value;
-    }
-    if (bytes != nullptr) std::memcpy(bytes, access.bytes, sizeof access.bytes);
-    return 1;
+  return Locked([] {
+    return static_cast<int32_t>(std::count_if(model.calls.begin(), model.calls.end(),
+                                               [](const std::string& c) { return c.rfind("ZFN_Demod_Byte_", 0) == 0; }));
   });
 }
 
 ZFN_DEVICE_EXPORT int32_t TestDevice_FailFunction(const char* name, int32_t fromCall, int32_t count) {
-  return Locked([&] {
-    for (int32_t f = 0; name != nullptr && f < kFunctionCount; ++f) {
-      if (std::strcmp(name, kFunctionNames[f]) == 0) {
-        model.failures[f] = FailRule{true, fromCall, count, 0};
-        return 1;
-      }
-    }
-    return 0;
-  });
+  return Locked([&] { return model.functions.Fail(name, fromCall, count) ? 1 : 0; });
 }
 
 ZFN_DEVICE_EXPORT void TestDevice_ClearFailures(void) {
-  Locked([] { std::fill(std::begin(model.failures), std::end(model.failures), FailRule{}); });
+  Locked([] { model.functions.Clear(false); });
 }
-
-ZFN_DEVICE_EXPORT void TestDevice_SetTunerType(int32_t tunerType) { Locked([=] { model.tunerType = tunerType; }); }
 
 ZFN_DEVICE_EXPORT void TestDevice_SetRegister(int32_t page, int32_t address, uint8_t value) {
-  if (ValidCell(page, address)) Locked([=] { model.registers[page][address] = value; });
-}
-
-ZFN_DEVICE_EXPORT int32_t TestDevice_GetRegister(int32_t page, int32_t address) {
-  return ValidCell(page, address) ? Locked([=] { return static_cast<int32_t>(model.registers[page][address]); }) : -1;
+  if (page >= 0 && page < 2 && address >= 0 && address < 256) Locked([=] { model.registers[page][address] = value; });
 }
 
 ZFN_DEVICE_EXPORT int32_t TestDevice_SetStreamBuffer(const uint8_t* data, int64_t size, int32_t loop) {
@@ -292,15 +222,9 @@ ZFN_DEVICE_EXPORT void TestDevice_Stall(int32_t milliseconds) {
   Locked([=] { model.stream.Stall(std::max(milliseconds, 0)); });
 }
 
-ZFN_DEVICE_EXPORT void TestDevice_SetEventPeriod(int32_t milliseconds) {
-  Locked([=] { model.eventPeriodMs = std::max(milliseconds, 1); });
-}
-
 ZFN_DEVICE_EXPORT int64_t TestDevice_BytesServed(void) {
   return Locked([] { return static_cast<int64_t>(model.stream.position); });
 }
-
-ZFN_DEVICE_EXPORT int64_t TestDevice_EventsSignalled(void) { return ticker.Signalled(); }
 
 ZFN_DEVICE_EXPORT int32_t TestDevice_EventThreadRunning(void) { return ticker.Running() ? 1 : 0; }
 
