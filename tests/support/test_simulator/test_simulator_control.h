@@ -8,9 +8,8 @@
 // - GetData serves the deterministic pattern, byte k of the stream = TestSim_PatternByte(k), never
 //   more than 240648 bytes per call; 0 bytes while not started.
 //
-// Environment, read when the library is loaded and at TestSim_Reset:
-//   ZFN_TESTSIM_BYTE_RATE     pace the stream to this many bytes per second (default unpaced)
-//   ZFN_TESTSIM_FAIL          name of a function that returns -1 (e.g. BDA_Start_simulate)
+// ZFN_TESTSIM_BYTE_RATE, read when the library is loaded and at TestSim_Reset, paces the stream
+// to that many bytes per second (default unpaced).
 #include <stdint.h>
 
 #ifdef __cplusplus
