@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -100,12 +98,6 @@ struct Model {
     return r.active && call >= r.fromCall && (r.count < 0 || call - r.fromCall < r.count);
   }
 
-  void Restart() {
-    position = 0;
-    rngState = seed != 0 ? seed : 1;
-    startTime = Clock::now();
-  }
-
   // Copies the next bytes into out (capacity bytes at most) and returns how many.
   int32_t Serve(uint8_t* out, int32_t capacity) {
     if (!initialised || out == nullptr || capacity <= 0 || Clock::now() < stallUntil) return 0;
@@ -137,33 +129,19 @@ struct Model {
 std::mutex lock;
 Model model;
 
-// Writes the 8-byte value 1 to the registered eventfd every 5 ms until stopped. Stop joins the
-// thread, so no write happens after it returns. Declared after the model so that an unload joins
-// the thread before anything it could touch goes away; the thread itself touches only the eventfd.
-class EventTicker {
- public:
-  void Start(int eventFd) {
-    Stop();
-    running_ = true;
-    thread_ = std::jthread([eventFd](std::stop_token stop) {
-      std::mutex unshared;
-      std::unique_lock<std::mutex> hold(unshared);
-      std::condition_variable_any wake;
-      const uint64_t one = 1;
-      while (!wake.wait_for(hold, stop, std::chrono::milliseconds(5), [&stop] { return stop.stop_requested(); })) {
-        (void)!write(eventFd, &one, sizeof one);  // a full or closed eventfd: the next tick tries again
-      }
-    });
-  }
-  void Stop() {
-    thread_ = std::jthread{};  // asks the thread to stop and joins it
-    running_ = false;
-  }
-  std::atomic<bool> running_{false};
+// Writes the 8-byte value 1 to the registered eventfd every 5 ms from a thread of its own, started
+// and stopped under the lock; stopping joins it, so no write happens after. Declared after the
+// model so that an unload joins the thread first; the thread touches only the eventfd.
+std::jthread ticker;
 
- private:
-  std::jthread thread_;  // last: joined before the flag goes
-} ticker;
+void RunTicker(bool run) {
+  ticker = !run ? std::jthread{} : std::jthread([eventFd = model.eventFd](std::stop_token stop) {
+    for (const uint64_t one = 1; !stop.stop_requested();) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      (void)!write(eventFd, &one, sizeof one);  // a full or closed eventfd: the next tick tries again
+    }
+  });
+}
 
 auto Locked(auto action) {
   std::lock_guard<std::mutex> hold(lock);
@@ -180,20 +158,23 @@ bool StartEvents(int* event) {
   if (event == nullptr) return false;
   model.eventFd = *event;  // copied now: the thread never reads the caller's word
   model.eventRegistered = true;
-  if (model.initialised) ticker.Start(model.eventFd);
+  if (model.initialised) RunTicker(true);
   return true;
 }
 
+// Starts the stream at byte 0, with the events if registered.
 bool Open() {
   model.initialised = true;
-  model.Restart();
-  if (model.eventRegistered) ticker.Start(model.eventFd);
+  model.position = 0;
+  model.rngState = model.seed;
+  model.startTime = Clock::now();
+  RunTicker(model.eventRegistered);
   return true;
 }
 
 void Close(bool releaseEvent) {
   (releaseEvent ? model.eventRegistered : model.initialised) = false;
-  ticker.Stop();
+  RunTicker(false);
 }
 
 }  // namespace
@@ -353,4 +334,4 @@ ZFN_EXPORT void CONTROL(SetByteRate)(int64_t bytesPerSecond) {
   Locked([=] { model.bytesPerSecond = std::max<int64_t>(bytesPerSecond, 0); });
 }
 ZFN_EXPORT uint8_t CONTROL(PatternByte)(int64_t k) { return PatternByte(static_cast<uint64_t>(k)); }
-ZFN_EXPORT int32_t CONTROL(EventThreadRunning)(void) { return ticker.running_ ? 1 : 0; }
+ZFN_EXPORT int32_t CONTROL(EventThreadRunning)(void) { return Locked([] { return ticker.joinable() ? 1 : 0; }); }
