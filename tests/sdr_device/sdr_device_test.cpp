@@ -171,9 +171,9 @@ TEST(SdrDeviceLibrary, AStreamThatEndsFallsSilentAndClosesPromptlyAndTheClockWor
     int32_t clockWord;
     bool counted;
   } cases[] = {
-      {"speed=2,buffer=1", 0, false},                                     // end of the capture
-      {"speed=2,buffer=1,fail_after=0.3", 0, false},                      // reads fail (unplugged)
-      {"speed=2,buffer=1,fail_after=0.3,fail_mode=timeout", 0, false},   // reads time out
+      {"speed=2", 0, false},                                     // end of the capture
+      {"speed=2,fail_after=0.3", 0, false},                      // reads fail (unplugged)
+      {"speed=2,fail_after=0.3,fail_mode=timeout", 0, false},   // reads time out
       {"speed=0", 0, true}, {"speed=0", -4096, true}, {"speed=0", 4096, true},
   };
   const int event = eventfd(0, EFD_NONBLOCK);
@@ -233,9 +233,8 @@ void OnPackets(const uint8_t* data, int32_t length) {
 class SdrHost : public testing::TestWithParam<const char*> {};
 
 TEST_P(SdrHost, ReceivesTheTransmittedStream) {
-  // In real time, as a device streams (the library and the module resample in real time too),
-  // with a device buffer that rides out the stalls of a busy machine.
-  setenv("ZFNISDBT_DEVICE", CaptureArgs(3.0, std::string(GetParam()) + "speed=1,buffer=2").c_str(), 1);
+  // In real time, as a device streams (the library and the module resample in real time too).
+  setenv("ZFNISDBT_DEVICE", CaptureArgs(3.0, std::string(GetParam()) + "speed=1").c_str(), 1);
   {
     std::lock_guard<std::mutex> hold(receivedLock);
     received.clear();

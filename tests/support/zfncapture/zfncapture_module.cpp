@@ -1,8 +1,8 @@
 // A SoapySDR module for the tests: an SDR that plays a capture file (unsigned 8-bit I/Q, two bytes
 // per sample, at 2031746 samples/s, the raw format of common SDR tools) with the behaviour of the
 // SDR API: rates offered, a gain range that scales the signal ahead of an 8-bit converter (which
-// clips), a tuner whose frequency moves the recorded band, pacing at the stream rate with overflow
-// when the reader falls behind, and a stream error at the end of the file. Loaded through
+// clips), a tuner whose frequency moves the recorded band, pacing at the stream rate in whole
+// transfers, and a stream error at the end of the file. Loaded through
 // SOAPY_SDR_PLUGIN_PATH; driver name "zfncapture". Only what the device library calls is served;
 // SoapySDR's defaults give the rest (no gain mode, rate ranges from the rates listed).
 //
@@ -11,7 +11,6 @@
 //   rates=R1,R2,...   the sample rates offered (default 1024000,2031746,2048000,2400000); the
 //                     capture is resampled to the rate chosen
 //   speed=X           pacing: X times real time (default 1); 0 delivers as fast as read
-//   buffer=S          seconds of stream the device holds before it overflows (default 0.25)
 //   gain_ref=DB       the gain at which the capture plays at its recorded level (default 25, the
 //                     middle of the 0..50 dB range)
 //   center=HZ         the frequency the capture was recorded at: tuning elsewhere shifts it by the
@@ -52,7 +51,6 @@ class CaptureDevice : public SoapySDR::Device {
     std::stringstream list(Arg("rates", "1024000,2031746,2048000,2400000"));
     for (std::string item; std::getline(list, item, ',');) rates_.push_back(Number(item, "rate"));
     speed_ = Number(Arg("speed", "1"), "speed");
-    bufferSeconds_ = Number(Arg("buffer", "0.25"), "buffer");
     gainRef_ = Number(Arg("gain_ref", "25"), "gain_ref");
     center_ = Number(Arg("center", "0"), "center");
     failAfter_ = Number(Arg("fail_after", "-1"), "fail_after");
@@ -68,8 +66,8 @@ class CaptureDevice : public SoapySDR::Device {
 
   SoapySDR::Stream* setupStream(const int direction, const std::string& format, const std::vector<size_t>& channels,
                                 const SoapySDR::Kwargs&) override {
-    if (direction != SOAPY_SDR_RX || format != SOAPY_SDR_CF32) throw std::runtime_error("zfncapture: RX CF32 only");
-    if (channels.size() > 1 || (channels.size() == 1 && channels[0] != 0)) throw std::runtime_error("zfncapture: one channel");
+    if (direction != SOAPY_SDR_RX || format != SOAPY_SDR_CF32 || channels.size() > 1 || (channels.size() == 1 && channels[0] != 0))
+      throw std::runtime_error("zfncapture: one RX channel in CF32 only");
     return reinterpret_cast<SoapySDR::Stream*>(this);
   }
   void closeStream(SoapySDR::Stream*) override {}
@@ -102,12 +100,6 @@ class CaptureDevice : public SoapySDR::Device {
     if (speed_ > 0) {
       const auto deadline = Clock::now() + std::chrono::microseconds(timeoutUs);
       const auto due = [this] { return static_cast<int64_t>(Seconds(start_) * rate_ * speed_) - delivered_; };
-      const auto held = static_cast<int64_t>(bufferSeconds_ * rate_);
-      if (due() > held) {
-        // The reader fell behind: the device's buffer ran over and its oldest samples are gone.
-        Skip(static_cast<size_t>(due() - held / 2));
-        return SOAPY_SDR_OVERFLOW;
-      }
       // Whole transfers, as a USB device delivers them: a read waits for all it asked for.
       while (due() < static_cast<int64_t>(numElems) && Clock::now() < deadline) {
         hold.unlock();
@@ -197,12 +189,6 @@ class CaptureDevice : public SoapySDR::Device {
     return made;
   }
 
-  void Skip(size_t samples) {
-    pendingAt_ = pending_.size();
-    std::fseek(file_, 2 * static_cast<long>(static_cast<double>(samples) * FILE_RATE_HZ / rate_), SEEK_CUR);
-    delivered_ += static_cast<int64_t>(samples);
-  }
-
   // The tuner's shift, the gain and the 8-bit converter.
   void Condition(Complex* x, size_t n) {
     const float scale = static_cast<float>(std::pow(10.0, (gain_ - gainRef_) / 20.0));
@@ -223,7 +209,7 @@ class CaptureDevice : public SoapySDR::Device {
   mutable std::mutex lock_;
   std::FILE* file_ = nullptr;
   std::vector<double> rates_;
-  double rate_, speed_, bufferSeconds_, gainRef_, center_, failAfter_;
+  double rate_, speed_, gainRef_, center_, failAfter_;
   double gain_ = GAIN_MAX_DB / 2, frequency_ = 0.0, phase_ = 0.0;
   bool failByTimeout_, failed_ = false, active_ = false;
   Clock::time_point start_{};
