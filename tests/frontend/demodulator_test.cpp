@@ -59,55 +59,50 @@ struct Scenario {
   std::function<int32_t()> run;
 };
 
-// Register and hands the clock offset word's two bytes before a relative correction.
-std::function<int32_t()> Relative(uint8_t hi, uint8_t lo, float ppm, const char* failing = nullptr) {
-  return [=] {
-    TestDevice_SetRegister(1, 0x3E, hi);
-    TestDevice_SetRegister(1, 0x3F, lo);
-    if (failing != nullptr) TestDevice_FailFunction(failing, 0, 1);
-    return WriteSampleClockOffset(1, ppm);
-  };
-}
-
 std::vector<Scenario> Scenarios() {
   std::vector<Scenario> s;
-  for (int t = 0; t <= 7; ++t) s.push_back({"programme of tuner type " + std::to_string(t), [t] {
-                                              device.tunerType = t;
-                                              return ProgramDemodulator();
-                                            }});
+  const auto failing = [](const char* f, std::function<int32_t()> run) {
+    return [=] { TestDevice_FailFunction(f, 0, 1); return run(); };
+  };
+  for (int t = 0; t <= 7; ++t)
+    s.push_back({"programme of tuner type " + std::to_string(t), [t] { device.tunerType = t; return ProgramDemodulator(); }});
   // Retune: tuner (600 kHz above the channel), IF word back to the channel plus an extra offset in
   // either direction (22 bits, top two clear), clock offset cleared, reset pulse. Nothing follows a
   // failed tuner call; a failed register write still lets the later writes and the pulse through.
   for (const int offset : {0, 100, -700})
     s.push_back({"tune 557143 kHz offset " + std::to_string(offset), [offset] { return TuneFrontEnd(557143, 6, offset); }});
   for (const char* f : {"ZFN_Set_Frequency", "ZFN_Set_Bandwidth", "ZFN_DeviceUpdate", "ZFN_Demod_Byte_Write"})
-    s.push_back({std::string("tune 473143 kHz, ") + f + " fails", [f] {
-                   TestDevice_FailFunction(f, 0, 1);
-                   return TuneFrontEnd(473143, 6, 0);
-                 }});
+    s.push_back({std::string("tune 473143 kHz, ") + f + " fails", failing(f, [] { return TuneFrontEnd(473143, 6, 0); })});
   // Sample clock offset, absolute: floor(ppm * 2^24 / 10^6) in 14 bits.
   for (const float ppm : {-1.0f, 2.5f, 0.0f})
     s.push_back({"clock absolute " + testing::PrintToString(ppm), [ppm] { return WriteSampleClockOffset(0, ppm); }});
-  s.push_back({"clock absolute, write fails", [] {
-                 TestDevice_FailFunction("ZFN_Demod_Byte_Write", 0, 1);
-                 return WriteSampleClockOffset(0, 1.0f);
-               }});
-  // Relative: added to the word read back, wrapped to 14 bits both ways, only changed bytes written
-  // (bits 7 and 6 of the high byte stay out of the sum but make the compare differ); after a failed
-  // read nothing is written, after a failed high byte the low byte is not tried.
-  s.push_back({"clock relative 00 05 -1", Relative(0x00, 0x05, -1.0f)});
-  s.push_back({"clock relative 00 00 -0.01", Relative(0x00, 0x00, -0.01f)});
-  s.push_back({"clock relative 3f ff +0.1", Relative(0x3F, 0xFF, 0.1f)});
-  s.push_back({"clock relative 01 10 +0.5", Relative(0x01, 0x10, 0.5f)});
-  s.push_back({"clock relative c1 10 +0.5", Relative(0xC1, 0x10, 0.5f)});
-  s.push_back({"clock relative 12 34 0", Relative(0x12, 0x34, 0.0f)});
-  s.push_back({"clock relative, read fails", Relative(0x00, 0x05, -1.0f, "ZFN_Demod_Byte_Read")});
-  s.push_back({"clock relative, write fails", Relative(0x00, 0x05, -1.0f, "ZFN_Demod_Byte_Write")});
+  s.push_back({"clock absolute, write fails", failing("ZFN_Demod_Byte_Write", [] { return WriteSampleClockOffset(0, 1.0f); })});
+  // Relative, from the word's two bytes as set: added to the word read back, wrapped to 14 bits both
+  // ways, only changed bytes written (bits 7 and 6 of the high byte stay out of the sum but make the
+  // compare differ); after a failed read nothing is written, after a failed high byte the low byte
+  // is not tried.
+  const struct {
+    const char* name;
+    uint8_t hi, lo;
+    float ppm;
+    const char* failing;
+  } relative[] = {{"00 05 -1", 0x00, 0x05, -1.0f, nullptr},  {"00 00 -0.01", 0x00, 0x00, -0.01f, nullptr},
+                  {"3f ff +0.1", 0x3F, 0xFF, 0.1f, nullptr},  {"01 10 +0.5", 0x01, 0x10, 0.5f, nullptr},
+                  {"c1 10 +0.5", 0xC1, 0x10, 0.5f, nullptr},  {"12 34 0", 0x12, 0x34, 0.0f, nullptr},
+                  {"00 05 -1, read fails", 0x00, 0x05, -1.0f, "ZFN_Demod_Byte_Read"},
+                  {"00 05 -1, write fails", 0x00, 0x05, -1.0f, "ZFN_Demod_Byte_Write"}};
+  for (const auto& r : relative) {
+    s.push_back({std::string("clock relative ") + r.name, [r] {
+                   TestDevice_SetRegister(1, 0x3E, r.hi);
+                   TestDevice_SetRegister(1, 0x3F, r.lo);
+                   if (r.failing != nullptr) TestDevice_FailFunction(r.failing, 0, 1);
+                   return WriteSampleClockOffset(1, r.ppm);
+                 }});
+  }
   // Carrier offset: added to the IF word read back (top bits outside the 22-bit word), or absolute.
   s.push_back({"carrier relative +100 on c1 55 55, then absolute 600", [] {
-                 TestDevice_SetRegister(1, 0x16, 0xC1);
-                 TestDevice_SetRegister(1, 0x17, 0x55);
-                 TestDevice_SetRegister(1, 0x18, 0x55);
+                 for (const auto& [address, value] : {std::pair{0x16, 0xC1}, {0x17, 0x55}, {0x18, 0x55}})
+                   TestDevice_SetRegister(1, address, static_cast<uint8_t>(value));
                  return WriteCarrierOffset(1, 100.0f) + 2 * WriteCarrierOffset(0, 600.0f);
                }});
   return s;
@@ -121,7 +116,7 @@ TEST_F(Demodulator, EveryRegisterSequenceAsInTheGoldenLog) {
     device.tunerType = 0;
     std::string line = "== " + scenario.name + " -> " + std::to_string(result) + ":";
     for (const std::string& call : Calls()) {
-      if (line.size() + call.size() > 118) log += line + "\n", line = " ";
+      if (line.size() + call.size() > 148) log += line + "\n", line = " ";
       line += " " + call + ";";
     }
     log += line + "\n";
