@@ -22,7 +22,7 @@
 #include <thread>
 #include <vector>
 
-#include "frontend/sample_source_contract.h"
+#include "frontend/device_binding.h"
 #include "simulator/transmitter.h"
 #include "tools/sdr_diagnosis.h"
 #include "zfnisdbt.h"
@@ -85,29 +85,20 @@ std::string CaptureArgs(double seconds, const std::string& extra) {
          std::to_string(static_cast<long long>(CENTER_HZ)) + (extra.empty() ? "" : ",") + extra;
 }
 
-struct DeviceLibrary {
-  void* handle = dlopen(ZFN_DEVICE_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
-  template <class Fn>
-  Fn Get(const char* name) {
-    return reinterpret_cast<Fn>(dlsym(handle, name));
+// The device library bound as the receiver binds it: the SDR build, from the search path.
+const zfn::DeviceBinding& Library() {
+  if (zfn::deviceBinding.library == nullptr) {
+    EXPECT_EQ(zfn::BindDeviceLibrary(), 1);
   }
-  ZfnBdaFilterInitFn Init = Get<ZfnBdaFilterInitFn>("ZFN_BDAFilterInit");
-  ZfnBdaFilterReleaseFn Release = Get<ZfnBdaFilterReleaseFn>("ZFN_BDAFilterRelease");
-  ZfnSetFrequencyFn SetFrequency = Get<ZfnSetFrequencyFn>("ZFN_Set_Frequency");
-  ZfnDeviceUpdateFn Update = Get<ZfnDeviceUpdateFn>("ZFN_DeviceUpdate");
-  ZfnDemodByteWriteFn Write = Get<ZfnDemodByteWriteFn>("ZFN_Demod_Byte_Write");
-  ZfnGetDataFn GetData = Get<ZfnGetDataFn>("ZFN_GetData");
-  ZfnSetDabEventHandleFn SetEvent = Get<ZfnSetDabEventHandleFn>("ZFN_SetDABEventHandle");
-  ZfnReleaseDabEventHandleFn ReleaseEvent = Get<ZfnReleaseDabEventHandleFn>("ZFN_ReleaseDABEventHandle");
-  int32_t (*TunedFrequencyKHz)() = Get<int32_t (*)()>("ZFN_TunedFrequencyKHz");
+  return zfn::deviceBinding;
+}
 
-  // Bytes of one fetch: 0 when nothing is there; the call itself always succeeds.
-  int32_t Fetch(uint8_t* buffer, int32_t size) {
-    int32_t length = -1, aux = 0;
-    EXPECT_EQ(GetData(buffer, size, &length, &aux), 1);
-    return length;
-  }
-};
+// Bytes of one fetch: 0 when nothing is there; the call itself always succeeds.
+int32_t Fetch(uint8_t* buffer, int32_t size) {
+  int32_t length = -1, aux = 0;
+  EXPECT_EQ(Library().GetData(buffer, size, &length, &aux), 1);
+  return length;
+}
 
 void SetSettings(const std::string& device, const char* gain = nullptr, const char* ppm = nullptr) {
   setenv("ZFNISDBT_DEVICE", device.c_str(), 1);
@@ -126,8 +117,7 @@ std::string Diagnosis() {
 }
 
 TEST(SdrDeviceLibrary, OpenWithoutAUsableDeviceFailsAtOnceAndIsExplained) {
-  DeviceLibrary lib;
-  ASSERT_NE(lib.handle, nullptr) << dlerror();
+  const zfn::DeviceBinding& lib = Library();
   const std::string capture = "driver=zfncapture,path=" + CaptureOf(0.5).path;
   const struct {
     std::string device;
@@ -145,23 +135,22 @@ TEST(SdrDeviceLibrary, OpenWithoutAUsableDeviceFailsAtOnceAndIsExplained) {
     SCOPED_TRACE(c.device);
     SetSettings(c.device, c.gain, c.ppm);
     const auto start = Clock::now();
-    EXPECT_EQ(lib.Init(0), 0);
+    EXPECT_EQ(lib.BDAFilterInit(0), 0);
     EXPECT_LT(SecondsSince(start), 1.0);
-    EXPECT_EQ(lib.Release(0), 1);
+    EXPECT_EQ(lib.BDAFilterRelease(0), 1);
     EXPECT_NE(Diagnosis().find(c.explanation), std::string::npos) << Diagnosis();
   }
   // With no device, tuning still answers (the simulator reads the tuned frequency back) and there
   // is nothing to fetch.
-  EXPECT_EQ(lib.SetFrequency(473743), 1);
-  EXPECT_EQ(lib.TunedFrequencyKHz(), 473743);
-  EXPECT_EQ(lib.Update(), 1);
+  EXPECT_EQ(lib.Set_Frequency(473743), 1);
+  EXPECT_EQ(reinterpret_cast<int32_t (*)()>(dlsym(lib.library, "ZFN_TunedFrequencyKHz"))(), 473743);
+  EXPECT_EQ(lib.DeviceUpdate(), 1);
   uint8_t buffer[64];
-  EXPECT_EQ(lib.Fetch(buffer, sizeof buffer), 0);
+  EXPECT_EQ(Fetch(buffer, sizeof buffer), 0);
 }
 
 TEST(SdrDeviceLibrary, AStreamThatEndsFallsSilentAndClosesPromptlyAndTheClockWordScalesIt) {
-  DeviceLibrary lib;
-  ASSERT_NE(lib.handle, nullptr) << dlerror();
+  const zfn::DeviceBinding& lib = Library();
   // The receiver writes minus the clock offset it measures: a negative word when it counts too
   // many samples per symbol, which must then give fewer. Played as fast as read, the whole half
   // second fits the library's ring, so the count is exact but for the filter's delay and the
@@ -181,11 +170,11 @@ TEST(SdrDeviceLibrary, AStreamThatEndsFallsSilentAndClosesPromptlyAndTheClockWor
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.extra << " clock word " << c.clockWord);
     uint8_t word[2] = {static_cast<uint8_t>((c.clockWord >> 8) & 0x3F), static_cast<uint8_t>(c.clockWord & 0xFF)};
-    ASSERT_EQ(lib.Write(1, 0x3E, 2, word), 1);
+    ASSERT_EQ(lib.Demod_Byte_Write(1, 0x3E, 2, word), 1);
     SetSettings(CaptureArgs(0.5, c.extra));
-    ASSERT_EQ(lib.Init(0), 1);
+    ASSERT_EQ(lib.BDAFilterInit(0), 1);
     int descriptor = event;
-    ASSERT_EQ(lib.SetEvent(&descriptor), 1);
+    ASSERT_EQ(lib.SetDABEventHandle(&descriptor), 1);
     // Fetch as the reception thread does, on the event, until nothing has come for 0.8 s.
     size_t fetched = 0;
     const auto start = Clock::now();
@@ -195,7 +184,7 @@ TEST(SdrDeviceLibrary, AStreamThatEndsFallsSilentAndClosesPromptlyAndTheClockWor
       if (poll(&p, 1, 50) == 1) {
         EXPECT_EQ(read(event, &value, sizeof value), static_cast<ssize_t>(sizeof value));
       }
-      for (int32_t length; (length = lib.Fetch(buffer.data(), static_cast<int32_t>(buffer.size()))) > 0;) {
+      for (int32_t length; (length = Fetch(buffer.data(), static_cast<int32_t>(buffer.size()))) > 0;) {
         EXPECT_EQ(length % 4, 0);
         EXPECT_LE(length, static_cast<int32_t>(buffer.size()));
         fetched += static_cast<size_t>(length);
@@ -211,10 +200,10 @@ TEST(SdrDeviceLibrary, AStreamThatEndsFallsSilentAndClosesPromptlyAndTheClockWor
     // Silent: nothing announced, nothing to fetch.
     pollfd p{event, POLLIN, 0};
     EXPECT_EQ(poll(&p, 1, 300), 0);
-    EXPECT_EQ(lib.Fetch(buffer.data(), 64), 0);
-    EXPECT_EQ(lib.ReleaseEvent(&descriptor), 1);
+    EXPECT_EQ(Fetch(buffer.data(), 64), 0);
+    EXPECT_EQ(lib.ReleaseDABEventHandle(&descriptor), 1);
     const auto closing = Clock::now();
-    EXPECT_EQ(lib.Release(0), 1);
+    EXPECT_EQ(lib.BDAFilterRelease(0), 1);
     EXPECT_LT(SecondsSince(closing), 0.5);
   }
   close(event);
