@@ -36,12 +36,15 @@ struct BridgeModel {
   }
 } model;
 
+auto Locked(auto action) {
+  std::lock_guard<std::mutex> hold(model.lock);
+  return action();
+}
+
 }  // namespace
 
 ZFN_BRIDGE_EXPORT int32_t MATLAB_Initial(void) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  ++model.initialCalls;
-  return model.failInitial ? -1 : 0;
+  return Locked([] { return ++model.initialCalls, model.failInitial ? -1 : 0; });
 }
 
 ZFN_BRIDGE_EXPORT int32_t MATLAB_Show(zfn::MatlabProbe** probe) {
@@ -75,36 +78,27 @@ ZFN_BRIDGE_EXPORT int32_t MATLAB_Destroy(void) {
 }
 
 ZFN_BRIDGE_EXPORT void TestBridge_Reset(void) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  model.failInitial = model.nullRecord = false;
-  model.initialCalls = model.showCalls = model.destroyCalls = 0;
-  model.updates = 0;
+  Locked([] {
+    model.failInitial = model.nullRecord = false;
+    model.initialCalls = model.showCalls = model.destroyCalls = 0;
+    model.updates = 0;
+  });
 }
 
-ZFN_BRIDGE_EXPORT void TestBridge_FailInitial(int32_t fail) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  model.failInitial = fail != 0;
-}
+ZFN_BRIDGE_EXPORT void TestBridge_FailInitial(int32_t fail) { Locked([=] { model.failInitial = fail != 0; }); }
 
-ZFN_BRIDGE_EXPORT void TestBridge_NullRecord(int32_t null) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  model.nullRecord = null != 0;
-}
+ZFN_BRIDGE_EXPORT void TestBridge_NullRecord(int32_t null) { Locked([=] { model.nullRecord = null != 0; }); }
 
 ZFN_BRIDGE_EXPORT int32_t TestBridge_Calls(const char* name) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  for (auto [function, calls] : {std::pair{"MATLAB_Initial", model.initialCalls}, {"MATLAB_Show", model.showCalls},
-                                 {"MATLAB_Destroy", model.destroyCalls}}) {
-    if (name != nullptr && std::strcmp(name, function) == 0) return calls;
-  }
-  return -1;
+  return Locked([=] {
+    for (auto [function, calls] : {std::pair{"MATLAB_Initial", model.initialCalls}, {"MATLAB_Show", model.showCalls},
+                                   {"MATLAB_Destroy", model.destroyCalls}})
+      if (name != nullptr && std::strcmp(name, function) == 0) return calls;
+    return -1;
+  });
 }
 
-ZFN_BRIDGE_EXPORT int64_t TestBridge_Updates(void) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  model.TakeUpdate();
-  return model.updates;
-}
+ZFN_BRIDGE_EXPORT int64_t TestBridge_Updates(void) { return Locked([] { return model.TakeUpdate(), model.updates; }); }
 
 ZFN_BRIDGE_EXPORT int32_t TestBridge_WaitUpdates(int64_t count, int32_t timeoutMs) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -115,7 +109,4 @@ ZFN_BRIDGE_EXPORT int32_t TestBridge_WaitUpdates(int64_t count, int32_t timeoutM
   return 1;
 }
 
-ZFN_BRIDGE_EXPORT zfn::MatlabProbe* TestBridge_Record(void) {
-  std::lock_guard<std::mutex> hold(model.lock);
-  return model.handed;
-}
+ZFN_BRIDGE_EXPORT zfn::MatlabProbe* TestBridge_Record(void) { return Locked([] { return model.handed; }); }
