@@ -23,7 +23,7 @@ using Cx = std::complex<double>;
 constexpr double PI = 3.14159265358979323846;
 
 struct Impairment {
-  double level = 0.2;   // RMS per component of the clean signal, full scale 1.0
+  double level = 0.2;  // RMS per component of the clean signal, full scale 1.0
   double dcI = 0, dcQ = 0;
   double gainDb = 0;    // I against Q
   double phaseDeg = 0;  // phase error of the Q branch
@@ -35,14 +35,12 @@ std::vector<float> Synthesise(size_t samples, const Impairment& m, double toneHz
   std::mt19937 rng(seed);
   std::normal_distribution<double> gauss(0.0, 1.0);
   const double g = std::pow(10.0, m.gainDb / 40.0), p = m.phaseDeg * PI / 180.0;
-  const double noise = m.level * std::sqrt(0.8), tone = m.level * std::sqrt(0.4);
   std::vector<float> iq(2 * samples);
   for (size_t n = 0; n < samples; ++n) {
-    const double w = 2.0 * PI * toneHz / DEVICE_SAMPLE_RATE_HZ * static_cast<double>(n);
-    const double i = noise * gauss(rng) + tone * std::cos(w);
-    const double q = noise * gauss(rng) + tone * std::sin(w);
-    iq[2 * n] = static_cast<float>(g * i + m.dcI);
-    iq[2 * n + 1] = static_cast<float>((q * std::cos(p) + i * std::sin(p)) / g + m.dcQ);
+    const double i = gauss(rng), q = gauss(rng);
+    const Cx x = m.level * (std::sqrt(0.8) * Cx(i, q) + std::sqrt(0.4) * std::polar(1.0, 2.0 * PI * toneHz / DEVICE_SAMPLE_RATE_HZ * n));
+    iq[2 * n] = static_cast<float>(g * x.real() + m.dcI);
+    iq[2 * n + 1] = static_cast<float>((x.imag() * std::cos(p) + x.real() * std::sin(p)) / g + m.dcQ);
   }
   return iq;
 }
@@ -50,9 +48,7 @@ std::vector<float> Synthesise(size_t samples, const Impairment& m, double toneHz
 // What an 8-bit SDR records of it: b stands for (b - 127.5) / 128, clipped to the rails.
 std::vector<uint8_t> ToBytes(const std::vector<float>& iq) {
   std::vector<uint8_t> bytes(iq.size());
-  for (size_t k = 0; k < iq.size(); ++k) {
-    bytes[k] = static_cast<uint8_t>(std::lround(std::clamp(iq[k] * 128.0 + 127.5, 0.0, 255.0) - 0.5));
-  }
+  for (size_t k = 0; k < iq.size(); ++k) bytes[k] = static_cast<uint8_t>(std::lround(std::clamp(iq[k] * 128.0 + 127.5, 0.0, 255.0) - 0.5));
   return bytes;
 }
 
@@ -60,10 +56,15 @@ std::vector<uint8_t> ToBytes(const std::vector<float>& iq) {
 // only the ones the engine keeps (the first of each pair).
 std::vector<Cx> Engine(const std::vector<uint8_t>& out, size_t from, int stride) {
   std::vector<Cx> v;
-  for (size_t n = from; 2 * n + 1 < out.size(); n += static_cast<size_t>(stride)) {
+  for (size_t n = from; 2 * n + 1 < out.size(); n += static_cast<size_t>(stride))
     v.emplace_back((out[2 * n] - 127.0) / 128.0, (out[2 * n + 1] - 127.0) / 128.0);
-  }
   return v;
+}
+
+std::vector<uint8_t> Condition(SdrConditioner& c, const std::vector<float>& iq) {
+  std::vector<uint8_t> out(iq.size() + 2);
+  out.resize(SdrConditionFloat(c, iq.data(), iq.size() / 2, out.data()));
+  return out;
 }
 
 // Amplitude of the component at `hz` in samples taken at `rate`.
@@ -73,17 +74,20 @@ double Amplitude(const std::vector<Cx>& v, double hz, double rate) {
   return std::abs(acc) / static_cast<double>(v.size());
 }
 
-std::vector<uint8_t> ConditionAll(SdrConditioner& c, const std::vector<float>& iq) {
-  std::vector<uint8_t> out(iq.size() + 2);
-  out.resize(SdrConditionFloat(c, iq.data(), iq.size() / 2, out.data()));
-  return out;
+// Mean, and RMS per component about it in 8-bit steps.
+std::pair<Cx, double> Moments(const std::vector<Cx>& v) {
+  Cx mean = 0;
+  double power = 0;
+  for (const Cx& x : v) mean += x / static_cast<double>(v.size());
+  for (const Cx& x : v) power += std::norm(x - mean) / static_cast<double>(v.size());
+  return {mean, 128.0 * std::sqrt(0.5 * power)};
 }
 
 TEST(SdrConditioning, RemovesDcAndImageHoldsTheLevelAndAdvisesTheSdrGain) {
   const struct {
     const char* name;
     Impairment m;
-    bool bytes;          // through SdrConditionU8 as an 8-bit recording
+    bool bytes;  // through SdrConditionU8 as an 8-bit recording
     double adviceAbove, adviceBelow;
   } cases[] = {
       {"8-bit recording, dongle-like", {0.2, 0.012, -0.008, 0.3, 2.0}, true, -2.0, 2.0},
@@ -92,30 +96,21 @@ TEST(SdrConditioning, RemovesDcAndImageHoldsTheLevelAndAdvisesTheSdrGain) {
   };
   constexpr size_t SAMPLES = 2031746;  // one second
   constexpr double TONE_HZ = 100e3;
+  auto c = std::make_unique<SdrConditioner>();
   for (const auto& k : cases) {
     SCOPED_TRACE(k.name);
-    auto c = std::make_unique<SdrConditioner>();
     SdrConditionerReset(*c);
-    std::vector<float> iq = Synthesise(SAMPLES, k.m, TONE_HZ, 7);
-    std::vector<uint8_t> out(iq.size() + 2);
+    const std::vector<float> iq = Synthesise(SAMPLES, k.m, TONE_HZ, 7);
+    std::vector<uint8_t> out(2 * SAMPLES + 2);
     if (k.bytes) {
-      const std::vector<uint8_t> recorded = ToBytes(iq);
-      out.resize(SdrConditionU8(*c, recorded.data(), SAMPLES, out.data()));
+      out.resize(SdrConditionU8(*c, ToBytes(iq).data(), SAMPLES, out.data()));
     } else {
-      out.resize(SdrConditionFloat(*c, iq.data(), SAMPLES, out.data()));
+      out = Condition(*c, iq);
     }
     ASSERT_EQ(out.size(), 2 * SAMPLES);
     // The second half second, after the imbalance estimate has settled.
     const std::vector<Cx> v = Engine(out, SAMPLES / 2, 1);
-    Cx mean = 0;
-    double ii = 0, qq = 0;
-    for (const Cx& x : v) mean += x;
-    mean /= static_cast<double>(v.size());
-    for (const Cx& x : v) {
-      ii += (x.real() - mean.real()) * (x.real() - mean.real());
-      qq += (x.imag() - mean.imag()) * (x.imag() - mean.imag());
-    }
-    const double rmsSteps = 128.0 * std::sqrt(0.5 * (ii + qq) / static_cast<double>(v.size()));
+    const auto [mean, rmsSteps] = Moments(v);
     EXPECT_LT(std::abs(mean) * 128.0, 0.3) << "DC left, in steps";
     EXPECT_NEAR(rmsSteps, SDR_TARGET_STEPS, 1.0) << "level per component, in steps";
     const double image = Amplitude(v, -TONE_HZ, DEVICE_SAMPLE_RATE_HZ) / Amplitude(v, TONE_HZ, DEVICE_SAMPLE_RATE_HZ);
@@ -128,9 +123,8 @@ TEST(SdrConditioning, RemovesDcAndImageHoldsTheLevelAndAdvisesTheSdrGain) {
       EXPECT_GT(c->inputClipped, SAMPLES / 1000);
       EXPECT_GT(c->inputClipFraction, 1e-3f);
     }
-    const float advice = SdrGainAdviceDb(*c);
-    EXPECT_GE(advice, k.adviceAbove);
-    EXPECT_LE(advice, k.adviceBelow);
+    EXPECT_GE(SdrGainAdviceDb(*c), k.adviceAbove);
+    EXPECT_LE(SdrGainAdviceDb(*c), k.adviceBelow);
   }
 }
 
@@ -139,44 +133,33 @@ TEST(SdrConditioning, RemovesDcAndImageHoldsTheLevelAndAdvisesTheSdrGain) {
 TEST(SdrConditioning, FollowsAGainStepOfTheSdrAtOnceWhenToldOfIt) {
   auto c = std::make_unique<SdrConditioner>();
   SdrConditionerReset(*c);
-  const std::vector<float> before = Synthesise(SDR_CHUNK * 200, Impairment{0.05}, 1e5, 3);
-  ConditionAll(*c, before);
+  Condition(*c, Synthesise(SDR_CHUNK * 200, Impairment{0.05}, 1e5, 3));
   std::vector<float> after = Synthesise(SDR_CHUNK * 20, Impairment{0.05}, 1e5, 4);
   for (float& x : after) x *= std::sqrt(10.0f);  // +10 dB
   SdrConditionerGainChanged(*c, 10.0f);
-  const std::vector<Cx> v = Engine(ConditionAll(*c, after), SDR_CHUNK, 1);
-  double power = 0;
-  for (const Cx& x : v) power += std::norm(x);
-  EXPECT_NEAR(20.0 * std::log10(128.0 * std::sqrt(0.5 * power / static_cast<double>(v.size())) / SDR_TARGET_STEPS), 0.0, 0.5);
+  EXPECT_NEAR(20.0 * std::log10(Moments(Engine(Condition(*c, after), SDR_CHUNK, 1)).second / SDR_TARGET_STEPS), 0.0, 0.5);
 }
 
 // What the engine keeps (every second sample) of tones across the band: within 0.1 dB of each
 // other up to 400 kHz from the channel centre, and what lies from 610 kHz up, which the drop folds
 // onto the span the engine reads, at least 65 dB down.
 TEST(SdrConditioning, StopsWhatTheSampleDropWouldFoldOntoTheSpan) {
-  const double rate = DEVICE_SAMPLE_RATE_HZ;
-  const struct {
-    double hz;
-    bool passes;
-  } tones[] = {{20e3, true}, {-250e3, true}, {357e3, true}, {-400e3, true},
-               {610e3, false}, {-690e3, false}, {800e3, false}, {-1000e3, false}};
-  for (const auto& t : tones) {
-    SCOPED_TRACE(t.hz);
+  const double rate = DEVICE_SAMPLE_RATE_HZ, engineRate = rate / 2.0;
+  auto c = std::make_unique<SdrConditioner>();
+  for (const double hz : {20e3, -250e3, 357e3, -400e3, 610e3, -690e3, 800e3, -1000e3}) {
+    SCOPED_TRACE(hz);
+    // Two tones: the one under test, and a reference at 50 kHz, each at RMS 0.1 per component.
     std::vector<float> iq(2 * 200000);
     for (size_t n = 0; n < iq.size() / 2; ++n) {
-      // Two tones: the one under test, and a reference at 50 kHz, each at RMS 0.1 per component.
-      const Cx x = 0.1 * std::polar(1.0, 2.0 * PI * t.hz / rate * static_cast<double>(n)) +
-                   0.1 * std::polar(1.0, 2.0 * PI * 50e3 / rate * static_cast<double>(n));
+      const Cx x = 0.1 * (std::polar(1.0, 2.0 * PI * hz / rate * n) + std::polar(1.0, 2.0 * PI * 50e3 / rate * n));
       iq[2 * n] = static_cast<float>(x.real());
       iq[2 * n + 1] = static_cast<float>(x.imag());
     }
-    auto c = std::make_unique<SdrConditioner>();
     SdrConditionerReset(*c);
-    const std::vector<Cx> kept = Engine(ConditionAll(*c, iq), 4096, 2);
-    const double engineRate = rate / 2.0;
-    const double seen = t.hz - engineRate * std::round(t.hz / engineRate);  // where the drop puts it
+    const std::vector<Cx> kept = Engine(Condition(*c, iq), 4096, 2);
+    const double seen = hz - engineRate * std::round(hz / engineRate);  // where the drop puts it
     const double db = 20.0 * std::log10(Amplitude(kept, seen, engineRate) / Amplitude(kept, 50e3, engineRate));
-    if (t.passes) {
+    if (std::abs(hz) <= 400e3) {
       EXPECT_NEAR(db, 0.0, 0.1);
     } else {
       EXPECT_LT(db, -65.0);
@@ -194,23 +177,20 @@ TEST(SdrConditioning, WholeGroupsOfFourAndTheSameBytesHoweverTheStreamIsCut) {
   for (size_t k = 0; k < recorded.size(); ++k) asFloat[k] = (static_cast<float>(recorded[k]) - 127.5f) / 128.0f;
 
   auto c = std::make_unique<SdrConditioner>();
+  std::vector<uint8_t> whole(2 * SAMPLES + 2), plain(2 * SAMPLES + 2);
   SdrConditionerReset(*c);
-  std::vector<uint8_t> whole(2 * SAMPLES + 2);
   whole.resize(SdrConditionU8(*c, recorded.data(), SAMPLES, whole.data()));
   ASSERT_EQ(whole.size(), 2 * (SAMPLES - 1)) << "the odd last sample is held";
   SdrConditionerReset(*c);
   c->vectorKind = SDR_VECTOR_PLAIN;
-  std::vector<uint8_t> plain(2 * SAMPLES + 2);
   plain.resize(SdrConditionU8(*c, recorded.data(), SAMPLES, plain.data()));
   EXPECT_EQ(plain, whole) << "baseline build against the one chosen";
 
   std::mt19937 rng(5);
   for (bool bytes : {true, false}) {
     SdrConditionerReset(*c);
-    std::vector<uint8_t> cut;
-    std::vector<uint8_t> out(2 * SAMPLES + 2);
-    size_t at = 0, in = 0;
-    while (at < SAMPLES) {
+    std::vector<uint8_t> cut, out(2 * SAMPLES + 2);
+    for (size_t at = 0; at < SAMPLES;) {
       const size_t lengths[] = {0, 1, 2, 3, 5, SDR_CHUNK - 1, SDR_CHUNK + 1, 333};
       const size_t n = std::min(SAMPLES - at, lengths[rng() % 8]);
       const size_t got = bytes ? SdrConditionU8(*c, recorded.data() + 2 * at, n, out.data())
@@ -219,8 +199,7 @@ TEST(SdrConditioning, WholeGroupsOfFourAndTheSameBytesHoweverTheStreamIsCut) {
       ASSERT_EQ(got % 4, 0u);
       ASSERT_LE(got, 2 * n + 2);
       cut.insert(cut.end(), out.begin(), out.begin() + static_cast<std::ptrdiff_t>(got));
-      in += n;
-      ASSERT_EQ(cut.size(), 4 * (in / 2)) << "every whole pair of samples is out";
+      ASSERT_EQ(cut.size(), 4 * (at / 2)) << "every whole pair of samples is out";
     }
     EXPECT_EQ(cut, whole) << (bytes ? "8-bit" : "float") << " input cut into calls";
   }

@@ -34,21 +34,13 @@ class ProbeArrays {
   zfn::MatlabProbe record{};
 
  private:
-  using Field = double* zfn::MatlabProbe::*;
-  static constexpr std::array<std::pair<Field, int32_t>, 13> kLayout{{
-      {&zfn::MatlabProbe::carrierRe, zfn::PROBE_CARRIER_CAPACITY},
-      {&zfn::MatlabProbe::carrierIm, zfn::PROBE_CARRIER_CAPACITY},
-      {&zfn::MatlabProbe::snrCell, 1},
-      {&zfn::MatlabProbe::frequencyCell, 1},
-      {&zfn::MatlabProbe::ratesCell, zfn::PROBE_RATES},
-      {&zfn::MatlabProbe::channelRe, zfn::PROBE_CHANNEL_CAPACITY},
-      {&zfn::MatlabProbe::channelIm, zfn::PROBE_CHANNEL_CAPACITY},
-      {&zfn::MatlabProbe::slotRe, zfn::PROBE_SLOT_CAPACITY},
-      {&zfn::MatlabProbe::slotIm, zfn::PROBE_SLOT_CAPACITY},
-      {&zfn::MatlabProbe::timingProfile, zfn::PROBE_TIMING_CAPACITY},
-      {&zfn::MatlabProbe::jumpList, zfn::PROBE_JUMP_CAPACITY},
-      {&zfn::MatlabProbe::stateCell, 1},
-      {&zfn::MatlabProbe::channelStateCell, 1},
+  using P = zfn::MatlabProbe;
+  static constexpr std::array<std::pair<double* P::*, int32_t>, 13> kLayout{{
+      {&P::carrierRe, zfn::PROBE_CARRIER_CAPACITY}, {&P::carrierIm, zfn::PROBE_CARRIER_CAPACITY}, {&P::snrCell, 1},
+      {&P::frequencyCell, 1}, {&P::ratesCell, zfn::PROBE_RATES}, {&P::channelRe, zfn::PROBE_CHANNEL_CAPACITY},
+      {&P::channelIm, zfn::PROBE_CHANNEL_CAPACITY}, {&P::slotRe, zfn::PROBE_SLOT_CAPACITY},
+      {&P::slotIm, zfn::PROBE_SLOT_CAPACITY}, {&P::timingProfile, zfn::PROBE_TIMING_CAPACITY},
+      {&P::jumpList, zfn::PROBE_JUMP_CAPACITY}, {&P::stateCell, 1}, {&P::channelStateCell, 1},
   }};
   int32_t guard_;
   double fill_;

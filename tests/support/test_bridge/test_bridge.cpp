@@ -4,7 +4,6 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -18,52 +17,44 @@
 namespace {
 
 struct BridgeModel {
-  // Stops the counting thread and closes the update event.
-  void StopCounter() {
-    counter = std::jthread{};
-    if (updateEvent > 0) close(updateEvent);
-    updateEvent = -1;
-  }
-
   std::mutex lock;
-  std::atomic<int32_t> initialCalls{0}, showCalls{0}, destroyCalls{0};
-  std::atomic<int64_t> updates{0};
+  int32_t initialCalls = 0, showCalls = 0, destroyCalls = 0;
+  int64_t updates = 0;
   bool failInitial = false, nullRecord = false;
   zfn_test::ProbeArrays arrays;
   zfn::MatlabProbe* handed = nullptr;
   int updateEvent = -1;
-  std::jthread counter;  // last: a process that ends with the bridge shown joins it first
-};
 
-BridgeModel model;
-
-// Counts the update events until asked to stop (looked at every few milliseconds).
-void CountUpdates(std::stop_token stop, int updateEvent) {
-  while (!stop.stop_requested()) {
-    pollfd wait{updateEvent, POLLIN, 0};
+  // Takes the update event if it was set (sets close together merge into one), under the lock.
+  void TakeUpdate() {
     uint64_t value = 0;
-    if (poll(&wait, 1, 5) > 0 && read(updateEvent, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) {
-      model.updates += 1;
-    }
+    if (updateEvent >= 0 && read(updateEvent, &value, sizeof value) == static_cast<ssize_t>(sizeof value)) ++updates;
   }
+  void CloseEvent() {
+    if (updateEvent >= 0) close(updateEvent);
+    updateEvent = -1;
+  }
+} model;
+
+auto Locked(auto action) {
+  std::lock_guard<std::mutex> hold(model.lock);
+  return action();
 }
 
 }  // namespace
 
 ZFN_BRIDGE_EXPORT int32_t MATLAB_Initial(void) {
-  model.initialCalls += 1;
-  std::lock_guard<std::mutex> guard(model.lock);
-  return model.failInitial ? -1 : 0;
+  return Locked([] { return ++model.initialCalls, model.failInitial ? -1 : 0; });
 }
 
 ZFN_BRIDGE_EXPORT int32_t MATLAB_Show(zfn::MatlabProbe** probe) {
-  model.showCalls += 1;
-  std::lock_guard<std::mutex> guard(model.lock);
+  std::lock_guard<std::mutex> hold(model.lock);
+  ++model.showCalls;
   if (model.nullRecord) {
     *probe = nullptr;
     return 0;
   }
-  model.StopCounter();
+  model.CloseEvent();
   model.arrays.Reset();
   // Descriptor 0 means "no event" in the record: never hand it over.
   model.updateEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -72,57 +63,50 @@ ZFN_BRIDGE_EXPORT int32_t MATLAB_Show(zfn::MatlabProbe** probe) {
     close(0);
   }
   model.arrays.record.updateEvent = model.updateEvent;
-  model.counter = std::jthread(CountUpdates, model.updateEvent);
   *probe = model.handed = &model.arrays.record;
   return 0;
 }
 
 ZFN_BRIDGE_EXPORT int32_t MATLAB_Destroy(void) {
-  model.destroyCalls += 1;
-  std::lock_guard<std::mutex> guard(model.lock);
-  model.StopCounter();
+  std::lock_guard<std::mutex> hold(model.lock);
+  ++model.destroyCalls;
+  model.TakeUpdate();
+  model.CloseEvent();
   model.arrays.record = zfn::MatlabProbe{};
   model.handed = nullptr;
   return 0;
 }
 
 ZFN_BRIDGE_EXPORT void TestBridge_Reset(void) {
-  std::lock_guard<std::mutex> guard(model.lock);
-  model.failInitial = model.nullRecord = false;
-  model.initialCalls = model.showCalls = model.destroyCalls = 0;
-  model.updates = 0;
+  Locked([] {
+    model.failInitial = model.nullRecord = false;
+    model.initialCalls = model.showCalls = model.destroyCalls = 0;
+    model.updates = 0;
+  });
 }
 
-ZFN_BRIDGE_EXPORT void TestBridge_FailInitial(int32_t fail) {
-  std::lock_guard<std::mutex> guard(model.lock);
-  model.failInitial = fail != 0;
-}
+ZFN_BRIDGE_EXPORT void TestBridge_FailInitial(int32_t fail) { Locked([=] { model.failInitial = fail != 0; }); }
 
-ZFN_BRIDGE_EXPORT void TestBridge_NullRecord(int32_t null) {
-  std::lock_guard<std::mutex> guard(model.lock);
-  model.nullRecord = null != 0;
-}
+ZFN_BRIDGE_EXPORT void TestBridge_NullRecord(int32_t null) { Locked([=] { model.nullRecord = null != 0; }); }
 
 ZFN_BRIDGE_EXPORT int32_t TestBridge_Calls(const char* name) {
-  if (name == nullptr) return -1;
-  if (std::strcmp(name, "MATLAB_Initial") == 0) return model.initialCalls;
-  if (std::strcmp(name, "MATLAB_Show") == 0) return model.showCalls;
-  if (std::strcmp(name, "MATLAB_Destroy") == 0) return model.destroyCalls;
-  return -1;
+  return Locked([=] {
+    for (auto [function, calls] : {std::pair{"MATLAB_Initial", model.initialCalls}, {"MATLAB_Show", model.showCalls},
+                                   {"MATLAB_Destroy", model.destroyCalls}})
+      if (name != nullptr && std::strcmp(name, function) == 0) return calls;
+    return -1;
+  });
 }
 
-ZFN_BRIDGE_EXPORT int64_t TestBridge_Updates(void) { return model.updates; }
+ZFN_BRIDGE_EXPORT int64_t TestBridge_Updates(void) { return Locked([] { return model.TakeUpdate(), model.updates; }); }
 
 ZFN_BRIDGE_EXPORT int32_t TestBridge_WaitUpdates(int64_t count, int32_t timeoutMs) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (model.updates < count) {
+  while (TestBridge_Updates() < count) {
     if (std::chrono::steady_clock::now() >= deadline) return 0;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return 1;
 }
 
-ZFN_BRIDGE_EXPORT zfn::MatlabProbe* TestBridge_Record(void) {
-  std::lock_guard<std::mutex> guard(model.lock);
-  return model.handed;
-}
+ZFN_BRIDGE_EXPORT zfn::MatlabProbe* TestBridge_Record(void) { return Locked([] { return model.handed; }); }

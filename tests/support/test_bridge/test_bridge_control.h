@@ -3,9 +3,10 @@
 //
 // The three bridge functions record their calls. MATLAB_Initial returns 0, or -1 when told to fail;
 // MATLAB_Show writes the address of a record with arrays of the full capacities (or null when told
-// to) and starts a thread that counts the update events; MATLAB_Destroy stops the thread, clears the
-// record and forgets it. A test that links this library keeps it loaded, so its counts survive the
-// receiver's unload.
+// to) with a fresh update event; MATLAB_Destroy takes a last update, closes the event, clears the
+// record and forgets it. An update is counted when the test asks for the count and finds the event
+// set (sets close together merge into one). A test that links this library keeps it loaded, so its
+// counts survive the receiver's unload.
 #include <stdint.h>
 
 #include "shell/matlab_probe.h"

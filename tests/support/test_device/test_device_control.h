@@ -5,16 +5,16 @@
 //
 // Behaviour of the device functions in this build:
 // - Every call is recorded in order as one text line, see TestDevice_GetCall.
-// - Every register read and write is recorded as an access, see TestDevice_GetAccess. Writes go to
-//   a register file of 2 pages x 256 bytes; reads come from it. Page 0 or 1, address 0..255,
-//   byteCount 1..4, address + byteCount <= 256, non-null bytes; anything else returns 0.
+// - Register writes go to a register file of 2 pages x 256 bytes; reads come from it. Page 0 or 1,
+//   address 0..255, byteCount 1..4, address + byteCount <= 256, non-null bytes; anything else
+//   returns 0.
 // - Any function can be told to fail (return 0 and change nothing), see TestDevice_FailFunction.
 // - Once ZFN_BDAFilterInit succeeded and ZFN_SetDABEventHandle registered an event, a thread of
-//   the library writes the value 1 to that eventfd every few milliseconds. ZFN_ReleaseDABEventHandle
+//   the library writes the value 1 to that eventfd every 5 ms. ZFN_ReleaseDABEventHandle
 //   and ZFN_BDAFilterRelease stop and join that thread.
 // - ZFN_GetData serves the configured byte stream; ZFN_BDAFilterInit restarts it at byte 0. Before
 //   the init, or after the release, it serves 0 bytes.
-// - ZFN_Get_TunerType reports the configured tuner type (1 after a reset).
+// - ZFN_Get_TunerType reports tuner type 1.
 //
 // Call lines, numbers decimal unless said:
 //   "ZFN_BDAFilterInit 0", "ZFN_BDAFilterRelease 0", "ZFN_Set_Frequency 601000",
@@ -29,8 +29,7 @@ extern "C" {
 #endif
 
 // Back to the state at load: logs empty, no failures, all registers 0, pattern stream with reads
-// of 240648 bytes aligned to 4, unpaced, event period 5 ms, tuner type 1. Does not stop a running
-// event thread.
+// of 240648 bytes aligned to 4, unpaced. Does not stop a running event thread.
 void TestDevice_Reset(void);
 
 // The call log.
@@ -39,12 +38,8 @@ int32_t TestDevice_CallCount(void);
 // or -1 if there is no such line.
 int32_t TestDevice_GetCall(int32_t index, char* text, int32_t capacity);
 
-// The register access log: reads and writes in call order, including refused ones.
+// Register reads and writes in the call log, including refused ones.
 int32_t TestDevice_AccessCount(void);
-// Returns 1 and fills the fields (bytes: up to 4; for a read, what was returned) or 0 for no such
-// access. `succeeded` is the result the call gave.
-int32_t TestDevice_GetAccess(int32_t index, int32_t* isWrite, int32_t* page, int32_t* address, int32_t* byteCount,
-                             uint8_t* bytes, int32_t* succeeded);
 
 // Makes calls of the named device function (e.g. "ZFN_Demod_Byte_Write") fail: counting its calls
 // from 0 at this moment, calls fromCall .. fromCall + count - 1 fail; count < 0 means all from
@@ -52,11 +47,8 @@ int32_t TestDevice_GetAccess(int32_t index, int32_t* isWrite, int32_t* page, int
 int32_t TestDevice_FailFunction(const char* name, int32_t fromCall, int32_t count);
 void TestDevice_ClearFailures(void);
 
-void TestDevice_SetTunerType(int32_t tunerType);
-
 // The register file. Set values before the code under test runs to check read-modify-write.
 void TestDevice_SetRegister(int32_t page, int32_t address, uint8_t value);
-int32_t TestDevice_GetRegister(int32_t page, int32_t address);  // -1 outside the file
 
 // The stream: the deterministic pattern, byte k = TestDevice_PatternByte(k), until a test supplies
 // a buffer, which is copied and served once (or round and round when loop is non-zero).
@@ -72,10 +64,8 @@ void TestDevice_SetByteRate(int64_t bytesPerSecond);
 // resumes at its rate without making up for the pause.
 void TestDevice_LoseBytes(int64_t count);
 void TestDevice_Stall(int32_t milliseconds);
-void TestDevice_SetEventPeriod(int32_t milliseconds);  // takes effect at the next thread start
 
 int64_t TestDevice_BytesServed(void);     // since the last restart of the stream
-int64_t TestDevice_EventsSignalled(void);  // by the current or last event thread
 int32_t TestDevice_EventThreadRunning(void);
 // Which build this is: "testdevice", or another name for variants built for search-order tests.
 const char* TestDevice_Flavour(void);

@@ -3,14 +3,13 @@
 //
 // Behaviour of the four simulator functions in this build:
 // - SetEventHandle copies the eventfd; BDA_Start_simulate restarts the stream at byte 0 and starts
-//   a thread that writes the value 1 to the eventfd every few milliseconds; BDA_Stop_simulate stops
+//   a thread that writes the value 1 to the eventfd every 5 ms; BDA_Stop_simulate stops
 //   and joins it. Results 0, or -1 on failure.
 // - GetData serves the deterministic pattern, byte k of the stream = TestSim_PatternByte(k), never
 //   more than 240648 bytes per call; 0 bytes while not started.
 //
-// Environment, read when the library is loaded and at TestSim_Reset:
-//   ZFN_TESTSIM_BYTE_RATE     pace the stream to this many bytes per second (default unpaced)
-//   ZFN_TESTSIM_FAIL          name of a function that returns -1 (e.g. BDA_Start_simulate)
+// ZFN_TESTSIM_BYTE_RATE, read when the library is loaded and at TestSim_Reset, paces the stream
+// to that many bytes per second (default unpaced).
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -26,7 +25,6 @@ void TestSim_ClearFailures(void);
 void TestSim_SetReadLength(int32_t length, uint32_t seed, int32_t keepGroupsOfFour);
 void TestSim_SetByteRate(int64_t bytesPerSecond);
 uint8_t TestSim_PatternByte(int64_t k);
-int64_t TestSim_BytesServed(void);  // since the last start
 int32_t TestSim_CallCount(const char* name);  // calls of one of the four functions since load or reset
 int32_t TestSim_Started(void);  // 1 between a successful start and the stop
 int32_t TestSim_EventThreadRunning(void);
