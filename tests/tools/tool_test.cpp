@@ -19,7 +19,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -27,18 +26,15 @@
 #include <vector>
 
 #include "simulator/transmitter.h"
+#include "tests/diagnostics/diagnostics_support.h"
 #include "tools/stream_output.h"
 
 namespace {
 
+using zfn_test::ReadText;
 constexpr size_t PACKET = 188, BLOCK = 240640;
 
 std::string Temp(const std::string& leaf) { return "/tmp/zfn_tool_" + std::to_string(getpid()) + "_" + leaf; }
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 void WriteAll(const std::string& path, const void* data, size_t size) {
   std::ofstream(path, std::ios::binary).write(static_cast<const char*>(data), static_cast<std::streamsize>(size));
@@ -71,7 +67,7 @@ Result Program(const std::string& arguments, const std::string& prefix = "") {
   const std::string out = Temp("stdout"), err = Temp("stderr");
   const int status = Shell(prefix + " LD_LIBRARY_PATH=" + ZFN_LIBRARY_DIR + " " + ZFN_PROGRAM + " " + arguments + " >" +
                            out + " 2>" + err);
-  Result r{status, ReadAll(out), ReadAll(err)};
+  Result r{status, ReadText(out), ReadText(err)};
   Shell("rm -f " + out + " " + err);
   return r;
 }
@@ -81,7 +77,7 @@ std::string Jq(const std::string& filter, const std::string& json, const char* o
   const std::string in = Temp("jq.in"), out = Temp("jq.out");
   WriteAll(in, json.data(), json.size());
   Shell(std::string("jq -c ") + options + " '" + filter + "' <" + in + " >" + out + " 2>/dev/null");
-  std::string text = ReadAll(out);
+  std::string text = ReadText(out);
   std::remove(in.c_str());
   std::remove(out.c_str());
   while (!text.empty() && text.back() == '\n') text.pop_back();
@@ -166,7 +162,7 @@ TEST_F(Tool, DecodeGivesTheStreamThatWentInAndTellsTheBroadcast) {
     const Result r = Program("decode " + c.arguments);
     ASSERT_EQ(0, r.status) << r.err;
     const bool toStdout = c.arguments.find("--output -") != std::string::npos;
-    ExpectSentStream(toStdout ? r.out : ReadAll(ts), *c.transmitted);
+    ExpectSentStream(toStdout ? r.out : ReadText(ts), *c.transmitted);
     const std::string summary = LastLine(toStdout ? r.err : r.out);
     // The fields, that none is missing, and the counts within their bounds.
     EXPECT_EQ(std::string("[").append(c.summary).append(",[],true]"),
@@ -216,8 +212,8 @@ TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPla
   stop = true;
   sink.join();
   close(fd);
-  const std::string ts = ReadAll(out), stderrText = ReadAll(err);
-  const int status = std::atoi(ReadAll(statusPath).c_str());
+  const std::string ts = ReadText(out), stderrText = ReadText(err);
+  const int status = std::atoi(ReadText(statusPath).c_str());
   for (const std::string& p : {out, err, statusPath}) std::remove(p.c_str());
   ASSERT_EQ(0, status) << stderrText;
   ASSERT_EQ(0u, ts.size() % PACKET);
@@ -259,13 +255,13 @@ TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPla
   const std::string received = Temp("received.ts"), probe = Temp("probe"), mine = Temp("mine"), theirs = Temp("theirs");
   WriteAll(received, ts.data() + 128 * PACKET, ts.size() - 128 * PACKET);
   ASSERT_EQ(0, Shell("ffprobe -v error -show_entries stream=codec_type,codec_name -of csv=p=0 " + received + " >" + probe));
-  const std::string streams = ReadAll(probe);
+  const std::string streams = ReadText(probe);
   EXPECT_NE(std::string::npos, streams.find("h264,video")) << streams;
   EXPECT_NE(std::string::npos, streams.find("aac,audio")) << streams;
   const auto checksums = [](const std::string& input, const std::string& into) {
     EXPECT_EQ(0, Shell("ffmpeg -v error -i " + input + " -map 0:v -f framemd5 " + into));
     std::vector<std::string> sums;
-    for (const std::string& line : Lines(ReadAll(into)))
+    for (const std::string& line : Lines(ReadText(into)))
       if (!line.empty() && line[0] != '#') sums.push_back(line.substr(line.rfind(',') + 1));
     return sums;
   };
@@ -383,8 +379,8 @@ TEST_F(Tool, CommandLinesThatOnlyPrintOrFail) {
     EXPECT_EQ("", c.status == 0 ? r.err : r.out) << c.arguments;
   }
   EXPECT_NE(0, access(Temp("never.ts").c_str(), F_OK)) << "an output with nothing decoded into it is removed";
-  EXPECT_EQ(40 * BLOCK, ReadAll(capturePath).size()) << "the input is left as it was";
-  EXPECT_EQ(0u, ReadAll(dir + "/BBStore0").size()) << "the existing capture is left as it was";
+  EXPECT_EQ(40 * BLOCK, ReadText(capturePath).size()) << "the input is left as it was";
+  EXPECT_EQ(0u, ReadText(dir + "/BBStore0").size()) << "the existing capture is left as it was";
   Shell("rm -rf " + dir + " " + empty + " " + shortFile + " " + noise);
 }
 
