@@ -8,6 +8,7 @@
 #include <array>
 #include <cmath>
 #include <complex>
+#include <numeric>
 #include <vector>
 
 #include "simulator/transmitter.h"
@@ -162,8 +163,7 @@ TEST(ChannelModel, EchoesAndFadingHaveTheRequestedResponseAndPower) {
     for (size_t n = start; n < start + 2000; ++n) p += std::norm(cd(f[n])) / 2000;
     blocks.push_back(p);
   }
-  double mean = 0;
-  for (double p : blocks) mean += p / static_cast<double>(blocks.size());
+  const double mean = std::accumulate(blocks.begin(), blocks.end(), 0.0) / static_cast<double>(blocks.size());
   EXPECT_NEAR(mean / (2.0 * cf.rmsLevel * cf.rmsLevel), 1.0, 0.25);
   EXPECT_GT(*std::max_element(blocks.begin(), blocks.end()) / *std::min_element(blocks.begin(), blocks.end()), 4.0);
 }
