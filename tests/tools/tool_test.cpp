@@ -13,12 +13,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <numeric>
 #include <set>
 #include <sstream>
 #include <string>
@@ -239,11 +241,8 @@ TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPla
 
   // UDP carries the same stream in datagrams of seven packets.
   ASSERT_FALSE(datagrams.empty());
-  std::string joined;
-  for (const std::string& d : datagrams) {
-    ASSERT_EQ(7 * PACKET, d.size());
-    joined += d;
-  }
+  EXPECT_TRUE(std::all_of(datagrams.begin(), datagrams.end(), [](const std::string& d) { return d.size() == 7 * PACKET; }));
+  const std::string joined = std::accumulate(datagrams.begin(), datagrams.end(), std::string());
   EXPECT_EQ(ts.size() / PACKET / 7, datagrams.size());
   EXPECT_EQ(ts.substr(0, joined.size()), joined);
 
