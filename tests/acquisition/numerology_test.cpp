@@ -23,10 +23,8 @@ TEST(Numerology, EveryPairRebuildsItsTransformsAndPeriodsInItsShareOfTheArena) {
     const int mode = index / 4;
     test::PrepareNumerology(mode, index % 4);
     EXPECT_EQ(engine.arenaNext, engine.arenaAfterNumerology);
-    EXPECT_EQ(engine.statFrames, STAT_FRAMES[index]);
-    EXPECT_EQ(engine.settleSymbols, (std::array{16320, 8160, 4080}[mode]));
-    EXPECT_EQ(engine.clockFrames, (std::array{16, 8, 4}[mode]));
-    EXPECT_EQ(engine.guardScanStart, engine.settleSymbols + 100);
+    EXPECT_EQ((std::array{engine.statFrames, engine.settleSymbols, engine.clockFrames, engine.guardScanStart}),
+              (std::array{STAT_FRAMES[index], std::array{16320, 8160, 4080}[mode], std::array{16, 8, 4}[mode], engine.settleSymbols + 100}));
     // An impulse at sample 1 puts exp(-j*2*pi/4) = -j into bin n/4 of either transform.
     const int nfft = 256 << mode;
     for (int quarter = 0; quarter < 2; ++quarter) {

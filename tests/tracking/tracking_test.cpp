@@ -254,10 +254,8 @@ TEST(BadInput, SmallestStepNonFiniteSamplesAndAbsurdStageValues) {
   test::PrepareEngine(0, 0, 2);
   test::BroadcastStream clean(0, 0, 2, sim::ChannelConfig{});
   test::SymbolWalker(clean, 4).Step();
-  EXPECT_EQ(tracker.timingSpan, 1);
-  EXPECT_EQ(tracker.timingMaxStep, 1);
-  EXPECT_EQ(tracker.timingPeriod, 8);
-  EXPECT_EQ(tracker.timingDeadZone, 0);
+  EXPECT_EQ((std::array{tracker.timingSpan, tracker.timingMaxStep, tracker.timingPeriod, tracker.timingDeadZone}),
+            (std::array{1, 1, 8, 0}));
 
   test::PrepareEngine(0, 2, 2);
   engine.stageSpanFraction[0] = std::numeric_limits<float>::infinity();
@@ -266,8 +264,7 @@ TEST(BadInput, SmallestStepNonFiniteSamplesAndAbsurdStageValues) {
   test::BroadcastStream stream(0, 2, 2, sim::ChannelConfig{});
   test::SymbolWalker walker(stream, 4);
   walker.Step();
-  EXPECT_EQ(tracker.timingSpan, engine.nmargin);
-  EXPECT_EQ(tracker.timingMaxStep, engine.nguard);
+  EXPECT_EQ((std::array{tracker.timingSpan, tracker.timingMaxStep}), (std::array{engine.nmargin, engine.nguard}));
   walker.Run(20);
   const float bad[2] = {std::nanf(""), std::numeric_limits<float>::infinity()};
   for (int i = 0; i < 40; ++i) {
