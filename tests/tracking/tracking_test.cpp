@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <complex>
 #include <limits>
@@ -193,11 +194,9 @@ TEST(ChannelWatch, SlowAfter128GoodSymbolsFastAfterTenBad) {
       WatchChannelChange();
     }
     EXPECT_EQ(from == CHANNEL_FAST ? goodBefore : calls, from == CHANNEL_FAST ? 127 : 10);
-    EXPECT_EQ(tracker.channelStatePrev, from);
-    EXPECT_EQ(tracker.watchGood + tracker.watchBad, 0);
+    EXPECT_EQ((std::array{tracker.channelStatePrev, tracker.watchGood, tracker.watchBad}), (std::array{from, 0, 0}));
     const float weight = from == CHANNEL_FAST ? engine.mixWeightSlow : engine.mixWeightFast;
-    EXPECT_EQ(tracker.smoothNew, weight);
-    EXPECT_EQ(tracker.smoothOld, 1.0f - weight);
+    EXPECT_EQ((std::array{tracker.smoothNew, tracker.smoothOld}), (std::array{weight, 1.0f - weight}));
   }
 }
 
