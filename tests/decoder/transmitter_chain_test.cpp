@@ -140,14 +140,11 @@ TEST_F(AgainstTransmitter, TimeInterleaverOfTheTransmitter) {
     sim::TimeInterleaver interleaver(nd, length, sim::InterleaveAdjustment(length));
     Random random(static_cast<uint64_t>(mode));
     std::vector<std::complex<float>> air(static_cast<size_t>(nd));
-    std::vector<float> in(static_cast<size_t>(2 * nd)), out(static_cast<size_t>(2 * nd));
+    std::vector<std::complex<float>> out(static_cast<size_t>(nd));
     ExpectBackLate<std::complex<float>>(total + 20, total, static_cast<size_t>(nd), 100, random, [&](const auto& symbol) {
       interleaver.Process(symbol.data(), air.data());
-      std::memcpy(in.data(), air.data(), sizeof(float) * in.size());
-      DeinterleaveTime(in.data(), out.data());
-      std::vector<std::complex<float>> back;
-      for (size_t c = 0; c < air.size(); ++c) back.emplace_back(out[2 * c], out[2 * c + 1]);
-      return back;
+      DeinterleaveTime(reinterpret_cast<float*>(air.data()), reinterpret_cast<float*>(out.data()));
+      return out;
     });
   }
 }

@@ -194,11 +194,7 @@ TEST(GenericSdr, DcOffsetImbalanceAndLevelAreTheSetOnes) {
       std::array<double, 5> m{};
       for (size_t j = 0; j < bytes.size(); j += 2) {
         const double i = bytes[j] - 127.5, q = bytes[j + 1] - 127.5;
-        m[0] += i;
-        m[1] += q;
-        m[2] += i * i;
-        m[3] += q * q;
-        m[4] += i * q;
+        for (int t = 0; const double v : {i, q, i * i, q * q, i * q}) m[t++] += v;
       }
       for (double& v : m) v /= static_cast<double>(bytes.size() / 2);
       return std::array<double, 5>{m[0], m[1], m[2] - m[0] * m[0], m[3] - m[1] * m[1], m[4] - m[0] * m[1]};

@@ -73,11 +73,10 @@ std::string Jq(const std::string& filter, const std::string& json, const char* o
   const std::string in = Temp("jq.in"), out = Temp("jq.out");
   WriteAll(in, json.data(), json.size());
   Shell(std::string("jq -c ") + options + " '" + filter + "' <" + in + " >" + out + " 2>/dev/null");
-  std::string text = ReadText(out);
+  const std::string text = ReadText(out);
   std::remove(in.c_str());
   std::remove(out.c_str());
-  while (!text.empty() && text.back() == '\n') text.pop_back();
-  return text;
+  return LastLine(text);  // one compact line
 }
 
 // A capture of the common broadcast (Mode 3, 1/8, QPSK 2/3, I = 4) with numbered test packets at
