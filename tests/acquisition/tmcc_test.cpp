@@ -111,11 +111,9 @@ TEST(DecodeTmcc, VerdictsForCleanAndCorrectedWords) {
     engine.tmccAccepted = 7;
     engine.tmccRepeat = 5;
     EXPECT_EQ(DecodeTmcc(Frame(w).data()), c.result) << "system " << c.fields.system << " modulation " << c.fields.modulation;
-    EXPECT_EQ(engine.tmccAccepted, c.accepted == -1 ? 7 : c.accepted);
-    EXPECT_EQ(engine.tmccRepeat, 0);
-    EXPECT_EQ(engine.layerParams->modulation, c.fields.modulation);
-    EXPECT_EQ(engine.layerParams->codeRate, c.fields.codeRate);
-    EXPECT_EQ(engine.layerParams->interleave, c.fields.interleave);
+    const LayerParams& l = *engine.layerParams;
+    EXPECT_EQ((std::vector<int>{engine.tmccAccepted, engine.tmccRepeat, l.modulation, l.codeRate, l.interleave}),
+              (std::vector<int>{c.accepted == -1 ? 7 : c.accepted, 0, c.fields.modulation, c.fields.codeRate, c.fields.interleave}));
   }
 }
 

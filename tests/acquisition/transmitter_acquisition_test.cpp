@@ -98,9 +98,8 @@ void ExpectAcquired(const Broadcast& c, const Result& r) {
   const double foundCarriers = -e.ncoStep * e.nfft / 6.283185307179;
   EXPECT_NEAR(foundCarriers, c.offsetHz / (64e6 / 63.0 / (256 << (c.index / 4))), 0.25);
   ASSERT_EQ(r.state, BLOCK_TRACKING) << "after " << r.blocks << " blocks";
-  EXPECT_EQ(e.layerParams->modulation, c.modulation);
-  EXPECT_EQ(e.layerParams->codeRate, c.codeRate);
-  EXPECT_EQ(e.layerParams->interleave, c.interleave);
+  const LayerParams& l = *e.layerParams;
+  EXPECT_EQ((std::array<int, 3>{l.modulation, l.codeRate, l.interleave}), (std::array{c.modulation, c.codeRate, c.interleave}));
   EXPECT_EQ(e.spPhase, e.symbolIndex % 4);
   // The broadcast starts with symbol 0 of a frame: the span of the first tracked symbol must lie
   // in the guard interval of the symbol that symbolIndex names.

@@ -21,6 +21,7 @@ namespace zfn {
 namespace {
 
 using Packet = std::array<uint8_t, 204>;
+using Words = std::vector<int64_t>;  // several engine words compared at once
 
 std::vector<std::vector<uint8_t>> delivered;
 void (*duringCallback)() = nullptr;
@@ -82,21 +83,16 @@ TEST_F(TransportOutput, ResetHandshakeWithBothResets) {
   engine.goodFrameRun = 5;
   engine.failsThisSecond = 3;
   DrainPacketRing();
-  EXPECT_EQ(0, engine.streamFailMark);
-  EXPECT_EQ(0, engine.goodFrameRun);
-  EXPECT_EQ(-1, engine.failsThisSecond);
-  EXPECT_EQ(3, engine.tsResetPhase);
-  EXPECT_EQ(1, engine.tsResetRequest);  // stays until the next ring write
+  // The request stays until the next ring write.
+  EXPECT_EQ(Words({engine.streamFailMark, engine.goodFrameRun, engine.failsThisSecond, engine.tsResetPhase, engine.tsResetRequest}),
+            Words({0, 0, -1, 3, 1}));
 
   // The next ring write clears the request; from then on packets flow, from slot 1.
   Write(Make('G'));
-  EXPECT_EQ(0, engine.tsResetRequest);
-  EXPECT_EQ(1u, engine.ringWrite);
+  EXPECT_EQ(Words({engine.tsResetRequest, engine.ringWrite}), Words({0, 1}));
   Write(Make('G'));
   DrainPacketRing();
-  EXPECT_EQ(2u, engine.ringRead);
-  EXPECT_EQ(2, engine.tsOutputFill);
-  EXPECT_EQ(2, engine.goodFrameRun);
+  EXPECT_EQ(Words({engine.ringRead, engine.tsOutputFill, engine.goodFrameRun}), Words({2, 2, 2}));
 
   // A restart: phase 2 and a request; ring writes stop, the drain resets and reopens the ring.
   engine.tsResetPhase = TS_RESET_PENDING;
@@ -104,9 +100,7 @@ TEST_F(TransportOutput, ResetHandshakeWithBothResets) {
   Write(Make('G'));
   EXPECT_EQ(2u, engine.ringWrite);
   DrainPacketRing();
-  EXPECT_EQ(0u, engine.ringWrite);
-  EXPECT_EQ(0, engine.tsOutputFill);
-  EXPECT_EQ(3, engine.tsResetPhase);
+  EXPECT_EQ(Words({engine.ringWrite, engine.tsOutputFill, engine.tsResetPhase}), Words({0, 0, 3}));
 
   // A request that arrives during a drain: reset B keeps the stream-failure mark, and the next wake-up
   // (reset A) clears it.
@@ -120,11 +114,9 @@ TEST_F(TransportOutput, ResetHandshakeWithBothResets) {
   for (int k = 0; k < 5; ++k) Write(Make('G'));
   DrainPacketRing();
   ASSERT_EQ(1u, delivered.size());
-  EXPECT_EQ(1, engine.streamFailMark);
-  EXPECT_EQ(0, engine.goodFrameRun);
-  EXPECT_EQ(0u, engine.ringRead);
-  EXPECT_EQ(0u, engine.ringWrite);  // the four unread packets are gone
-  EXPECT_EQ(3, engine.tsResetPhase);
+  // The four unread packets are gone.
+  EXPECT_EQ(Words({engine.streamFailMark, engine.goodFrameRun, engine.ringRead, engine.ringWrite, engine.tsResetPhase}),
+            Words({1, 0, 0, 0, 3}));
   DrainPacketRing();
   EXPECT_EQ(0, engine.streamFailMark);
 }
@@ -138,15 +130,11 @@ TEST_F(TransportOutput, PendingResetDropsBlocksButTheByteStageMovesOn) {
   engine.tsResetRequest = 1;
   engine.symbolIndex = 3;  // the start point: 8 bytes finish the first block
   for (int s = 0; s < 40; ++s) RunByteStage();
-  EXPECT_EQ(0u, engine.ringWrite);
-  EXPECT_EQ(1, engine.tsResetRequest);
   // 196 + 40 * 12 = 676 bytes: three blocks done, 64 bytes held; the frame counter moved with them.
-  EXPECT_EQ(64, decoder.assemblyFill);
-  EXPECT_EQ(3, decoder.packetInFrame);
+  EXPECT_EQ(Words({engine.ringWrite, engine.tsResetRequest, decoder.assemblyFill, decoder.packetInFrame}), Words({0, 1, 64, 3}));
   engine.tsResetPhase = TS_RING_OPEN;
   for (int s = 0; s < 12; ++s) RunByteStage();  // 64 + 144 bytes: one more block
-  EXPECT_EQ(1u, engine.ringWrite);
-  EXPECT_EQ(0, engine.tsResetRequest);
+  EXPECT_EQ(Words({engine.ringWrite, engine.tsResetRequest}), Words({1, 0}));
 }
 
 // Packet error rate x0.95 (+0.05 unless clean), fail rate x0.95 (+0.05 on failure), byte error rate
@@ -178,14 +166,11 @@ TEST_F(TransportOutput, RatesMoveByResultAndStatisticsPeriod) {
   engine.statNextSymbol = 0;
   engine.symbolCount = 3000;  // periods of 4 * 204 = 816 symbols
   Feed("BBB");
-  EXPECT_EQ(3 * 816, engine.statNextSymbol);
-  EXPECT_EQ(0, engine.failsThisSecond);
-  Feed("B");
-  EXPECT_EQ(4 * 816, engine.statNextSymbol);
-  EXPECT_EQ(0, engine.failsThisSecond);  // the bad packet on the boundary is not counted
+  EXPECT_EQ(Words({engine.statNextSymbol, engine.failsThisSecond}), Words({3 * 816, 0}));
+  Feed("B");  // the bad packet on the boundary is not counted
+  EXPECT_EQ(Words({engine.statNextSymbol, engine.failsThisSecond}), Words({4 * 816, 0}));
   Feed("BGBB");
-  EXPECT_EQ(3, engine.failsThisSecond);
-  EXPECT_EQ(4 * 816, engine.statNextSymbol);
+  EXPECT_EQ(Words({engine.statNextSymbol, engine.failsThisSecond}), Words({4 * 816, 3}));
   // With no callback a full block is dropped.
   device.tsCallback = nullptr;
   engine.tsOutputFill = 127;
@@ -204,10 +189,10 @@ TEST_F(TransportOutput, LockJudgementByDecodeStage) {
     std::string feed;
     int early, earlyCount, earlyGood, good, bad, streamMark;  // -1: not checked
   } steps[] = {
-      {1, std::string(39, 'B'), 0, 39, 0, -1, -1, -1}, {1, "G", 1, 40, 1, -1, -1, -1}, {1, "GG", 1, 40, 1, 0, -1, -1},
-      {0, "BG", -1, -1, -1, 0, 0, -1},                 {2, "BBGB", -1, -1, -1, 1, 3, 0},  {2, std::string(9, 'G'), -1, -1, -1, 10, 0, 0},
-      {2, std::string(39, 'B'), -1, -1, -1, -1, 39, 0}, {2, "G", -1, -1, -1, -1, 0, 0}, {2, std::string(40, 'B'), -1, -1, -1, 0, -1, 1},
-      {2, std::string(9, 'G'), -1, -1, -1, 9, -1, 1},   {2, "G", -1, -1, -1, 10, 0, 0},
+      {DECODE_EARLY, std::string(39, 'B'), 0, 39, 0, -1, -1, -1}, {DECODE_EARLY, "G", 1, 40, 1, -1, -1, -1}, {DECODE_EARLY, "GG", 1, 40, 1, 0, -1, -1},
+      {DECODE_SCAN, "BG", -1, -1, -1, 0, 0, -1},                 {DECODE_STREAM, "BBGB", -1, -1, -1, 1, 3, 0},  {DECODE_STREAM, std::string(9, 'G'), -1, -1, -1, 10, 0, 0},
+      {DECODE_STREAM, std::string(39, 'B'), -1, -1, -1, -1, 39, 0}, {DECODE_STREAM, "G", -1, -1, -1, -1, 0, 0}, {DECODE_STREAM, std::string(40, 'B'), -1, -1, -1, 0, -1, 1},
+      {DECODE_STREAM, std::string(9, 'G'), -1, -1, -1, 9, -1, 1},   {DECODE_STREAM, "G", -1, -1, -1, 10, 0, 0},
   };
   engine.tsResetRequest = 0;
   for (const auto& s : steps) {

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <mutex>
 #include <numeric>
 #include <string>
@@ -100,9 +101,8 @@ TEST_F(Capture, FilesHoldTheBlocksFedAndAreNumberedOverStopsStartsAndFailedStart
   EXPECT_EQ(StopCapture(), 1);
   EXPECT_EQ(StopCapture(), 1) << "the file pointer survives the stop; a second stop must not close it again";
   EXPECT_FALSE(capture.captureThread.Exists() || capture.captureEvent.Exists());
-  EXPECT_TRUE(ReadText(CaptureName(0)) == files[0]) << "capture file differs from the blocks fed";
-  EXPECT_TRUE(ReadText(CaptureName(1)) == files[1]);
-  EXPECT_TRUE(ReadText(CaptureName(2)).empty());
+  EXPECT_TRUE((std::array{ReadText(CaptureName(0)), ReadText(CaptureName(1)), ReadText(CaptureName(2))}) ==
+              (std::array<std::string, 3>{files[0], files[1], ""})) << "capture files 0 to 2 differ from the blocks fed";
 
   // A failed event comes before capture is switched on and leaves the file open; a failed thread
   // leaves capture switched on.

@@ -72,8 +72,6 @@ std::vector<Packet> Receive(int32_t count, bool capture, During during) {
   return std::vector<Packet>(stream.begin() + std::min<size_t>(stream.size(), atLock * 128u), stream.end());
 }
 
-bool IsNull(const Packet& p) { return ((p[1] & 0x1F) << 8 | p[2]) == 0x1FFF; }
-
 TEST(CaptureReplay, ACaptureReplaysThroughTheSimulatorToTheSameStream) {
   ScratchDirectory scratch;
   SetSpeed(true);
@@ -93,18 +91,14 @@ TEST(CaptureReplay, ACaptureReplaysThroughTheSimulatorToTheSameStream) {
   // Anchor on the first packet of the first run that is not a null packet (those all look alike)
   // and that the replay has (the replay acquires anew, so the first run's first packets may come
   // before its own lock), then demand the whole overlap to be equal.
-  size_t anchor = 0, at = second.size();
-  for (; anchor < first.size() && at == second.size(); ++anchor) {
-    if (IsNull(first[anchor])) continue;
-    at = 0;
-    while (at < second.size() && second[at] != first[anchor]) ++at;
-  }
-  ASSERT_LT(at, second.size()) << "the first run's stream does not occur in the replay";
-  size_t equal = 0, compared = 0;
-  for (size_t k = anchor - 1; k < first.size() && at + (k - anchor + 1) < second.size(); ++k, ++compared)
-    equal += first[k] == second[at + (k - anchor + 1)];
-  EXPECT_GE(compared, 256u);
-  EXPECT_EQ(equal, compared);
+  const auto anchor = std::find_if(first.begin(), first.end(), [&](const Packet& p) {
+    return ((p[1] & 0x1F) << 8 | p[2]) != 0x1FFF && std::find(second.begin(), second.end(), p) != second.end();
+  });
+  ASSERT_NE(anchor, first.end()) << "the first run's stream does not occur in the replay";
+  const auto at = std::find(second.begin(), second.end(), *anchor);
+  const auto compared = std::min(first.end() - anchor, second.end() - at);
+  EXPECT_GE(compared, 256);
+  EXPECT_TRUE(std::equal(anchor, anchor + compared, at)) << "the replay differs from the first run";
 }
 
 // Debug command 1 with ZFNISDBT_PROBE_DIR: once a frame, the picture of the reception (four panels,

@@ -8,6 +8,7 @@
 #include <array>
 #include <cmath>
 #include <complex>
+#include <numeric>
 #include <vector>
 
 #include "simulator/transmitter.h"
@@ -162,8 +163,7 @@ TEST(ChannelModel, EchoesAndFadingHaveTheRequestedResponseAndPower) {
     for (size_t n = start; n < start + 2000; ++n) p += std::norm(cd(f[n])) / 2000;
     blocks.push_back(p);
   }
-  double mean = 0;
-  for (double p : blocks) mean += p / static_cast<double>(blocks.size());
+  const double mean = std::accumulate(blocks.begin(), blocks.end(), 0.0) / static_cast<double>(blocks.size());
   EXPECT_NEAR(mean / (2.0 * cf.rmsLevel * cf.rmsLevel), 1.0, 0.25);
   EXPECT_GT(*std::max_element(blocks.begin(), blocks.end()) / *std::min_element(blocks.begin(), blocks.end()), 4.0);
 }
@@ -194,11 +194,7 @@ TEST(GenericSdr, DcOffsetImbalanceAndLevelAreTheSetOnes) {
       std::array<double, 5> m{};
       for (size_t j = 0; j < bytes.size(); j += 2) {
         const double i = bytes[j] - 127.5, q = bytes[j + 1] - 127.5;
-        m[0] += i;
-        m[1] += q;
-        m[2] += i * i;
-        m[3] += q * q;
-        m[4] += i * q;
+        for (int t = 0; const double v : {i, q, i * i, q * q, i * q}) m[t++] += v;
       }
       for (double& v : m) v /= static_cast<double>(bytes.size() / 2);
       return std::array<double, 5>{m[0], m[1], m[2] - m[0] * m[0], m[3] - m[1] * m[1], m[4] - m[0] * m[1]};

@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -20,6 +21,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <numeric>
 #include <set>
 #include <sstream>
 #include <string>
@@ -27,18 +29,15 @@
 #include <vector>
 
 #include "simulator/transmitter.h"
+#include "tests/diagnostics/diagnostics_support.h"
 #include "tools/stream_output.h"
 
 namespace {
 
+using zfn_test::ReadText;
 constexpr size_t PACKET = 188, BLOCK = 240640;
 
 std::string Temp(const std::string& leaf) { return "/tmp/zfn_tool_" + std::to_string(getpid()) + "_" + leaf; }
-
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 void WriteAll(const std::string& path, const void* data, size_t size) {
   std::ofstream(path, std::ios::binary).write(static_cast<const char*>(data), static_cast<std::streamsize>(size));
@@ -47,13 +46,6 @@ void WriteAll(const std::string& path, const void* data, size_t size) {
 int Shell(const std::string& command) {
   const int raw = std::system(command.c_str());
   return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
 }
 
 std::string LastLine(std::string text) {
@@ -71,7 +63,7 @@ Result Program(const std::string& arguments, const std::string& prefix = "") {
   const std::string out = Temp("stdout"), err = Temp("stderr");
   const int status = Shell(prefix + " LD_LIBRARY_PATH=" + ZFN_LIBRARY_DIR + " " + ZFN_PROGRAM + " " + arguments + " >" +
                            out + " 2>" + err);
-  Result r{status, ReadAll(out), ReadAll(err)};
+  Result r{status, ReadText(out), ReadText(err)};
   Shell("rm -f " + out + " " + err);
   return r;
 }
@@ -81,11 +73,10 @@ std::string Jq(const std::string& filter, const std::string& json, const char* o
   const std::string in = Temp("jq.in"), out = Temp("jq.out");
   WriteAll(in, json.data(), json.size());
   Shell(std::string("jq -c ") + options + " '" + filter + "' <" + in + " >" + out + " 2>/dev/null");
-  std::string text = ReadAll(out);
+  const std::string text = ReadText(out);
   std::remove(in.c_str());
   std::remove(out.c_str());
-  while (!text.empty() && text.back() == '\n') text.pop_back();
-  return text;
+  return LastLine(text);  // one compact line
 }
 
 // A capture of the common broadcast (Mode 3, 1/8, QPSK 2/3, I = 4) with numbered test packets at
@@ -166,7 +157,7 @@ TEST_F(Tool, DecodeGivesTheStreamThatWentInAndTellsTheBroadcast) {
     const Result r = Program("decode " + c.arguments);
     ASSERT_EQ(0, r.status) << r.err;
     const bool toStdout = c.arguments.find("--output -") != std::string::npos;
-    ExpectSentStream(toStdout ? r.out : ReadAll(ts), *c.transmitted);
+    ExpectSentStream(toStdout ? r.out : ReadText(ts), *c.transmitted);
     const std::string summary = LastLine(toStdout ? r.err : r.out);
     // The fields, that none is missing, and the counts within their bounds.
     EXPECT_EQ(std::string("[").append(c.summary).append(",[],true]"),
@@ -216,8 +207,8 @@ TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPla
   stop = true;
   sink.join();
   close(fd);
-  const std::string ts = ReadAll(out), stderrText = ReadAll(err);
-  const int status = std::atoi(ReadAll(statusPath).c_str());
+  const std::string ts = ReadText(out), stderrText = ReadText(err);
+  const int status = std::atoi(ReadText(statusPath).c_str());
   for (const std::string& p : {out, err, statusPath}) std::remove(p.c_str());
   ASSERT_EQ(0, status) << stderrText;
   ASSERT_EQ(0u, ts.size() % PACKET);
@@ -227,27 +218,21 @@ TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPla
   // Every line that starts with '{' is one JSON object: at least four status lines with all their
   // keys; the last that names the service tells the broadcast; the summary says nothing was dropped
   // (the player got every packet the library delivered).
-  std::string objects;
-  for (const std::string& line : Lines(stderrText))
-    if (!line.empty() && line[0] == '{') objects += line + "\n";
   const std::string n = std::to_string(ts.size() / PACKET);
   EXPECT_EQ("[true,null,[\"QPSK\",\"2/3\",4,3,\"1/8\",\"Test pattern\"],[0," + n + "," + n + "]]",
-            Jq("map(select(has(\"summary\") | not)) as $s | [($s | length >= 4), ($s | map([\"seconds\", "
+            Jq("[inputs | select(startswith(\"{\")) | fromjson] | map(select(has(\"summary\") | not)) as $s | [($s | length >= 4), ($s | map([\"seconds\", "
                "\"present\", \"lock\", \"quality\", \"state\", \"mode\", \"guard\", \"modulation\", \"code_rate\", "
                "\"interleave\", \"snr_db\", \"carrier_offset_hz\", \"packets\", \"dropped\", \"services\"] - keys) | "
                "add | if . == [] then null else . end), ($s | map(select(.state == \"tracking\" and (.services | length) "
                "== 1)) | last | [.modulation, .code_rate, .interleave_length, .mode, .guard, .services[0].name]), "
                "(map(select(has(\"summary\"))) | last | [.dropped, .packets, .written])]",
-               objects, "-s"))
+               stderrText, "-R -n"))
       << stderrText;
 
   // UDP carries the same stream in datagrams of seven packets.
   ASSERT_FALSE(datagrams.empty());
-  std::string joined;
-  for (const std::string& d : datagrams) {
-    ASSERT_EQ(7 * PACKET, d.size());
-    joined += d;
-  }
+  EXPECT_TRUE(std::all_of(datagrams.begin(), datagrams.end(), [](const std::string& d) { return d.size() == 7 * PACKET; }));
+  const std::string joined = std::accumulate(datagrams.begin(), datagrams.end(), std::string());
   EXPECT_EQ(ts.size() / PACKET / 7, datagrams.size());
   EXPECT_EQ(ts.substr(0, joined.size()), joined);
 
@@ -259,15 +244,13 @@ TEST(ReceiveCommand, PausingPlayerGetsEveryPacketAlsoOverUdpJsonStatusAndRealPla
   const std::string received = Temp("received.ts"), probe = Temp("probe"), mine = Temp("mine"), theirs = Temp("theirs");
   WriteAll(received, ts.data() + 128 * PACKET, ts.size() - 128 * PACKET);
   ASSERT_EQ(0, Shell("ffprobe -v error -show_entries stream=codec_type,codec_name -of csv=p=0 " + received + " >" + probe));
-  const std::string streams = ReadAll(probe);
+  const std::string streams = ReadText(probe);
   EXPECT_NE(std::string::npos, streams.find("h264,video")) << streams;
   EXPECT_NE(std::string::npos, streams.find("aac,audio")) << streams;
   const auto checksums = [](const std::string& input, const std::string& into) {
-    EXPECT_EQ(0, Shell("ffmpeg -v error -i " + input + " -map 0:v -f framemd5 " + into));
-    std::vector<std::string> sums;
-    for (const std::string& line : Lines(ReadAll(into)))
-      if (!line.empty() && line[0] != '#') sums.push_back(line.substr(line.rfind(',') + 1));
-    return sums;
+    EXPECT_EQ(0, Shell("ffmpeg -v error -i " + input + " -map 0:v -f framemd5 - | grep -v '^#' | awk -F, '{print $NF}' >" + into));
+    std::istringstream sums(ReadText(into));
+    return std::vector<std::string>(std::istream_iterator<std::string>(sums), {});
   };
   const std::vector<std::string> decoded = checksums(received, mine),
                                  sent = checksums(std::string(ZFN_SOURCE_DIR) + "/simulator/fixtures/programme.ts", theirs);
@@ -383,8 +366,8 @@ TEST_F(Tool, CommandLinesThatOnlyPrintOrFail) {
     EXPECT_EQ("", c.status == 0 ? r.err : r.out) << c.arguments;
   }
   EXPECT_NE(0, access(Temp("never.ts").c_str(), F_OK)) << "an output with nothing decoded into it is removed";
-  EXPECT_EQ(40 * BLOCK, ReadAll(capturePath).size()) << "the input is left as it was";
-  EXPECT_EQ(0u, ReadAll(dir + "/BBStore0").size()) << "the existing capture is left as it was";
+  EXPECT_EQ(40 * BLOCK, ReadText(capturePath).size()) << "the input is left as it was";
+  EXPECT_EQ(0u, ReadText(dir + "/BBStore0").size()) << "the existing capture is left as it was";
   Shell("rm -rf " + dir + " " + empty + " " + shortFile + " " + noise);
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <complex>
 #include <limits>
@@ -193,11 +194,9 @@ TEST(ChannelWatch, SlowAfter128GoodSymbolsFastAfterTenBad) {
       WatchChannelChange();
     }
     EXPECT_EQ(from == CHANNEL_FAST ? goodBefore : calls, from == CHANNEL_FAST ? 127 : 10);
-    EXPECT_EQ(tracker.channelStatePrev, from);
-    EXPECT_EQ(tracker.watchGood + tracker.watchBad, 0);
+    EXPECT_EQ((std::array{tracker.channelStatePrev, tracker.watchGood, tracker.watchBad}), (std::array{from, 0, 0}));
     const float weight = from == CHANNEL_FAST ? engine.mixWeightSlow : engine.mixWeightFast;
-    EXPECT_EQ(tracker.smoothNew, weight);
-    EXPECT_EQ(tracker.smoothOld, 1.0f - weight);
+    EXPECT_EQ((std::array{tracker.smoothNew, tracker.smoothOld}), (std::array{weight, 1.0f - weight}));
   }
 }
 
@@ -254,10 +253,8 @@ TEST(BadInput, SmallestStepNonFiniteSamplesAndAbsurdStageValues) {
   test::PrepareEngine(0, 0, 2);
   test::BroadcastStream clean(0, 0, 2, sim::ChannelConfig{});
   test::SymbolWalker(clean, 4).Step();
-  EXPECT_EQ(tracker.timingSpan, 1);
-  EXPECT_EQ(tracker.timingMaxStep, 1);
-  EXPECT_EQ(tracker.timingPeriod, 8);
-  EXPECT_EQ(tracker.timingDeadZone, 0);
+  EXPECT_EQ((std::array{tracker.timingSpan, tracker.timingMaxStep, tracker.timingPeriod, tracker.timingDeadZone}),
+            (std::array{1, 1, 8, 0}));
 
   test::PrepareEngine(0, 2, 2);
   engine.stageSpanFraction[0] = std::numeric_limits<float>::infinity();
@@ -266,8 +263,7 @@ TEST(BadInput, SmallestStepNonFiniteSamplesAndAbsurdStageValues) {
   test::BroadcastStream stream(0, 2, 2, sim::ChannelConfig{});
   test::SymbolWalker walker(stream, 4);
   walker.Step();
-  EXPECT_EQ(tracker.timingSpan, engine.nmargin);
-  EXPECT_EQ(tracker.timingMaxStep, engine.nguard);
+  EXPECT_EQ((std::array{tracker.timingSpan, tracker.timingMaxStep}), (std::array{engine.nmargin, engine.nguard}));
   walker.Run(20);
   const float bad[2] = {std::nanf(""), std::numeric_limits<float>::infinity()};
   for (int i = 0; i < 40; ++i) {
