@@ -205,10 +205,7 @@ Layer CleanFront(Layer l) {
 // are still zero, so packet 0 is all but the zero codeword and Reed-Solomon makes it that.
 void ExpectTransmittedStream(const char* what, const Layer& l, const EndToEndRun& run, const Acquisition& a) {
   const StreamCheck c = CheckAcquisition(a, run.transmitted(), run.generator->PacketsPerFrame());
-  std::printf("e2e %s | %s | blocks %d | delivered %zu | compared %lld | RS clean %d corrected %d failed %d\n", what,
-              Describe(l).c_str(), run.blocksFed(), a.PacketCount(), static_cast<long long>(c.compared), a.Count(0),
-              a.Count(-1), a.Count(1));
-  ASSERT_EQ(c.failure, "");
+  ASSERT_EQ(c.failure, "") << what << " " << Describe(l) << ", blocks " << run.blocksFed();
   ASSERT_GE(a.verdicts.size(), a.PacketCount());
   for (size_t k = 0; k < a.PacketCount(); ++k) {
     if (k == 0 && a.verdicts[0] != 1) {
@@ -297,9 +294,7 @@ TEST(ShortestGuardInModeOne, ComesOutPacketForPacketOnceTheGuardScanHasChosen) {
   ASSERT_EQ(run.acquisitions.size(), 1u) << "acquisition started over";
   const Acquisition& a = run.current();
   const StreamCheck c = CheckFrom(a, from, run.transmitted());
-  std::printf("e2e after scan | %s | blocks %d | from packet %zu | compared %lld | RS corrected %d\n",
-              Describe(l).c_str(), run.blocksFed(), from, static_cast<long long>(c.compared), a.Count(-1, from));
-  ASSERT_EQ(c.failure, "");
+  ASSERT_EQ(c.failure, "") << "from packet " << from;
   EXPECT_EQ(a.Count(1, from), 0) << "packets failed Reed-Solomon after the scan";
 }
 
@@ -349,9 +344,6 @@ TEST(KnownLimits, DesignedRecordedRefinedGone) {
     EXPECT_TRUE(finite) << "a non-finite value reached the status";
     int failed = 0;
     for (const Acquisition& a : run.acquisitions) failed += a.Count(1);
-    std::printf("e2e limit | %s | %s | acquisitions %zu | delivered %zu | RS failed %d\n", k.name,
-                engine.refined != 0 ? "refined" : "designed", run.acquisitions.size(), run.current().PacketCount(),
-                failed);
     if (engine.refined != 0 || k.designedHolds) {
       ASSERT_EQ(run.acquisitions.size(), 1u) << "acquisition started over";
       ExpectTransmittedStream("limit", k.layer, run, run.current());
@@ -380,7 +372,6 @@ TEST(EmptyChannel, NoiseReachesTrackingOnlyAsDesigned) {
     reached += tracked ? 1 : 0;
     SyncDriverClose();
   }
-  std::printf("e2e noise | %s | reached tracking %d of 8\n", engine.refined != 0 ? "refined" : "designed", reached);
   if (engine.refined != 0) {
     EXPECT_EQ(reached, 0);
   } else {
