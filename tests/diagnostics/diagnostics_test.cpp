@@ -114,11 +114,9 @@ TEST_F(Capture, FilesHoldTheBlocksFedAndAreNumberedOverStopsStartsAndFailedStart
   EXPECT_EQ(std::tuple(capture.captureFileNumber, captureOn.load(), capture.captureThread.Exists()), std::tuple(5, 1, false));
   captureFault = 0;
   ASSERT_EQ(mkdir(CaptureName(5).c_str(), 0755), 0);  // a directory stands under the file's name
-  EXPECT_EQ(StartCapture(), 0);
-  EXPECT_EQ(capture.captureFileNumber, 5);
+  EXPECT_EQ((std::array{StartCapture(), capture.captureFileNumber}), (std::array{0, 5}));
   EXPECT_TRUE(std::filesystem::exists(CaptureName(4)) && !std::filesystem::exists(CaptureName(6)));
-  EXPECT_EQ(StopCapture(), 1);
-  EXPECT_EQ(StopCapture(), 1);
+  EXPECT_EQ(StopCapture() + StopCapture(), 2);
   EXPECT_EQ(OpenDescriptors(), descriptors) << "each file left open was closed by the next start or stop";
 }
 
@@ -141,8 +139,7 @@ TEST_F(Capture, ALostBlockOrAFailedWriteEndsTheFileAndIsReportedWithTheRefinemen
       for (uint32_t b = 2; b < 7; ++b) FeedBlock(PatternBlock(b));
     }
     ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 7; }, 2000));
-    EXPECT_EQ(DebugCommand(6, 2), refined != 0 ? CAPTURE_LOST_BLOCKS : 1);
-    EXPECT_EQ(StopCapture(), 1);
+    EXPECT_EQ((std::array{DebugCommand(6, 2), StopCapture()}), (std::array{refined != 0 ? CAPTURE_LOST_BLOCKS : 1, 1}));
     const std::string file = ReadText(CaptureName(number));
     if (refined != 0) EXPECT_TRUE(file == expected) << "the blocks before the loss, and nothing else";
     else EXPECT_EQ(file.size(), 7u * RAW_BLOCK_BYTES) << "designed: lapped blocks written as they are";
@@ -151,8 +148,7 @@ TEST_F(Capture, ALostBlockOrAFailedWriteEndsTheFileAndIsReportedWithTheRefinemen
     ASSERT_EQ(StartCapture(), 1);
     FeedBlock(PatternBlock(0));
     ASSERT_TRUE(WaitFor([] { return capture.captureRead.load() == 1; }, 2000));
-    EXPECT_EQ(DebugCommand(6, 2), refined != 0 ? CAPTURE_WRITE_FAILED : 1);
-    EXPECT_EQ(StopCapture(), 1);
+    EXPECT_EQ((std::array{DebugCommand(6, 2), StopCapture()}), (std::array{refined != 0 ? CAPTURE_WRITE_FAILED : 1, 1}));
   }
   engine.refined = 0;
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <vector>
 
 #include "tests/diagnostics/diagnostics_support.h"
 #include "tests/support/test_bridge/test_bridge_control.h"
@@ -24,9 +25,9 @@ TEST(HostDiagnostics, TheProbeFollowsAcquisitionAndSurvivesItsUnloadWhileRunning
   TestBridge_Reset();
   ASSERT_EQ(ZFISDBT_DebugCMD(1, 1), 1);
   ASSERT_NE(TestBridge_Record(), nullptr);
-  ASSERT_EQ(ZFISDBT_DebugCMD(5, 1), 1);
-  ASSERT_EQ(ZFISDBT_OpenDevice(), 1);
-  ASSERT_EQ(ZFISDBT_SetFrequency(557143), 1);
+  // In order (a braced list is evaluated left to right): simulation, open, tune.
+  ASSERT_EQ((std::vector<int32_t>{ZFISDBT_DebugCMD(5, 1), ZFISDBT_OpenDevice(), ZFISDBT_SetFrequency(557143)}),
+            (std::vector<int32_t>{1, 1, 1}));
   EXPECT_TRUE(TestBridge_WaitUpdates(3, 5000));
   const double state = *TestBridge_Record()->stateCell;
   EXPECT_TRUE(state >= -2.0 && state <= 2.0) << state;
@@ -39,9 +40,8 @@ TEST(HostDiagnostics, TheProbeFollowsAcquisitionAndSurvivesItsUnloadWhileRunning
     return ZFISDBT_DebugGetParaValue(words) == 1 && words[5] == 2;
   }, 5000));
   EXPECT_EQ(TestBridge_Updates(), updates);
-  EXPECT_EQ(ZFISDBT_DebugCMD(1, 0), 1);
-  EXPECT_EQ(ZFISDBT_CloseDevice(), 1);
-  EXPECT_EQ(ZFISDBT_DebugCMD(1, 2), 1);
+  EXPECT_EQ((std::vector<int32_t>{ZFISDBT_DebugCMD(1, 0), ZFISDBT_CloseDevice(), ZFISDBT_DebugCMD(1, 2)}),
+            (std::vector<int32_t>{1, 1, 1}));
 }
 
 }  // namespace

@@ -22,6 +22,8 @@
 namespace zfn {
 namespace {
 
+using Words = std::vector<int64_t>;  // several engine words compared at once
+
 std::vector<uint8_t> Block(uint8_t tag) {
   std::vector<uint8_t> b(RAW_BLOCK_BYTES);
   for (int32_t i = 0; i < RAW_BLOCK_BYTES; ++i) b[i] = static_cast<uint8_t>(i * 7 + tag);
@@ -199,20 +201,18 @@ TEST_F(SyncEngine, ARetuneJumpsToTheNewestBlockButNotWhileTheTunerChanges) {
   EXPECT_EQ(controlBlock.retuneRequest, 1) << "the request waits for the tuner";
   SyncDriverRetune();  // clears tuningNow with the new request
   ProcessPendingBlocks();
-  EXPECT_EQ(engine.rawBlock[0], 3);
   EXPECT_EQ(blockRing.readCount, blockRing.writeCount);
-  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC) << "exactly one block handled";
-  EXPECT_EQ(engine.tsResetPhase * 10 + engine.tsResetRequest, 21) << "the packet stage starts over";
+  // The newest block, exactly one handled, and the packet stage starts over.
+  EXPECT_EQ(Words({engine.rawBlock[0], engine.blockState, engine.tsResetPhase, engine.tsResetRequest}),
+            Words({3, BLOCK_COARSE_SYNC, TS_RESET_PENDING, 1}));
   BlockRingPublish(Block(4).data());
   ProcessPendingBlocks();
   EXPECT_EQ(engine.blockState, BLOCK_FRAME_SYNC);
   engine.tmccFailed = 1;
   engine.tsResetPhase = TS_RING_OPEN;
   ProcessPendingBlocks();  // no new block: the jump path takes the newest again
-  EXPECT_EQ(engine.rawBlock[0], 4);
-  EXPECT_EQ(engine.tmccFailed, 0);
-  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
-  EXPECT_EQ(engine.tsResetPhase, TS_RESET_PENDING);
+  EXPECT_EQ(Words({engine.rawBlock[0], engine.tmccFailed, engine.blockState, engine.tsResetPhase}),
+            Words({4, 0, BLOCK_COARSE_SYNC, TS_RESET_PENDING}));
 }
 
 // Before the first retune blocks are taken but not handled. Then one state per block; an accepted
@@ -225,8 +225,7 @@ TEST_F(SyncEngine, AcceptedTmccTracksUntilAResyncAndARejectedOneIsASinkUntilTheN
   EXPECT_EQ(debugParaBlock.Int(5), 77) << "idle blocks are not even converted";
   script.frameSync = {{0, 0}, {1, 1}, {1, 0}};
   SyncDriverRetune();
-  EXPECT_EQ(debugParaBlock.Int(5), -1);
-  EXPECT_EQ(debugParaBlock.Float(11), -1.0f);
+  EXPECT_EQ(std::make_pair(debugParaBlock.Int(5), debugParaBlock.Float(11)), std::make_pair(-1, -1.0f));
   FeedFrom(2, 5);
   EXPECT_EQ(script.calls, (std::vector<std::string>{"detect", "coarse", "frame", "frame", "tracking", "decoder"}));
   EXPECT_EQ(debugParaBlock.Int(5), BLOCK_TRACKING);
@@ -244,10 +243,8 @@ TEST_F(SyncEngine, AcceptedTmccTracksUntilAResyncAndARejectedOneIsASinkUntilTheN
   ProcessPendingBlocks();
   EXPECT_EQ(engine.clockWritePending, 0) << "the sample clock correction was handed back";
   EXPECT_EQ(script.calls, std::vector<std::string>{"detect"});
-  EXPECT_EQ(engine.rawBlock[0], 7);
-  EXPECT_EQ(engine.resyncRequest, 0);
-  EXPECT_EQ(engine.blockState, BLOCK_COARSE_SYNC);
-  EXPECT_EQ(engine.tsResetPhase, TS_RESET_PENDING);
+  EXPECT_EQ(Words({engine.rawBlock[0], engine.resyncRequest, engine.blockState, engine.tsResetPhase}),
+            Words({7, 0, BLOCK_COARSE_SYNC, TS_RESET_PENDING}));
 
   FeedFrom(8, 9);
   EXPECT_EQ(engine.blockState, BLOCK_NO_SIGNAL);
@@ -298,8 +295,7 @@ TEST(Status, PresentLockAndQuality) {
     EXPECT_EQ(present, word) << state;
   }
   engine.blockState = BLOCK_FRAME_SYNC;
-  EXPECT_EQ(GetSignalLock(&locked), 0);
-  EXPECT_EQ(locked, 0);
+  EXPECT_EQ(Words({GetSignalLock(&locked), locked}), Words({0, 0}));
   EXPECT_EQ(GetSignalPresent(nullptr) + GetSignalLock(nullptr) + GetSignalQuality(nullptr), 0);
 
   struct LockCase {
@@ -341,24 +337,19 @@ TEST(DebugCommand, CommandsAndTheirValues) {
                                                {9, 0, 1}, {8, -12, 1}}) {
     EXPECT_EQ(DebugCommand(command, value), result) << command;
   }
-  EXPECT_EQ(engine.paramReloadRequest, 0);
-  EXPECT_EQ(engine.autoResync + engine.rsDecoderFull, 0);
+  EXPECT_EQ(Words({engine.paramReloadRequest, engine.autoResync, engine.rsDecoderFull}), Words({0, 0, 0}));
   EXPECT_EQ(DebugCommand(7, 3) + DebugCommand(9, 1), 2);
-  EXPECT_EQ(engine.autoResync, 0);
-  EXPECT_EQ(engine.rsDecoderFull, 1);
+  EXPECT_EQ(Words({engine.autoResync, engine.rsDecoderFull}), Words({0, 1}));
   EXPECT_EQ(DebugCommand(7, 1), 1);
-  EXPECT_EQ(engine.autoResync, 1);
-  EXPECT_EQ(engine.forcedCarrierOffset, -12);
+  EXPECT_EQ(Words({engine.autoResync, engine.forcedCarrierOffset}), Words({1, -12}));
   // The forced carrier offset is kept over open; the switches are set again.
   engine.autoResync = 0;
   engine.rsDecoderFull = 0;
   ASSERT_EQ(EngineInit(), 1);
   EXPECT_EQ(engine.arenaFree, WORK_ARENA_BYTES - 40384) << "the packet stage's two buffers";
-  EXPECT_EQ(engine.forcedCarrierOffset, -12);
-  EXPECT_EQ(engine.autoResync + engine.rsDecoderFull, 2);
+  EXPECT_EQ(Words({engine.forcedCarrierOffset, engine.autoResync, engine.rsDecoderFull}), Words({-12, 1, 1}));
   EngineFree();
-  EXPECT_EQ(DebugCommand(8, -46), 1);
-  EXPECT_EQ(DebugCommand(5, 2), 1);
+  EXPECT_EQ(DebugCommand(8, -46) + DebugCommand(5, 2), 2);
   EXPECT_EQ(device.simulationMode, 2);
   EXPECT_EQ(DebugCommand(5, 0), 1);
 

@@ -32,15 +32,13 @@ TEST(HostLibrary, LifecycleWithExactLogLines) {
   LogCapture log;
   int32_t* para = nullptr;
   int32_t words[ZFISDBT_PARA_WORDS];
-  EXPECT_EQ(ZFISDBT_DebugGetParaPtr(&para), 0);
-  EXPECT_EQ(ZFISDBT_DebugGetParaValue(words), 0);
+  EXPECT_EQ(ZFISDBT_DebugGetParaPtr(&para) + ZFISDBT_DebugGetParaValue(words), 0);
   EXPECT_EQ(ZFISDBT_SetTSCallBack(OnPackets) * 10 + ZFISDBT_SetTSCallBack(nullptr), 10);
   EXPECT_EQ(ZFISDBT_SetACCallBack(OnAc) * 10 + ZFISDBT_SetACCallBack(nullptr), 10);
   // A retune before open fails, except in simulation.
   EXPECT_EQ(ZFISDBT_SetFrequency(500000), 0);
-  EXPECT_EQ(ZFISDBT_DebugCMD(5, 1), 1);
-  EXPECT_EQ(ZFISDBT_SetFrequency(500000), 1);
-  EXPECT_EQ(ZFISDBT_DebugCMD(5, 0), 1);
+  EXPECT_EQ((std::vector<int32_t>{ZFISDBT_DebugCMD(5, 1), ZFISDBT_SetFrequency(500000), ZFISDBT_DebugCMD(5, 0)}),
+            (std::vector<int32_t>{1, 1, 1}));
   EXPECT_EQ(ZFISDBT_StartAC() + ZFISDBT_StopAC(), 2);
 
   ASSERT_EQ(ZFISDBT_OpenDevice(), 1);
@@ -50,12 +48,10 @@ TEST(HostLibrary, LifecycleWithExactLogLines) {
   // Right after the retune the engine has handled no block of the new channel yet: acquisition
   // takes three blocks at least (about 180 ms) before any status can be sure.
   int32_t present = 7, locked = 7, quality = 7;
-  EXPECT_EQ(ZFISDBT_GetSignalPresent(&present), 0);
-  EXPECT_EQ(present, 7);
-  EXPECT_EQ(ZFISDBT_GetSignalLock(&locked), 0);
-  EXPECT_EQ(locked, 0);
-  EXPECT_EQ(ZFISDBT_GetSignalQuality(&quality), 1);
-  EXPECT_EQ(quality, 0);
+  const std::vector<int32_t> results{ZFISDBT_GetSignalPresent(&present), ZFISDBT_GetSignalLock(&locked),
+                                     ZFISDBT_GetSignalQuality(&quality)};
+  EXPECT_EQ(results, (std::vector<int32_t>{0, 0, 1}));
+  EXPECT_EQ((std::vector<int32_t>{present, locked, quality}), (std::vector<int32_t>{7, 0, 0}));
   ASSERT_EQ(ZFISDBT_DebugGetParaValue(words), 1);
   EXPECT_EQ(words[10], -1) << "status words of a new acquisition (channel state unknown)";
   EXPECT_TRUE(WaitFor(BlockHandledSinceRetune)) << "blocks are handled";

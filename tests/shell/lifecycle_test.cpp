@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -222,19 +223,16 @@ TEST_P(Scenarios, OpenRetuneCloseAndWhatIsLeft) {
   EXPECT_TRUE(s.opened != 1 || device.deviceBound * 10 + TestSim_Started() == (s.simulation != 0 ? 11 : 10));
   if (s.kHz != 0) {
     EXPECT_EQ(RetuneWaitsForTheTuner(s.kHz), s.waits);
-    EXPECT_EQ(controlBlock.tuningNow, 0);
-    EXPECT_TRUE(InFrameSync());
-    EXPECT_EQ(debugParaBlock.Int(5), BLOCK_FRAME_SYNC);
+    EXPECT_TRUE(controlBlock.tuningNow == 0 && InFrameSync() && debugParaBlock.Int(5) == BLOCK_FRAME_SYNC)
+        << controlBlock.tuningNow << " " << debugParaBlock.Int(5);
   }
   EXPECT_TRUE(s.simulation != 2 || TestDevice_AccessCount() > 0) << "demodulator programmed";
-  EXPECT_EQ(CloseDevice(), 1);
-  EXPECT_EQ(engine.blockState, BLOCK_IDLE);
+  EXPECT_EQ((std::array<int32_t, 3>{CloseDevice(), engine.blockState, device.tunerType}), (std::array{1, BLOCK_IDLE, 0}));
   EXPECT_EQ(log.Lines(), ApiLines(s.log));
   EXPECT_EQ(DeviceCalls(), s.calls);
   EXPECT_TRUE(s.simulation != 1 || s.opened != 1 || DeviceCalls(true).empty()) << "no device function is called";
   EXPECT_EQ(TestSim_CallCount("BDA_Stop_simulate"), s.simulation == 1 || s.simulation == 2 ? 1 : 0);
   EXPECT_EQ(TestSim_Started() + TestSim_EventThreadRunning(), 0) << "the simulator still runs";
-  EXPECT_EQ(device.tunerType, 0);
   EXPECT_TRUE(s.running == 0 || device.simulationMode == 0) << "cleared by close";
   device.simulationMode = 0;
   if (s.leftForTheNextOpen) {

@@ -3,6 +3,8 @@
 // needs the device library too, so simulation fails as well; close after it is harmless.
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "frontend/device_binding.h"
 #include "lifecycle_support.h"
 #include "shell/device_state.h"
@@ -23,8 +25,7 @@ TEST(OpenWithoutDevice, FailsInDeviceModeAndSimulationAndLeavesNothing) {
     EXPECT_EQ(device.running + device.deviceBound, 0);
     EXPECT_EQ(deviceBinding.library, nullptr) << "unbound again";
     EXPECT_FALSE(device.dataEvent.Exists());
-    EXPECT_EQ(zfn_test::OpenDescriptors(), fds);
-    EXPECT_EQ(zfn_test::ProcessThreads(), threads);
+    EXPECT_EQ(std::make_pair(zfn_test::OpenDescriptors(), zfn_test::ProcessThreads()), std::make_pair(fds, threads));
     EXPECT_EQ(engine.arenaBase, nullptr);
     device.simulationMode = 0;
   }

@@ -71,9 +71,8 @@ TEST_F(ParameterFiles, MissingFilesChangeNothingAndWellFormedFilesSetEveryField)
   };
   engine.pilotGainScaleA = 1.5f;
   request(1);
-  EXPECT_EQ(engine.pilotGainScaleA, 1.5f);
-  EXPECT_EQ(engine.stageUpdatePeriod[1], 32);
-  EXPECT_EQ(engine.stageLoopGain[0], 10.0f);
+  EXPECT_EQ((std::vector<float>{engine.pilotGainScaleA, static_cast<float>(engine.stageUpdatePeriod[1]), engine.stageLoopGain[0]}),
+            (std::vector<float>{1.5f, 32.0f, 10.0f}));
   EXPECT_EQ(std::bit_cast<uint32_t>(engine.freqLoopGain), 0x31ABCC77u);
 
   std::vector<std::string> timing;
@@ -90,20 +89,17 @@ TEST_F(ParameterFiles, MissingFilesChangeNothingAndWellFormedFilesSetEveryField)
   Write("ParaSetOther.txt", "a\n1.0\n\n\nb\n4.0\n");
   request(1);
   for (int s = 0; s < 3; ++s) EXPECT_EQ(Stage(s), (Values{100.0 * (s + 1), 0.25, 3.5, 16, 0.5, 7, 2}));
-  EXPECT_EQ(engine.spareTapSets[17], 17.5f);
-  EXPECT_EQ(engine.pilotGainScaleB, 1.25f);
-  EXPECT_EQ(engine.qpskSoftTarget, 3.0f);
-  EXPECT_EQ(engine.tapFloorC, 0.55f);
-  EXPECT_EQ(engine.freqLoopGain, 0.25f);
+  EXPECT_EQ((std::vector<float>{engine.spareTapSets[17], engine.pilotGainScaleB, engine.qpskSoftTarget, engine.tapFloorC,
+                                engine.freqLoopGain}),
+            (std::vector<float>{17.5f, 1.25f, 3.0f, 0.55f, 0.25f}));
 
   // Back to defaults: stage 2, the pilot gain scales and guardScanStart have none and stay.
   request(0);
   SyncDriverClose();
   EXPECT_EQ(engine.stageStartSymbol[0], 0);
   EXPECT_EQ(Stage(2), (Values{0, 0.25, 3.5, 16, 0.5, 7, 2}));
-  EXPECT_EQ(engine.pilotGainScaleA, 0.75f);
+  EXPECT_EQ((std::vector<float>{engine.pilotGainScaleA, engine.qpskSoftTarget}), (std::vector<float>{0.75f, 4.0f}));
   EXPECT_EQ(engine.guardScanStart, 1234);
-  EXPECT_EQ(engine.qpskSoftTarget, 4.0f);
 }
 
 // The scan rules. A value with text in it ("2,5") is taken up to the text, and the rest becomes
