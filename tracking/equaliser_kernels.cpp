@@ -10,7 +10,10 @@ constexpr float QPSK_LEVEL = 0.707107f;
 }
 
 // Kept scalar on purpose: the reference the vector variants are compared with and measured against.
-__attribute__((optimize("no-tree-vectorize"))) void EqualiseQpskScalar(const EqualiserRows& rows) {
+// The equalised carrier e = r / g, its power |g|^2, and the noise |r - d g|^2 against the decision d
+// (QPSK by selection, the QAM levels by the slicer).
+template <bool Qam>
+__attribute__((optimize("no-tree-vectorize"))) void EqualiseScalar(const EqualiserRows& rows) {
   for (int32_t i = 0; i < rows.count; ++i) {
     const float gr = rows.gRe[i], gi = rows.gIm[i], rr = rows.rRe[i], ri = rows.rIm[i];
     const float p = gr * gr + gi * gi;
@@ -19,29 +22,16 @@ __attribute__((optimize("no-tree-vectorize"))) void EqualiseQpskScalar(const Equ
     rows.eq[2 * i] = ere;
     rows.eq[2 * i + 1] = eim;
     rows.power[i] = p;
-    const float dre = ere <= 0.0f ? -QPSK_LEVEL : QPSK_LEVEL;  // the QPSK decision by selection
-    const float dim = eim <= 0.0f ? -QPSK_LEVEL : QPSK_LEVEL;
-    const float nre = rr - (dre * gr - dim * gi);
-    const float nim = ri - (dre * gi + dim * gr);
-    rows.noise[i] = nre * nre + nim * nim;
-  }
-}
-
-__attribute__((optimize("no-tree-vectorize"))) void EqualiseQamScalar(const EqualiserRows& rows) {
-  for (int32_t i = 0; i < rows.count; ++i) {
-    const float gr = rows.gRe[i], gi = rows.gIm[i], rr = rows.rRe[i], ri = rows.rIm[i];
-    const float p = gr * gr + gi * gi;
-    const float ere = (rr * gr + ri * gi) / p;
-    const float eim = (ri * gr - rr * gi) / p;
-    rows.eq[2 * i] = ere;
-    rows.eq[2 * i + 1] = eim;
-    rows.power[i] = p;
-    const Cx d = SliceCarrier(Cx{ere, eim}, rows.bitsPerCarrier);
+    const Cx d = Qam ? SliceCarrier(Cx{ere, eim}, rows.bitsPerCarrier)
+                     : Cx{ere <= 0.0f ? -QPSK_LEVEL : QPSK_LEVEL, eim <= 0.0f ? -QPSK_LEVEL : QPSK_LEVEL};
     const float nre = rr - (d.re * gr - d.im * gi);
     const float nim = ri - (d.re * gi + d.im * gr);
     rows.noise[i] = nre * nre + nim * nim;
   }
 }
+
+void EqualiseQpskScalar(const EqualiserRows& rows) { EqualiseScalar<false>(rows); }
+void EqualiseQamScalar(const EqualiserRows& rows) { EqualiseScalar<true>(rows); }
 
 void EqualiseQamWith(VectorIsa isa, const EqualiserRows& rows) {
 #if defined(__x86_64__) || defined(__i386__)

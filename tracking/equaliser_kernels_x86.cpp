@@ -69,10 +69,14 @@ __attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& rows)
   EqualiseQpskScalar(Tail(rows, i));
 }
 
-__attribute__((target("avx2"))) void EqualiseQpskAvx2(const EqualiserRows& rows) {
+// Eight carriers at a time: the QPSK decision by selection, or the QAM levels stepped through.
+template <bool Qam>
+__attribute__((target("avx2"))) void EqualiseAvx2(const EqualiserRows& rows) {
   const __m256 zero = _mm256_setzero_ps();
   const __m256 plus = _mm256_set1_ps(QPSK_LEVEL);
   const __m256 minus = _mm256_set1_ps(-QPSK_LEVEL);
+  const QamDecision& real = rows.bitsPerCarrier == 6 ? QAM64 : QAM16_REAL;
+  const QamDecision& imag = rows.bitsPerCarrier == 6 ? QAM64 : QAM16_IMAG;
   int32_t i = 0;
   for (; i + 8 <= rows.count; i += 8) {
     const __m256 gr = _mm256_loadu_ps(rows.gRe + i), gi = _mm256_loadu_ps(rows.gIm + i);
@@ -85,40 +89,33 @@ __attribute__((target("avx2"))) void EqualiseQpskAvx2(const EqualiserRows& rows)
     _mm256_storeu_ps(rows.eq + 2 * i, _mm256_permute2f128_ps(lo, hi, 0x20));
     _mm256_storeu_ps(rows.eq + 2 * i + 8, _mm256_permute2f128_ps(lo, hi, 0x31));
     _mm256_storeu_ps(rows.power + i, p);
-    const __m256 dre = _mm256_blendv_ps(plus, minus, _mm256_cmp_ps(ere, zero, _CMP_LE_OQ));
-    const __m256 dim = _mm256_blendv_ps(plus, minus, _mm256_cmp_ps(eim, zero, _CMP_LE_OQ));
+    __m256 dre, dim;
+    if constexpr (Qam) {
+      dre = SliceAvx2(ere, real);
+      dim = SliceAvx2(eim, imag);
+    } else {
+      dre = _mm256_blendv_ps(plus, minus, _mm256_cmp_ps(ere, zero, _CMP_LE_OQ));
+      dim = _mm256_blendv_ps(plus, minus, _mm256_cmp_ps(eim, zero, _CMP_LE_OQ));
+    }
     const __m256 nre = _mm256_sub_ps(rr, _mm256_sub_ps(_mm256_mul_ps(dre, gr), _mm256_mul_ps(dim, gi)));
     const __m256 nim = _mm256_sub_ps(ri, _mm256_add_ps(_mm256_mul_ps(dre, gi), _mm256_mul_ps(dim, gr)));
     _mm256_storeu_ps(rows.noise + i, _mm256_add_ps(_mm256_mul_ps(nre, nre), _mm256_mul_ps(nim, nim)));
   }
-  EqualiseQpskScalar(Tail(rows, i));
+  if constexpr (Qam) {
+    EqualiseQamScalar(Tail(rows, i));
+  } else {
+    EqualiseQpskScalar(Tail(rows, i));
+  }
 }
 
-__attribute__((target("avx2"))) void EqualiseQamAvx2(const EqualiserRows& rows) {
-  const QamDecision& real = rows.bitsPerCarrier == 6 ? QAM64 : QAM16_REAL;
-  const QamDecision& imag = rows.bitsPerCarrier == 6 ? QAM64 : QAM16_IMAG;
+void EqualiseQpskAvx2(const EqualiserRows& rows) { EqualiseAvx2<false>(rows); }
+
+void EqualiseQamAvx2(const EqualiserRows& rows) {
   if (rows.bitsPerCarrier != 4 && rows.bitsPerCarrier != 6) {  // the slicer takes anything else as QPSK
     EqualiseQamScalar(rows);
     return;
   }
-  int32_t i = 0;
-  for (; i + 8 <= rows.count; i += 8) {
-    const __m256 gr = _mm256_loadu_ps(rows.gRe + i), gi = _mm256_loadu_ps(rows.gIm + i);
-    const __m256 rr = _mm256_loadu_ps(rows.rRe + i), ri = _mm256_loadu_ps(rows.rIm + i);
-    const __m256 p = _mm256_add_ps(_mm256_mul_ps(gr, gr), _mm256_mul_ps(gi, gi));
-    const __m256 ere = _mm256_div_ps(_mm256_add_ps(_mm256_mul_ps(rr, gr), _mm256_mul_ps(ri, gi)), p);
-    const __m256 eim = _mm256_div_ps(_mm256_sub_ps(_mm256_mul_ps(ri, gr), _mm256_mul_ps(rr, gi)), p);
-    const __m256 lo = _mm256_unpacklo_ps(ere, eim), hi = _mm256_unpackhi_ps(ere, eim);
-    _mm256_storeu_ps(rows.eq + 2 * i, _mm256_permute2f128_ps(lo, hi, 0x20));
-    _mm256_storeu_ps(rows.eq + 2 * i + 8, _mm256_permute2f128_ps(lo, hi, 0x31));
-    _mm256_storeu_ps(rows.power + i, p);
-    const __m256 dre = SliceAvx2(ere, real);
-    const __m256 dim = SliceAvx2(eim, imag);
-    const __m256 nre = _mm256_sub_ps(rr, _mm256_sub_ps(_mm256_mul_ps(dre, gr), _mm256_mul_ps(dim, gi)));
-    const __m256 nim = _mm256_sub_ps(ri, _mm256_add_ps(_mm256_mul_ps(dre, gi), _mm256_mul_ps(dim, gr)));
-    _mm256_storeu_ps(rows.noise + i, _mm256_add_ps(_mm256_mul_ps(nre, nre), _mm256_mul_ps(nim, nim)));
-  }
-  EqualiseQamScalar(Tail(rows, i));
+  EqualiseAvx2<true>(rows);
 }
 
 }  // namespace zfn
