@@ -278,8 +278,7 @@ TEST_F(ProbeFill, NothingIsWrittenWhenInactiveWithoutARecordOrPastTheArrays) {
   RunSymbol(0, ndata);
   ProbeStoreBlockState(BLOCK_FRAME_SYNC);
   ProbeStoreRates(0.5f, 0.5f, 0.5f);
-  EXPECT_EQ(engine.probeTick, tick);
-  EXPECT_EQ(record_.fillIndex, 0);
+  EXPECT_EQ((std::vector<int64_t>{engine.probeTick, record_.fillIndex}), (std::vector<int64_t>{tick, 0}));
   EXPECT_TRUE(*record_.stateCell == SENTINEL && record_.ratesCell[0] == SENTINEL);
 
   // Active with no record (the bridge unloaded and the probe switched on again): the engine runs
@@ -302,15 +301,13 @@ class ProbeBridge : public ::testing::Test {
     if (probeBridge.library != nullptr || matlabProbe != nullptr) UnloadProbeBridge();
   }
   static void ExpectCalls(int32_t initial, int32_t show, int32_t destroy) {
-    EXPECT_EQ(TestBridge_Calls("MATLAB_Initial"), initial);
-    EXPECT_EQ(TestBridge_Calls("MATLAB_Show"), show);
-    EXPECT_EQ(TestBridge_Calls("MATLAB_Destroy"), destroy);
+    EXPECT_EQ((std::vector<int32_t>{TestBridge_Calls("MATLAB_Initial"), TestBridge_Calls("MATLAB_Show"),
+                                    TestBridge_Calls("MATLAB_Destroy")}), (std::vector<int32_t>{initial, show, destroy}));
   }
   // The command always succeeds, whatever the bridge does.
   static void Expect(int32_t value, int32_t enable, int32_t loaded) {
-    EXPECT_EQ(DebugProbeCommand(value), 1) << value;
-    EXPECT_EQ(probeEnable, enable) << value;
-    EXPECT_EQ(probeBridge.bridgeLoaded, loaded) << value;
+    EXPECT_EQ((std::vector<int32_t>{DebugProbeCommand(value), probeEnable, probeBridge.bridgeLoaded}),
+              (std::vector<int32_t>{1, enable, loaded})) << value;
   }
 };
 

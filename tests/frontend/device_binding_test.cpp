@@ -106,16 +106,14 @@ TEST(Binding, ShippedLibraryWithoutDevice) {
   EXPECT_EQ(Bind(1, true), "shipped");
   EXPECT_EQ(deviceBinding.BDAFilterInit(0), 0);
   uint8_t written[2] = {0x12, 0x34}, read[2] = {};
-  EXPECT_EQ(deviceBinding.Demod_Byte_Write(1, 0x3E, 2, written), 1);
-  EXPECT_EQ(deviceBinding.Demod_Byte_Read(1, 0x3E, 2, read), 1);
+  EXPECT_EQ((std::vector<int32_t>{deviceBinding.Demod_Byte_Write(1, 0x3E, 2, written), deviceBinding.Demod_Byte_Read(1, 0x3E, 2, read)}),
+            (std::vector<int32_t>{1, 1}));
   EXPECT_EQ(std::vector<uint8_t>(read, read + 2), std::vector<uint8_t>(written, written + 2));
   EXPECT_EQ(deviceBinding.Demod_Byte_Write(1, 0xFE, 4, written), 0);  // past the end of the page
   uint8_t buffer[64];
   int32_t length = -1, aux = 0, tunerType = -1;
   deviceBinding.GetData(buffer, sizeof buffer, &length, &aux);
-  EXPECT_EQ(length, 0);
-  EXPECT_EQ(deviceBinding.Get_TunerType(&tunerType), 1);
-  EXPECT_EQ(tunerType, 0);
+  EXPECT_EQ((std::vector<int32_t>{length, deviceBinding.Get_TunerType(&tunerType), tunerType}), (std::vector<int32_t>{0, 1, 0}));
   UnbindClears();
 }
 
