@@ -2,6 +2,7 @@
 // choice of kernel at run time.
 #include "decoder/viterbi.h"
 
+#include <bit>
 #include <cstring>
 
 namespace zfn {
@@ -66,26 +67,34 @@ void ViterbiBeginCall(ViterbiTrellis& trellis) {
 }
 
 void ViterbiTraceBack(ViterbiTrellis& trellis, int32_t count, uint8_t* output) {
+  ViterbiTraceBackFrom(trellis, BestPosition(trellis.pathMetrics[trellis.metricBank ^ 1]), count, output);
+}
+
+void ViterbiTraceBackFrom(ViterbiTrellis& trellis, int32_t best, int32_t count, uint8_t* output) {
   // The start state is the position number of the best metric as it stands, without the xor with 15.
-  uint32_t s = static_cast<uint32_t>(BestPosition(trellis.pathMetrics[trellis.metricBank ^ 1]));
+  // The walk keeps the state's position t = s xor 15: the decision of s is then bit t of the step's
+  // four words read as one little-endian 64-bit word, and the predecessor's position is
+  // ((t >> 1) xor 8) with the decision as bit 5. With the word turned left by 5 beforehand, a right
+  // turn by t brings that bit to bit 5 at once, so a step of the walk is three dependent operations.
+  uint32_t t = static_cast<uint32_t>(best) ^ 15;
   const uint16_t* history = trellis.decisionHistory;
   int32_t step = VITERBI_TRACEBACK + count - 1;
-  // Bit (15 - s mod 16) of word s / 16 is bit (s xor 15) of the step's four words read as one
-  // little-endian 64-bit word.
-  auto decision = [history](int32_t at, uint32_t state) -> uint32_t {
+  auto back = [history](int32_t at, uint32_t position) -> uint32_t {
     uint64_t words;
     std::memcpy(&words, history + 4 * at, sizeof words);
-    return static_cast<uint32_t>(words >> (state ^ 15)) & 1;
+    const uint64_t turned = std::rotl(words, 5);
+    return ((position >> 1) ^ 8) | (static_cast<uint32_t>(std::rotr(turned, static_cast<int>(position))) & 32);
   };
-  for (int32_t k = 0; k < VITERBI_TRACEBACK; ++k, --step) s = (s >> 1) | (decision(step, s) << 5);
+  for (int32_t k = 0; k < VITERBI_TRACEBACK; ++k, --step) t = back(step, t);
   const int32_t bytes = count / 8;
   for (int32_t i = 0; i < bytes; ++i) {
+    // The decoded bit is the state's bit 0, the complement of the position's bit 0.
     uint32_t byte = 0;
     for (int32_t k = 0; k < 8; ++k, --step) {
-      byte |= (s & 1) << k;
-      s = (s >> 1) | (decision(step, s) << 5);
+      byte |= (t & 1) << k;
+      t = back(step, t);
     }
-    output[bytes - 1 - i] = static_cast<uint8_t>(byte);
+    output[bytes - 1 - i] = static_cast<uint8_t>(~byte);
   }
   CarryDecisions(trellis, count);
 }

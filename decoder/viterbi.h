@@ -42,5 +42,8 @@ void ViterbiDecodeAvx2(ViterbiTrellis& trellis, const uint16_t* pairs, int32_t c
 // Helpers shared by the kernels: start of a call and the traceback that ends it.
 void ViterbiBeginCall(ViterbiTrellis& trellis);
 void ViterbiTraceBack(ViterbiTrellis& trellis, int32_t count, uint8_t* output);
+// The same traceback from a given best position: the first position of the least metric of the
+// newest bank (bank metricBank xor 1).
+void ViterbiTraceBackFrom(ViterbiTrellis& trellis, int32_t best, int32_t count, uint8_t* output);
 
 }  // namespace zfn

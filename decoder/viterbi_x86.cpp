@@ -13,6 +13,7 @@
 
 #include <immintrin.h>
 
+#include <bit>
 #include <cstring>
 
 #include "decoder/viterbi.h"
@@ -160,6 +161,7 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
     // (m n n m | q r r q) from top bit 0 and (n m m n | r q q r) from top bit 1.
     const __m256i pickTop0 = _mm256_setr_epi32(0, 1, 1, 0, 2, 3, 3, 2);
     const __m256i pickTop1 = _mm256_setr_epi32(1, 0, 0, 1, 3, 2, 2, 3);
+    const __m256i normaliseAbove = _mm256_set1_epi8(static_cast<char>(NORMALISE_ABOVE + 1));
     uint16_t* decisions = trellis.decisionHistory + 4 * VITERBI_TRACEBACK;
     for (int32_t i = 0; i < count; ++i) {
       const uint32_t pair = pairs[i];
@@ -189,10 +191,16 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
       newLo = _mm256_permute2x128_si256(va, vb, 0x20);
       newHi = _mm256_permute2x128_si256(va, vb, 0x31);
 
-      if ((_mm256_cvtsi256_si32(newHi) & 0xFF) > NORMALISE_ABOVE) {
-        const __m256i both = _mm256_min_epu8(newLo, newHi);
-        const __m128i least = Sse2Min16(_mm_min_epu8(_mm256_castsi256_si128(both), _mm256_extracti128_si256(both, 1)));
-        const __m256i sub = _mm256_broadcastb_epi8(least);
+      // Position 32 is byte 16 of A: tested there, before the lanes are regrouped, so that the rare
+      // normalisation is known a few cycles earlier.
+      const uint32_t above = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_max_epu8(va, normaliseAbove), va)));
+      if ((above & 0x10000) != 0) {
+        // The least metric from A and B while the lanes are regrouped: pairs of bytes into words
+        // (the high byte of each word becomes 0), the two lanes into one, then the least of eight words.
+        __m256i both = _mm256_min_epu8(va, vb);
+        both = _mm256_min_epu8(both, _mm256_srli_epi16(both, 8));
+        const __m128i words = _mm_min_epu16(_mm256_castsi256_si128(both), _mm256_extracti128_si256(both, 1));
+        const __m256i sub = _mm256_broadcastb_epi8(_mm_minpos_epu16(words));
         newLo = _mm256_subs_epu8(newLo, sub);
         newHi = _mm256_subs_epu8(newHi, sub);
       }
@@ -209,6 +217,15 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
     _mm256_store_si256(reinterpret_cast<__m256i*>(previous), lo);
     _mm256_store_si256(reinterpret_cast<__m256i*>(previous + 32), hi);
     trellis.metricBank = static_cast<uint8_t>(bank);
+    // The first position of the least newest metric starts the traceback.
+    __m256i least = _mm256_min_epu8(newLo, newHi);
+    least = _mm256_min_epu8(least, _mm256_srli_epi16(least, 8));
+    const __m128i words = _mm_min_epu16(_mm256_castsi256_si128(least), _mm256_extracti128_si256(least, 1));
+    least = _mm256_broadcastb_epi8(_mm_minpos_epu16(words));
+    const uint64_t where = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(newLo, least))) |
+                           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(newHi, least)))) << 32;
+    ViterbiTraceBackFrom(trellis, std::countr_zero(where), count, output);
+    return;
   }
   ViterbiTraceBack(trellis, count, output);
 }
