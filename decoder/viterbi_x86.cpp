@@ -40,22 +40,23 @@ constexpr StepCosts CostsOf(uint16_t pair) {
           c00 | c11 << 8 | c10 << 16 | c01 << 24, c11 | c00 << 8 | c01 << 16 | c10 << 24};
 }
 
-// The soft bits of the demapper lie in 0..31, so the cost patterns of nearly every step come from
-// this table, indexed by h * 32 + l; other pairs are worked out as they come.
+// The four branch costs of a step as bytes c00, c01, c10, c11 (by hypothesised XY), lowest first.
+constexpr uint32_t BranchCostsOf(uint32_t pair) {
+  const uint32_t h = (pair >> 8) & 0xFF;
+  const uint32_t l = pair & 0xFF;
+  return ((h + l) & 0xFF) | ((h + (31 - l)) & 0xFF) << 8 | (((31 - h) + l) & 0xFF) << 16 | (((31 - h) + (31 - l)) & 0xFF) << 24;
+}
+
+// The soft bits of the demapper lie in 0..31, so the costs of nearly every step come from this
+// table, indexed by h * 32 + l; other pairs are worked out as they come.
 struct CostTable {
-  alignas(16) uint32_t patterns[1024][4];
+  uint32_t costs[1024];
 };
 
 constexpr CostTable MakeCostTable() {
   CostTable t{};
   for (uint32_t h = 0; h < 32; ++h) {
-    for (uint32_t l = 0; l < 32; ++l) {
-      const StepCosts c = CostsOf(static_cast<uint16_t>(h << 8 | l));
-      t.patterns[h * 32 + l][0] = c.m;
-      t.patterns[h * 32 + l][1] = c.n;
-      t.patterns[h * 32 + l][2] = c.q;
-      t.patterns[h * 32 + l][3] = c.r;
-    }
+    for (uint32_t l = 0; l < 32; ++l) t.costs[h * 32 + l] = BranchCostsOf(h << 8 | l);
   }
   return t;
 }
@@ -159,22 +160,20 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
     __m256i newLo = lo, newHi = hi;
     // Vector A holds positions 0..15 and 32..47, vector B positions 16..31 and 48..63; both take costs
     // (m n n m | q r r q) from top bit 0 and (n m m n | r q q r) from top bit 1.
-    const __m256i pickTop0 = _mm256_setr_epi32(0, 1, 1, 0, 2, 3, 3, 2);
-    const __m256i pickTop1 = _mm256_setr_epi32(1, 0, 0, 1, 3, 2, 2, 3);
+    // Byte k of the step's cost word is the cost of hypothesised XY = k: m = 1 2 3 0, n = 2 1 0 3,
+    // q = 0 3 2 1, r = 3 0 1 2.
+    const __m256i pickTop0 = _mm256_setr_epi8(1, 2, 3, 0, 2, 1, 0, 3, 2, 1, 0, 3, 1, 2, 3, 0,  //
+                                              0, 3, 2, 1, 3, 0, 1, 2, 3, 0, 1, 2, 0, 3, 2, 1);
+    const __m256i pickTop1 = _mm256_setr_epi8(2, 1, 0, 3, 1, 2, 3, 0, 1, 2, 3, 0, 2, 1, 0, 3,  //
+                                              3, 0, 1, 2, 0, 3, 2, 1, 0, 3, 2, 1, 3, 0, 1, 2);
     const __m256i normaliseAbove = _mm256_set1_epi8(static_cast<char>(NORMALISE_ABOVE + 1));
     uint16_t* decisions = trellis.decisionHistory + 4 * VITERBI_TRACEBACK;
     for (int32_t i = 0; i < count; ++i) {
       const uint32_t pair = pairs[i];
-      __m128i costs;
-      if ((pair & 0xE0E0) == 0) {
-        costs = _mm_load_si128(reinterpret_cast<const __m128i*>(COST_TABLE.patterns[((pair >> 3) & 0x3E0) | (pair & 0x1F)]));
-      } else {
-        const StepCosts c = CostsOf(static_cast<uint16_t>(pair));
-        costs = _mm_setr_epi32(static_cast<int>(c.m), static_cast<int>(c.n), static_cast<int>(c.q), static_cast<int>(c.r));
-      }
-      const __m256i mnqr = _mm256_castsi128_si256(costs);
-      const __m256i cost0 = _mm256_permutevar8x32_epi32(mnqr, pickTop0);
-      const __m256i cost1 = _mm256_permutevar8x32_epi32(mnqr, pickTop1);
+      const uint32_t word = (pair & 0xE0E0) == 0 ? COST_TABLE.costs[((pair >> 3) & 0x3E0) | (pair & 0x1F)] : BranchCostsOf(pair);
+      const __m256i costs = _mm256_set1_epi32(static_cast<int>(word));
+      const __m256i cost0 = _mm256_shuffle_epi8(costs, pickTop0);
+      const __m256i cost1 = _mm256_shuffle_epi8(costs, pickTop1);
 
       __m256i a = _mm256_adds_epu8(_mm256_unpackhi_epi8(lo, lo), cost0);
       __m256i b = _mm256_adds_epu8(_mm256_unpackhi_epi8(hi, hi), cost1);
