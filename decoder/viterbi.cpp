@@ -71,30 +71,40 @@ void ViterbiTraceBack(ViterbiTrellis& trellis, int32_t count, uint8_t* output) {
 }
 
 void ViterbiTraceBackFrom(ViterbiTrellis& trellis, int32_t best, int32_t count, uint8_t* output) {
-  // The start state is the position number of the best metric as it stands, without the xor with 15.
-  // The walk keeps the state's position t = s xor 15: the decision of s is then bit t of the step's
-  // four words read as one little-endian 64-bit word, and the predecessor's position is
-  // ((t >> 1) xor 8) with the decision as bit 5. With the word turned left by 5 beforehand, a right
-  // turn by t brings that bit to bit 5 at once, so a step of the walk is three dependent operations.
+  // The walk keeps the state's position t = s xor 15, two steps at a time. The decision of s is bit t
+  // of the step's four words read as one little-endian 64-bit word, and the predecessor's position
+  // is ((t >> 1) xor 8) with that decision x as bit 5. With the word turned left by 5, a right turn by
+  // t brings the bit to bit 5 at once. The decision of the step before is bit ((t >> 1) xor 8) + x of
+  // its word: with the bytes of each 16-bit word swapped (the xor 8) and the word turned left by 5,
+  // a right turn by t >> 1, which does not wait for x, and then by x brings it to bit 5. So two steps
+  // of the walk take five dependent operations.
   uint32_t t = static_cast<uint32_t>(best) ^ 15;
   const uint16_t* history = trellis.decisionHistory;
   int32_t step = VITERBI_TRACEBACK + count - 1;
-  auto back = [history](int32_t at, uint32_t position) -> uint32_t {
-    uint64_t words;
-    std::memcpy(&words, history + 4 * at, sizeof words);
-    const uint64_t turned = std::rotl(words, 5);
-    return ((position >> 1) ^ 8) | (static_cast<uint32_t>(std::rotr(turned, static_cast<int>(position))) & 32);
+  auto back2 = [history](int32_t at, uint32_t position) -> uint32_t {
+    uint64_t newer, older;
+    std::memcpy(&newer, history + 4 * at, sizeof newer);
+    std::memcpy(&older, history + 4 * (at - 1), sizeof older);
+    constexpr uint64_t LOW_BYTES = 0x00FF00FF00FF00FFull;
+    older = std::rotl(((older >> 8) & LOW_BYTES) | ((older & LOW_BYTES) << 8), 5);
+    const uint64_t x = std::rotr(std::rotl(newer, 5), static_cast<int>(position)) & 32;
+    const uint64_t turned = std::rotr(older, static_cast<int>(position >> 1));
+    return ((position >> 2) ^ 12) | static_cast<uint32_t>(x >> 1) | (static_cast<uint32_t>(std::rotr(turned, static_cast<int>(x))) & 32);
   };
-  for (int32_t k = 0; k < VITERBI_TRACEBACK; ++k, --step) t = back(step, t);
+  for (int32_t k = 0; k < VITERBI_TRACEBACK; k += 2, step -= 2) t = back2(step, t);
   const int32_t bytes = count / 8;
   for (int32_t i = 0; i < bytes; ++i) {
-    // The decoded bit is the state's bit 0, the complement of the position's bit 0.
-    uint32_t byte = 0;
-    for (int32_t k = 0; k < 8; ++k, --step) {
-      byte |= (t & 1) << k;
-      t = back(step, t);
-    }
-    output[bytes - 1 - i] = static_cast<uint8_t>(~byte);
+    // The state's bit 0 is the decoded bit, and a state holds the decoded bits of its own step and
+    // of the five before it (the predecessor is the state shifted right): the byte is the state of
+    // its last step and two bits of the state six steps earlier.
+    const uint32_t last = t ^ 15;
+    t = back2(step, t);
+    t = back2(step - 2, t);
+    t = back2(step - 4, t);
+    const uint32_t earlier = t ^ 15;
+    t = back2(step - 6, t);
+    step -= 8;
+    output[bytes - 1 - i] = static_cast<uint8_t>((last & 63) | (earlier & 3) << 6);
   }
   CarryDecisions(trellis, count);
 }
