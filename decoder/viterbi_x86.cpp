@@ -71,6 +71,15 @@ __attribute__((target("sse2"))) inline __m128i Sse2Min16(__m128i v) {
   return v;
 }
 
+// The least of the 64 bytes of a and b in every byte: pairs of bytes into words (the high byte of
+// each word becomes 0), the two lanes into one, then the least of eight words.
+__attribute__((target("avx2"))) inline __m256i Avx2LeastOf(__m256i a, __m256i b) {
+  __m256i both = _mm256_min_epu8(a, b);
+  both = _mm256_min_epu8(both, _mm256_srli_epi16(both, 8));
+  const __m128i words = _mm_min_epu16(_mm256_castsi256_si128(both), _mm256_extracti128_si256(both, 1));
+  return _mm256_broadcastb_epi8(_mm_minpos_epu16(words));
+}
+
 }  // namespace
 
 __attribute__((target("sse2"))) void ViterbiDecodeSse2(ViterbiTrellis& trellis, const uint16_t* pairs, int32_t count,
@@ -194,12 +203,8 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
       // normalisation is known a few cycles earlier.
       const uint32_t above = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_max_epu8(va, normaliseAbove), va)));
       if ((above & 0x10000) != 0) {
-        // The least metric from A and B while the lanes are regrouped: pairs of bytes into words
-        // (the high byte of each word becomes 0), the two lanes into one, then the least of eight words.
-        __m256i both = _mm256_min_epu8(va, vb);
-        both = _mm256_min_epu8(both, _mm256_srli_epi16(both, 8));
-        const __m128i words = _mm_min_epu16(_mm256_castsi256_si128(both), _mm256_extracti128_si256(both, 1));
-        const __m256i sub = _mm256_broadcastb_epi8(_mm_minpos_epu16(words));
+        // The least metric from A and B, while the lanes are regrouped.
+        const __m256i sub = Avx2LeastOf(va, vb);
         newLo = _mm256_subs_epu8(newLo, sub);
         newHi = _mm256_subs_epu8(newHi, sub);
       }
@@ -217,10 +222,7 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
     _mm256_store_si256(reinterpret_cast<__m256i*>(previous + 32), hi);
     trellis.metricBank = static_cast<uint8_t>(bank);
     // The first position of the least newest metric starts the traceback.
-    __m256i least = _mm256_min_epu8(newLo, newHi);
-    least = _mm256_min_epu8(least, _mm256_srli_epi16(least, 8));
-    const __m128i words = _mm_min_epu16(_mm256_castsi256_si128(least), _mm256_extracti128_si256(least, 1));
-    least = _mm256_broadcastb_epi8(_mm_minpos_epu16(words));
+    const __m256i least = Avx2LeastOf(newLo, newHi);
     const uint64_t where = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(newLo, least))) |
                            static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(newHi, least)))) << 32;
     ViterbiTraceBackFrom(trellis, std::countr_zero(where), count, output);
