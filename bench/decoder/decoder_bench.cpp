@@ -155,7 +155,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   }
   void Finalize() override {
     ConsoleReporter::Finalize();
-    for (const char* length : {"2016", "96"}) {
+    for (const char* length : {"2016", "512", "96"}) {
       const std::string scalar = std::string("BM_Viterbi/scalar/") + length;
       if (rates_.count(scalar) == 0) continue;
       std::printf("Viterbi, %s steps per call: scalar %.1f M steps/s", length, rates_[scalar] / 1e6);
