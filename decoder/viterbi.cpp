@@ -78,6 +78,7 @@ void ViterbiTraceBackFrom(ViterbiTrellis& trellis, int32_t best, int32_t count, 
   // its word: with the bytes of each 16-bit word swapped (the xor 8) and the word turned left by 5,
   // a right turn by t >> 1, which does not wait for x, and then by x brings it to bit 5. So two steps
   // of the walk take five dependent operations.
+  // The start state is the position number of the best metric as it stands, without the xor with 15.
   uint32_t t = static_cast<uint32_t>(best) ^ 15;
   const uint16_t* history = trellis.decisionHistory;
   int32_t step = VITERBI_TRACEBACK + count - 1;
@@ -89,7 +90,8 @@ void ViterbiTraceBackFrom(ViterbiTrellis& trellis, int32_t best, int32_t count, 
     older = std::rotl(((older >> 8) & LOW_BYTES) | ((older & LOW_BYTES) << 8), 5);
     const uint64_t x = std::rotr(std::rotl(newer, 5), static_cast<int>(position)) & 32;
     const uint64_t turned = std::rotr(older, static_cast<int>(position >> 1));
-    return ((position >> 2) ^ 12) | static_cast<uint32_t>(x >> 1) | (static_cast<uint32_t>(std::rotr(turned, static_cast<int>(x))) & 32);
+    const uint32_t second = static_cast<uint32_t>(std::rotr(turned, static_cast<int>(x))) & 32;
+    return ((position >> 2) ^ 12) | static_cast<uint32_t>(x >> 1) | second;
   };
   for (int32_t k = 0; k < VITERBI_TRACEBACK; k += 2, step -= 2) t = back2(step, t);
   const int32_t bytes = count / 8;

@@ -201,7 +201,8 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
 
       // Position 32 is byte 16 of A: tested there, before the lanes are regrouped, so that the rare
       // normalisation is known a few cycles earlier.
-      const uint32_t above = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_max_epu8(va, normaliseAbove), va)));
+      const __m256i aboveBytes = _mm256_cmpeq_epi8(_mm256_max_epu8(va, normaliseAbove), va);
+      const uint32_t above = static_cast<uint32_t>(_mm256_movemask_epi8(aboveBytes));
       if ((above & 0x10000) != 0) {
         // The least metric from A and B, while the lanes are regrouped.
         const __m256i sub = Avx2LeastOf(va, vb);
@@ -223,8 +224,9 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
     trellis.metricBank = static_cast<uint8_t>(bank);
     // The first position of the least newest metric starts the traceback.
     const __m256i least = Avx2LeastOf(newLo, newHi);
-    const uint64_t where = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(newLo, least))) |
-                           static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(newHi, least)))) << 32;
+    const uint32_t whereLo = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(newLo, least)));
+    const uint32_t whereHi = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(newHi, least)));
+    const uint64_t where = whereLo | static_cast<uint64_t>(whereHi) << 32;
     ViterbiTraceBackFrom(trellis, std::countr_zero(where), count, output);
     return;
   }
