@@ -29,10 +29,11 @@ void PlaceOnPlane(const float* src, int32_t phase) {
   }
 }
 
-void Convolve(const float* x, const float* bank, float* y) {
+// The spectrum x times the filter's bank, transformed back into y; z holds the product.
+void Convolve(const float* x, const float* bank, float* z, float* y) {
   const int32_t nq = engine.nquarter;
-  for (int32_t i = 0; i < nq; ++i) Store(y, i, Load(x, i) * Load(bank, i));
-  TransformQuarter(y, -1);
+  for (int32_t i = 0; i < nq; ++i) Store(z, i, Load(x, i) * Load(bank, i));
+  TransformQuarter(z, y, -1);
 }
 
 }  // namespace
@@ -48,16 +49,17 @@ void InterpolateChannel() {
   PlaceOnPlane(row + 2 * t.gridOffset, 0);
 
   // The whole row, neighbouring segments included, so the filter has data beyond the segment edges.
+  alignas(64) float w[2 * MAX_QUARTER];
   alignas(64) float x[2 * MAX_QUARTER];
   alignas(64) float y[2 * MAX_QUARTER];
-  std::memcpy(x, row, sizeof(float) * 2 * static_cast<size_t>(n));
-  std::memset(x + 2 * n, 0, sizeof(float) * 2 * static_cast<size_t>(nq - n));
-  TransformQuarter(x, 1);
+  std::memcpy(w, row, sizeof(float) * 2 * static_cast<size_t>(n));
+  std::memset(w + 2 * n, 0, sizeof(float) * 2 * static_cast<size_t>(nq - n));
+  TransformQuarter(w, x, 1);
 
   // 11 is the delay of the 22 taps in row entries.
-  Convolve(x, t.interpBankLow, y);
+  Convolve(x, t.interpBankLow, w, y);
   PlaceOnPlane(y + 2 * (t.gridOffset + 11), 1);
-  Convolve(x, t.interpBankHigh, y);
+  Convolve(x, t.interpBankHigh, w, y);
   PlaceOnPlane(y + 2 * (t.gridOffset + 11), 2);
 }
 
