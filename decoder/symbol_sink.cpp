@@ -63,32 +63,54 @@ void DeinterleaveFrequency() {
 
 namespace {
 
-// One line per delayed carrier, each a ring of its soft bits: a cell of Q bytes per symbol. The soft
-// bits of a carrier go through the delay as the carrier itself would, since demapping works on each
-// carrier alone; a cell is a quarter of a complex value at QPSK, so the store stays in the cache.
-template <int32_t Q>
+// One line per delayed carrier of a group of 96, each a ring of soft bits: a slot per symbol holds
+// the cells of Q bytes of that carrier in every group side by side, since the carrier at the same
+// place in each group has the same delay. The soft bits of a carrier go through the delay as the
+// carrier itself would, since demapping works on each carrier alone; one slot is read and written
+// per carrier place, so a symbol touches 95 places of the store rather than one per carrier.
+template <int32_t Q, int32_t G>
 void DeinterleaveCells(const uint8_t* source, uint8_t* destination) {
-  const int32_t step = 5 * Q * decoder.interleaveDepth;  // line length falls by 5 * I cells per carrier
+  constexpr int32_t SLOT = Q * G;
+  const int32_t step = 5 * SLOT * decoder.interleaveDepth;  // line length falls by 5 * I slots per carrier
   uint8_t* line = decoder.timeDelayStore;
   int32_t* positions = decoder.timeDelayPos;
-  for (int32_t g = 0; g < decoder.interleaveGroups; ++g) {
-    const uint8_t* in = source + g * 96 * Q;
-    uint8_t* out = destination + g * 96 * Q;
-    for (int32_t r = 0; r < 5; ++r) {
-      int32_t length = decoder.timeLineLength[r];
-      for (int32_t k = 0; k < ROW_CARRIERS; ++k) {
-        const int32_t c = ROW_FIRST_CARRIER[r] + k;
-        const int32_t position = *positions;
-        uint8_t cell[Q];
-        std::memcpy(cell, in + Q * c, Q);  // read before the write: source may be destination
-        std::memcpy(out + Q * c, line + position, Q);
-        std::memcpy(line + position, cell, Q);
-        *positions++ = position + Q == length ? 0 : position + Q;
-        line += length;
-        length -= step;
-      }
-      if (r == 0 && in != out) std::memcpy(out + Q * UNDELAYED_CARRIER, in + Q * UNDELAYED_CARRIER, Q);
+  for (int32_t r = 0; r < 5; ++r) {
+    int32_t length = decoder.timeLineLength[r];
+    for (int32_t k = 0; k < ROW_CARRIERS; ++k) {
+      const int32_t c = ROW_FIRST_CARRIER[r] + k;
+      const int32_t position = *positions;
+      uint8_t* slot = line + position;
+      uint8_t held[SLOT];
+      std::memcpy(held, slot, SLOT);
+      // Read before the write: source may be destination.
+      for (int32_t g = 0; g < G; ++g) std::memcpy(slot + Q * g, source + Q * (96 * g + c), Q);
+      for (int32_t g = 0; g < G; ++g) std::memcpy(destination + Q * (96 * g + c), held + Q * g, Q);
+      *positions++ = position + SLOT == length ? 0 : position + SLOT;
+      line += length;
+      length -= step;
     }
+  }
+  if (source != destination) {
+    for (int32_t g = 0; g < G; ++g) {
+      std::memcpy(destination + Q * (96 * g + UNDELAYED_CARRIER), source + Q * (96 * g + UNDELAYED_CARRIER), Q);
+    }
+  }
+}
+
+template <int32_t Q>
+void DeinterleaveGroups(const uint8_t* source, uint8_t* destination) {
+  switch (decoder.interleaveGroups) {
+    case 1:
+      DeinterleaveCells<Q, 1>(source, destination);
+      break;
+    case 2:
+      DeinterleaveCells<Q, 2>(source, destination);
+      break;
+    case 4:
+      DeinterleaveCells<Q, 4>(source, destination);
+      break;
+    default:
+      break;
   }
 }
 
@@ -97,13 +119,13 @@ void DeinterleaveCells(const uint8_t* source, uint8_t* destination) {
 void DeinterleaveTime(const uint8_t* source, uint8_t* destination) {
   switch (engine.bitsPerCarrier) {
     case 2:
-      DeinterleaveCells<2>(source, destination);
+      DeinterleaveGroups<2>(source, destination);
       break;
     case 4:
-      DeinterleaveCells<4>(source, destination);
+      DeinterleaveGroups<4>(source, destination);
       break;
     case 6:
-      DeinterleaveCells<6>(source, destination);
+      DeinterleaveGroups<6>(source, destination);
       break;
     default:
       break;
