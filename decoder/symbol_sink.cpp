@@ -55,10 +55,7 @@ void DeinterleaveFrequency() {
   const float* carriers = engine.equalisedCarriers;
   const int32_t* table = decoder.freqDeintTable;
   float* out = decoder.freqDeint;
-  for (int32_t i = 0; i < ndata; ++i) {
-    out[2 * i] = carriers[2 * table[i]];
-    out[2 * i + 1] = carriers[2 * table[i] + 1];
-  }
+  for (int32_t i = 0; i < ndata; ++i) std::memcpy(out + 2 * i, carriers + 2 * table[i], 2 * sizeof(float));
 }
 
 namespace {
@@ -167,70 +164,112 @@ void DemapSoft(const float* source) {
   }
 }
 
-void DeinterleaveBits() {
+namespace {
+
+// Bit position j of every carrier through its delay line of delays[j] carriers, BITS soft bits per
+// carrier.
+template <int32_t BITS>
+void DeinterleaveBitsOf(const int32_t* delays, uint8_t* const* lines) {
   const int32_t ndata = engine.ndata;
-  const int32_t bits = engine.bitsPerCarrier;
-  const int32_t* delays;
+  const uint8_t* soft = decoder.softBits;
+  uint8_t* out = decoder.bitStream;
+  for (int32_t j = 0; j < BITS; ++j) {
+    const int32_t d = delays[j];
+    uint8_t* line = lines[j];
+    if (d == 0) {
+      for (int32_t n = 0; n < ndata; ++n) out[BITS * n + j] = soft[BITS * n + j];
+    } else if (d > ndata) {
+      // Longer than a symbol (120 carriers in Mode 1): the line is a FIFO that moves down by a symbol.
+      for (int32_t n = 0; n < ndata; ++n) out[BITS * n + j] = line[n];
+      std::memmove(line, line + ndata, static_cast<size_t>(d - ndata));
+      for (int32_t n = 0; n < ndata; ++n) line[d - ndata + n] = soft[BITS * n + j];
+    } else {
+      for (int32_t n = 0; n < d; ++n) out[BITS * n + j] = line[n];
+      for (int32_t n = d; n < ndata; ++n) out[BITS * n + j] = soft[BITS * (n - d) + j];
+      for (int32_t n = 0; n < d; ++n) line[n] = soft[BITS * (ndata - d + n) + j];
+    }
+  }
+}
+
+}  // namespace
+
+void DeinterleaveBits() {
   uint8_t* lines[6] = {};
-  switch (bits) {
+  switch (engine.bitsPerCarrier) {
     case 2:
-      delays = BIT_DELAYS_QPSK;
       lines[0] = decoder.bitDelay120;
+      DeinterleaveBitsOf<2>(BIT_DELAYS_QPSK, lines);
       break;
     case 4:
-      delays = BIT_DELAYS_QAM16;
       lines[0] = decoder.bitDelay120;
       lines[1] = decoder.bitDelay80;
       lines[2] = decoder.bitDelay40;
+      DeinterleaveBitsOf<4>(BIT_DELAYS_QAM16, lines);
       break;
     case 6:
-      delays = BIT_DELAYS_QAM64;
       lines[0] = decoder.bitDelay120;
       lines[1] = decoder.bitDelay96;
       lines[2] = decoder.bitDelay72;
       lines[3] = decoder.bitDelay48;
       lines[4] = decoder.bitDelay24;
+      DeinterleaveBitsOf<6>(BIT_DELAYS_QAM64, lines);
       break;
     default:
-      return;
-  }
-  const uint8_t* soft = decoder.softBits;
-  uint8_t* out = decoder.bitStream;
-  for (int32_t j = 0; j < bits; ++j) {
-    const int32_t d = delays[j];
-    uint8_t* line = lines[j];
-    if (d == 0) {
-      for (int32_t n = 0; n < ndata; ++n) out[bits * n + j] = soft[bits * n + j];
-    } else if (d > ndata) {
-      // Longer than a symbol (120 carriers in Mode 1): the line is a FIFO that moves down by a symbol.
-      for (int32_t n = 0; n < ndata; ++n) out[bits * n + j] = line[n];
-      std::memmove(line, line + ndata, static_cast<size_t>(d - ndata));
-      for (int32_t n = 0; n < ndata; ++n) line[d - ndata + n] = soft[bits * n + j];
-    } else {
-      for (int32_t n = 0; n < d; ++n) out[bits * n + j] = line[n];
-      for (int32_t n = d; n < ndata; ++n) out[bits * n + j] = soft[bits * (n - d) + j];
-      for (int32_t n = 0; n < d; ++n) line[n] = soft[bits * (ndata - d + n) + j];
-    }
+      break;
   }
 }
+
+namespace {
+
+// The soft bits of a puncturing period laid out on the full period with the neutral value in the
+// punctured places, packed by pairs (X high, Y low) straight away.
+template <int32_t RATE>
+void DepunctureGroups(const uint8_t* bits, uint16_t* pairs, int32_t groups) {
+  constexpr PunctureShape SHAPE = PUNCTURE_SHAPES[RATE];
+  for (int32_t g = 0; g < groups; ++g) {
+    uint8_t group[SHAPE.outputBits];
+    for (uint8_t& v : group) v = NEUTRAL_SOFT_BIT;
+    for (int32_t k = 0; k < SHAPE.inputBits; ++k) group[SHAPE.places[k]] = bits[k];
+    for (int32_t p = 0; p < SHAPE.outputBits / 2; ++p) {
+      pairs[p] = static_cast<uint16_t>(group[2 * p] << 8 | group[2 * p + 1]);
+    }
+    bits += SHAPE.inputBits;
+    pairs += SHAPE.outputBits / 2;
+  }
+}
+
+}  // namespace
 
 const uint16_t* DepunctureAndPack() {
   const int32_t codeRate = engine.layerParams->codeRate;
   const int32_t length = decoder.depuncturedLength;
   const uint8_t* bits = decoder.bitStream;
-  if (codeRate != 0) {
-    const PunctureShape& shape = PUNCTURE_SHAPES[codeRate];
-    uint8_t* out = decoder.depunctured;
-    std::memset(out, NEUTRAL_SOFT_BIT, static_cast<size_t>(length));
-    for (int32_t g = 0; g < decoder.punctureGroups; ++g) {
-      const uint8_t* in = bits + g * shape.inputBits;
-      uint8_t* group = out + g * shape.outputBits;
-      for (int32_t k = 0; k < shape.inputBits; ++k) group[shape.places[k]] = in[k];
-    }
-    bits = out;
-  }
   uint16_t* pairs = decoder.softPairs;
-  for (int32_t i = 0; i < length / 2; ++i) pairs[i] = static_cast<uint16_t>(bits[2 * i] << 8 | bits[2 * i + 1]);
+  int32_t packed = 0;
+  if (codeRate != 0) {
+    const int32_t groups = decoder.punctureGroups;
+    switch (codeRate) {
+      case 1:
+        DepunctureGroups<1>(bits, pairs, groups);
+        break;
+      case 2:
+        DepunctureGroups<2>(bits, pairs, groups);
+        break;
+      case 3:
+        DepunctureGroups<3>(bits, pairs, groups);
+        break;
+      case 4:
+        DepunctureGroups<4>(bits, pairs, groups);
+        break;
+      default:
+        break;
+    }
+    packed = codeRate <= 4 ? groups * PUNCTURE_SHAPES[codeRate].outputBits / 2 : 0;
+    // Anything past the last whole period holds the neutral value.
+    for (int32_t i = packed; i < length / 2; ++i) pairs[i] = NEUTRAL_SOFT_BIT << 8 | NEUTRAL_SOFT_BIT;
+  } else {
+    for (int32_t i = 0; i < length / 2; ++i) pairs[i] = static_cast<uint16_t>(bits[2 * i] << 8 | bits[2 * i + 1]);
+  }
   return pairs;
 }
 
