@@ -88,34 +88,33 @@ void EqualiseCarriers() {
     gIm[i] = him[c];
   }
 
-  // Per carrier: r * conj(h) / |h|^2, the channel power, and the decision error power |r - d h|^2.
+  // Per carrier: r * conj(h) / |h|^2, the channel power, and the decision error power |r - d h|^2;
+  // their sums in carrier order, as the symbol's quality has always been added up.
   float* __restrict eq = out;
   float* __restrict power = t.carrierPower;
+  float sums[2] = {0.0f, 0.0f};
   if (bits == 2) {
-    EqualiseQpskWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k});
+    EqualiseQpskWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k, 2, sums});
   } else {
-    EqualiseQamWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k, bits});
+    EqualiseQamWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k, bits, sums});
   }
-  // The sums in carrier order, as the symbol's quality has always been added up.
-  float powerSum = 0.0f;
-  float noiseSum = 0.0f;
-  for (int32_t i = 0; i < k; ++i) {
-    powerSum += power[i];
-    noiseSum += noise[i];
-  }
+  const float powerSum = sums[0];
+  const float noiseSum = sums[1];
 
   if (bits == 2) {
     if (engine.qpskSoftTarget > 0.0f) {
       // A weak carrier counts less: R * conj(H) scaled by the noise.
       t.noiseAvg = 0.5f * t.noiseAvg + 0.5f * (noiseSum / static_cast<float>(engine.ndata));
       const float ratio = engine.qpskSoftTarget / t.noiseAvg;
+      float* __restrict weight = t.softWeight;
       for (int32_t i = 0; i < k; ++i) {
-        t.softWeight[i] = t.carrierPower[i] * ratio;
-        out[2 * i] *= t.softWeight[i];
-        out[2 * i + 1] *= t.softWeight[i];
+        const float w = power[i] * ratio;
+        weight[i] = w;
+        eq[2 * i] *= w;
+        eq[2 * i + 1] *= w;
       }
     } else {
-      for (int32_t i = 0; i < 2 * k; ++i) out[i] *= 8.0f;
+      for (int32_t i = 0; i < 2 * k; ++i) eq[i] *= 8.0f;
     }
   }
 

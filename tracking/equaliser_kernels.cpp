@@ -14,6 +14,8 @@ constexpr float QPSK_LEVEL = 0.707107f;
 // (QPSK by selection, the QAM levels by the slicer).
 template <bool Qam>
 __attribute__((optimize("no-tree-vectorize"))) void EqualiseScalar(const EqualiserRows& rows) {
+  float powerSum = rows.sums != nullptr ? rows.sums[0] : 0.0f;
+  float noiseSum = rows.sums != nullptr ? rows.sums[1] : 0.0f;
   for (int32_t i = 0; i < rows.count; ++i) {
     const float gr = rows.gRe[i], gi = rows.gIm[i], rr = rows.rRe[i], ri = rows.rIm[i];
     const float p = gr * gr + gi * gi;
@@ -26,7 +28,14 @@ __attribute__((optimize("no-tree-vectorize"))) void EqualiseScalar(const Equalis
                      : Cx{ere <= 0.0f ? -QPSK_LEVEL : QPSK_LEVEL, eim <= 0.0f ? -QPSK_LEVEL : QPSK_LEVEL};
     const float nre = rr - (d.re * gr - d.im * gi);
     const float nim = ri - (d.re * gi + d.im * gr);
-    rows.noise[i] = nre * nre + nim * nim;
+    const float n = nre * nre + nim * nim;
+    rows.noise[i] = n;
+    powerSum += p;
+    noiseSum += n;
+  }
+  if (rows.sums != nullptr) {
+    rows.sums[0] = powerSum;
+    rows.sums[1] = noiseSum;
   }
 }
 

@@ -2,7 +2,9 @@
 // The equaliser's arithmetic over the data carriers of a symbol gathered side by side with their
 // channel: r * conj(h) / |h|^2, the channel power |h|^2, and the power of the decision error
 // |r - d h|^2, for QPSK and for 16QAM and 64QAM. Element by element, so every variant gives the
-// scalar reference's values bit for bit.
+// scalar reference's values bit for bit; the sums of the powers and of the errors are added in
+// carrier order as each carrier is done, so the additions overlap with the arithmetic of the next
+// carriers instead of forming a chain of their own afterwards.
 #include <cstdint>
 
 #include "numeric/vector_isa.h"
@@ -19,6 +21,7 @@ struct EqualiserRows {
   float* noise;
   int32_t count;
   int32_t bitsPerCarrier = 2;  // 4 or 6 for the QAM kernel; the QPSK kernel ignores it
+  float* sums = nullptr;       // when given: power and error sums, added to in carrier order
 };
 
 void EqualiseQpskScalar(const EqualiserRows& rows);

@@ -17,7 +17,28 @@ constexpr float QPSK_LEVEL = 0.707107f;
 
 EqualiserRows Tail(const EqualiserRows& rows, int32_t from) {
   return {rows.rRe + from, rows.rIm + from, rows.gRe + from, rows.gIm + from,
-          rows.eq + 2 * from, rows.power + from, rows.noise + from, rows.count - from, rows.bitsPerCarrier};
+          rows.eq + 2 * from, rows.power + from, rows.noise + from, rows.count - from, rows.bitsPerCarrier,
+          rows.sums};
+}
+
+// The sums of the powers and errors of the carriers from..from+width-1 just stored, in carrier order.
+template <int32_t WIDTH>
+inline void AddInOrder(const EqualiserRows& rows, int32_t from, float& powerSum, float& noiseSum) {
+  for (int32_t l = 0; l < WIDTH; ++l) {
+    powerSum += rows.power[from + l];
+    noiseSum += rows.noise[from + l];
+  }
+}
+
+inline void SumsFrom(const EqualiserRows& rows, float& powerSum, float& noiseSum) {
+  powerSum = rows.sums != nullptr ? rows.sums[0] : 0.0f;
+  noiseSum = rows.sums != nullptr ? rows.sums[1] : 0.0f;
+}
+
+inline void SumsTo(const EqualiserRows& rows, float powerSum, float noiseSum) {
+  if (rows.sums == nullptr) return;
+  rows.sums[0] = powerSum;
+  rows.sums[1] = noiseSum;
 }
 
 // The levels and boundaries of slicers.h: levels from the top down; the value takes level k + 1
@@ -49,6 +70,8 @@ __attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& rows)
   const __m128 zero = _mm_setzero_ps();
   const __m128 plus = _mm_set1_ps(QPSK_LEVEL);
   const __m128 minus = _mm_set1_ps(-QPSK_LEVEL);
+  float powerSum, noiseSum;
+  SumsFrom(rows, powerSum, noiseSum);
   int32_t i = 0;
   for (; i + 4 <= rows.count; i += 4) {
     const __m128 gr = _mm_loadu_ps(rows.gRe + i), gi = _mm_loadu_ps(rows.gIm + i);
@@ -65,7 +88,9 @@ __attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& rows)
     const __m128 nre = _mm_sub_ps(rr, _mm_sub_ps(_mm_mul_ps(dre, gr), _mm_mul_ps(dim, gi)));
     const __m128 nim = _mm_sub_ps(ri, _mm_add_ps(_mm_mul_ps(dre, gi), _mm_mul_ps(dim, gr)));
     _mm_storeu_ps(rows.noise + i, _mm_add_ps(_mm_mul_ps(nre, nre), _mm_mul_ps(nim, nim)));
+    AddInOrder<4>(rows, i, powerSum, noiseSum);
   }
+  SumsTo(rows, powerSum, noiseSum);
   EqualiseQpskScalar(Tail(rows, i));
 }
 
@@ -77,6 +102,8 @@ __attribute__((target("avx2"))) void EqualiseAvx2(const EqualiserRows& rows) {
   const __m256 minus = _mm256_set1_ps(-QPSK_LEVEL);
   const QamDecision& real = rows.bitsPerCarrier == 6 ? QAM64 : QAM16_REAL;
   const QamDecision& imag = rows.bitsPerCarrier == 6 ? QAM64 : QAM16_IMAG;
+  float powerSum, noiseSum;
+  SumsFrom(rows, powerSum, noiseSum);
   int32_t i = 0;
   for (; i + 8 <= rows.count; i += 8) {
     const __m256 gr = _mm256_loadu_ps(rows.gRe + i), gi = _mm256_loadu_ps(rows.gIm + i);
@@ -100,7 +127,9 @@ __attribute__((target("avx2"))) void EqualiseAvx2(const EqualiserRows& rows) {
     const __m256 nre = _mm256_sub_ps(rr, _mm256_sub_ps(_mm256_mul_ps(dre, gr), _mm256_mul_ps(dim, gi)));
     const __m256 nim = _mm256_sub_ps(ri, _mm256_add_ps(_mm256_mul_ps(dre, gi), _mm256_mul_ps(dim, gr)));
     _mm256_storeu_ps(rows.noise + i, _mm256_add_ps(_mm256_mul_ps(nre, nre), _mm256_mul_ps(nim, nim)));
+    AddInOrder<8>(rows, i, powerSum, noiseSum);
   }
+  SumsTo(rows, powerSum, noiseSum);
   if constexpr (Qam) {
     EqualiseQamScalar(Tail(rows, i));
   } else {

@@ -68,9 +68,10 @@ void BM_Equaliser(benchmark::State& state, VectorIsa isa) {
   if (Skip(state, isa)) return;
   const std::vector<float> r = Values(2 * DATA_CARRIERS, 4), g = Values(2 * DATA_CARRIERS, 5);
   std::vector<float> eq(2 * DATA_CARRIERS), power(DATA_CARRIERS), noise(DATA_CARRIERS);
+  float sums[2] = {};
   for (auto _ : state) {
     EqualiseQpskWith(isa, {r.data(), r.data() + DATA_CARRIERS, g.data(), g.data() + DATA_CARRIERS, eq.data(),
-                           power.data(), noise.data(), DATA_CARRIERS});
+                           power.data(), noise.data(), DATA_CARRIERS, 2, sums});
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);
@@ -80,9 +81,10 @@ void BM_QamEqualiser(benchmark::State& state, VectorIsa isa) {  // 64QAM: the lo
   if (Skip(state, isa)) return;
   const std::vector<float> r = Values(2 * DATA_CARRIERS, 4), g = Values(2 * DATA_CARRIERS, 5);
   std::vector<float> eq(2 * DATA_CARRIERS), power(DATA_CARRIERS), noise(DATA_CARRIERS);
+  float sums[2] = {};
   for (auto _ : state) {
     EqualiseQamWith(isa, {r.data(), r.data() + DATA_CARRIERS, g.data(), g.data() + DATA_CARRIERS, eq.data(),
-                          power.data(), noise.data(), DATA_CARRIERS, 6});
+                          power.data(), noise.data(), DATA_CARRIERS, 6, sums});
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);

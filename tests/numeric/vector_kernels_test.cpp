@@ -103,12 +103,15 @@ std::string CompareEqualiser(VectorIsa isa, Random& random, int trial, int32_t b
   std::vector<float> eqReference(2 * size + 8, 5.0f), powerReference(size + 8, 5.0f), noiseReference(size + 8, 5.0f);
   std::vector<float> eqVector = eqReference, powerVector = powerReference, noiseVector = noiseReference;
   const auto equalise = bits == 2 ? EqualiseQpskWith : EqualiseQamWith;
+  std::vector<float> sumsReference = {0.5f, -2.0f}, sumsVector = sumsReference;  // added to, in carrier order
   equalise(VectorIsa::SCALAR, {rRe.data() + offset, rIm.data() + offset, gRe.data() + offset, gIm.data() + offset,
                                eqReference.data() + 2 * offset, powerReference.data() + offset,
-                               noiseReference.data() + offset, count, bits});
+                               noiseReference.data() + offset, count, bits, sumsReference.data()});
   equalise(isa, {rRe.data() + offset, rIm.data() + offset, gRe.data() + offset, gIm.data() + offset,
-                 eqVector.data() + 2 * offset, powerVector.data() + offset, noiseVector.data() + offset, count, bits});
-  const bool same = SameBits(eqReference, eqVector) && SameBits(powerReference, powerVector) && SameBits(noiseReference, noiseVector);
+                 eqVector.data() + 2 * offset, powerVector.data() + offset, noiseVector.data() + offset, count, bits,
+                 sumsVector.data()});
+  const bool same = SameBits(eqReference, eqVector) && SameBits(powerReference, powerVector) &&
+                    SameBits(noiseReference, noiseVector) && SameBits(sumsReference, sumsVector);
   return same ? "" : "count " + std::to_string(count);
 }
 
