@@ -3,6 +3,7 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 #include "decoder/decoder_stages.h"
 #include "decoder/decoder_state.h"
@@ -169,7 +170,7 @@ namespace {
 // Bit position j of every carrier through its delay line of delays[j] carriers, BITS soft bits per
 // carrier.
 template <int32_t BITS>
-void DeinterleaveBitsOf(const int32_t* delays, uint8_t* const* lines) {
+void DeinterleaveBitsByPosition(const int32_t* delays, uint8_t* const* lines) {
   const int32_t ndata = engine.ndata;
   const uint8_t* soft = decoder.softBits;
   uint8_t* out = decoder.bitStream;
@@ -189,6 +190,53 @@ void DeinterleaveBitsOf(const int32_t* delays, uint8_t* const* lines) {
       for (int32_t n = 0; n < d; ++n) line[n] = soft[BITS * (ndata - d + n) + j];
     }
   }
+}
+
+// The same for 2 or 4 bits per carrier with every line within a symbol: past the longest delay
+// (delays[0]) each carrier's bits come from the soft bits alone, a whole carrier at a time as one
+// word, bit j by the mask of its byte from the carrier delays[j] places back.
+template <int32_t BITS, class Word>
+void DeinterleaveBitsByCarrier(const int32_t* delays, uint8_t* const* lines) {
+  static_assert(sizeof(Word) == BITS);
+  const int32_t ndata = engine.ndata;
+  const int32_t longest = delays[0];
+  const uint8_t* soft = decoder.softBits;
+  uint8_t* out = decoder.bitStream;
+  constexpr bool LITTLE = std::endian::native == std::endian::little;
+  Word masks[BITS];
+  for (int32_t j = 0; j < BITS; ++j) {
+    masks[j] = static_cast<Word>(Word{0xFF} << (8 * (LITTLE ? j : BITS - 1 - j)));
+  }
+  for (int32_t j = 0; j < BITS; ++j) {
+    const int32_t d = delays[j];
+    for (int32_t n = 0; n < d; ++n) out[BITS * n + j] = lines[j][n];
+    for (int32_t n = d; n < longest; ++n) out[BITS * n + j] = soft[BITS * (n - d) + j];
+  }
+  for (int32_t n = longest; n < ndata; ++n) {
+    Word word = 0;
+    for (int32_t j = 0; j < BITS; ++j) {
+      Word from;
+      std::memcpy(&from, soft + BITS * (n - delays[j]), BITS);
+      word = static_cast<Word>(word | (from & masks[j]));
+    }
+    std::memcpy(out + BITS * n, &word, BITS);
+  }
+  for (int32_t j = 0; j < BITS; ++j) {
+    const int32_t d = delays[j];
+    for (int32_t n = 0; n < d; ++n) lines[j][n] = soft[BITS * (ndata - d + n) + j];
+  }
+}
+
+template <int32_t BITS>
+void DeinterleaveBitsOf(const int32_t* delays, uint8_t* const* lines) {
+  if constexpr (BITS == 2 || BITS == 4) {
+    using Word = std::conditional_t<BITS == 2, uint16_t, uint32_t>;
+    if (delays[0] <= engine.ndata) {
+      DeinterleaveBitsByCarrier<BITS, Word>(delays, lines);
+      return;
+    }
+  }
+  DeinterleaveBitsByPosition<BITS>(delays, lines);
 }
 
 }  // namespace
