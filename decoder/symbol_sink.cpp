@@ -7,6 +7,7 @@
 
 #include "decoder/decoder_stages.h"
 #include "decoder/decoder_state.h"
+#include "decoder/demap_kernels.h"
 #include "decoder/viterbi.h"
 #include "shell/device_state.h"
 #include "shell/diagnostics.h"
@@ -151,8 +152,8 @@ void DemapRow(const float* source, uint8_t* soft, int32_t ndata) {
 
 void DemapSoft(const float* source) {
   switch (engine.bitsPerCarrier) {
-    case 2:
-      DemapRow<2>(source, decoder.softBits, engine.ndata);
+    case 2:  // each of re and im gives its soft bit alone
+      DemapQpskWith(ActiveVectorIsa(), source, decoder.softBits, 2 * engine.ndata);
       break;
     case 4:
       DemapRow<4>(source, decoder.softBits, engine.ndata);

@@ -135,9 +135,11 @@ DftStatus DftiComputeForward(DftPlan plan, float* data) { return Compute(plan, d
 
 DftStatus DftiComputeBackward(DftPlan plan, float* data) { return Compute(plan, data, false); }
 
-DftStatus DftiComputeForward(DftPlan plan, const float* in, float* out) { return ComputeRowToRow(plan, in, out, true); }
+DftStatus DftiComputeForwardOutOfPlace(DftPlan plan, const float* in, float* out) {
+  return ComputeRowToRow(plan, in, out, true);
+}
 
-DftStatus DftiComputeBackward(DftPlan plan, const float* in, float* out) {
+DftStatus DftiComputeBackwardOutOfPlace(DftPlan plan, const float* in, float* out) {
   return ComputeRowToRow(plan, in, out, false);
 }
 
@@ -165,8 +167,8 @@ int32_t Transform(DftPlan plan, float* data, int32_t direction) {
 int32_t TransformQuarter(float* data, int32_t direction) { return Transform(engine.quarterPlan, data, direction); }
 
 int32_t TransformQuarter(const float* in, float* out, int32_t direction) {
-  const DftStatus status = direction == -1 ? DftiComputeForward(engine.quarterPlan, in, out)
-                                           : DftiComputeBackward(engine.quarterPlan, in, out);
+  const DftStatus status = direction == -1 ? DftiComputeForwardOutOfPlace(engine.quarterPlan, in, out)
+                                           : DftiComputeBackwardOutOfPlace(engine.quarterPlan, in, out);
   return DftiErrorClass(status, DFTI_NO_ERROR) ? 1 : 0;
 }
 

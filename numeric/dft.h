@@ -33,8 +33,8 @@ DftStatus DftiComputeForward(DftPlan plan, float* data);
 DftStatus DftiComputeBackward(DftPlan plan, float* data);
 // The same from the row `in` into the row `out`, `in` left as it was. Rows that overlap or are not
 // aligned go through a copy into `out` and the transform in place.
-DftStatus DftiComputeForward(DftPlan plan, const float* in, float* out);
-DftStatus DftiComputeBackward(DftPlan plan, const float* in, float* out);
+DftStatus DftiComputeForwardOutOfPlace(DftPlan plan, const float* in, float* out);
+DftStatus DftiComputeBackwardOutOfPlace(DftPlan plan, const float* in, float* out);
 // Releases the descriptor and nulls the handle. A null handle gives DFTI_BAD_DESCRIPTOR.
 DftStatus DftiFreeDescriptor(DftPlan* plan);
 // Non-zero when `status` belongs to `errorClass`; only DFTI_NO_ERROR is a class here.
