@@ -89,7 +89,7 @@ void EqualiseCarriers() {
   }
 
   // Per carrier: r * conj(h) / |h|^2, the channel power, and the decision error power |r - d h|^2;
-  // their sums in carrier order, as the symbol's quality has always been added up.
+  // their sums by the kernels' eight lanes (equaliser_kernels.h).
   float* __restrict eq = out;
   float* __restrict power = t.carrierPower;
   float sums[2] = {0.0f, 0.0f};
