@@ -36,7 +36,9 @@ int32_t SetUpTimeDeinterleaver() {
   decoder.interleaveDepth = INTERLEAVE_DEPTH[engine.layerParams->interleave][column];
   if (decoder.interleaveDepth != 0) {
     const int32_t q = engine.bitsPerCarrier;
-    for (int32_t r = 0; r < 5; ++r) decoder.timeLineLength[r] = FIRST_LINE_SYMBOLS[r] * decoder.interleaveDepth * q;
+    // A line's slot holds the carrier's cells of every group.
+    const int32_t slot = q * decoder.interleaveGroups;
+    for (int32_t r = 0; r < 5; ++r) decoder.timeLineLength[r] = FIRST_LINE_SYMBOLS[r] * decoder.interleaveDepth * slot;
     std::memset(decoder.timeDelayPos, 0, sizeof(int32_t) * static_cast<size_t>(engine.ndata));
     const int32_t cells = decoder.interleaveDepth * TIME_STORE_CELLS_PER_UNIT * decoder.interleaveGroups;
     decoder.timeDelayStore = ArenaTakeBytes(cells * q);

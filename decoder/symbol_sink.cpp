@@ -3,9 +3,11 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 #include "decoder/decoder_stages.h"
 #include "decoder/decoder_state.h"
+#include "decoder/demap_kernels.h"
 #include "decoder/viterbi.h"
 #include "shell/device_state.h"
 #include "shell/diagnostics.h"
@@ -55,40 +57,59 @@ void DeinterleaveFrequency() {
   const float* carriers = engine.equalisedCarriers;
   const int32_t* table = decoder.freqDeintTable;
   float* out = decoder.freqDeint;
-  for (int32_t i = 0; i < ndata; ++i) {
-    out[2 * i] = carriers[2 * table[i]];
-    out[2 * i + 1] = carriers[2 * table[i] + 1];
-  }
+  for (int32_t i = 0; i < ndata; ++i) std::memcpy(out + 2 * i, carriers + 2 * table[i], 2 * sizeof(float));
 }
 
 namespace {
 
-// One line per delayed carrier, each a ring of its soft bits: a cell of Q bytes per symbol. The soft
-// bits of a carrier go through the delay as the carrier itself would, since demapping works on each
-// carrier alone; a cell is a quarter of a complex value at QPSK, so the store stays in the cache.
-template <int32_t Q>
+// One line per delayed carrier of a group of 96, each a ring of soft bits: a slot per symbol holds
+// the cells of Q bytes of that carrier in every group side by side, since the carrier at the same
+// place in each group has the same delay. The soft bits of a carrier go through the delay as the
+// carrier itself would, since demapping works on each carrier alone; one slot is read and written
+// per carrier place, so a symbol touches 95 places of the store rather than one per carrier.
+template <int32_t Q, int32_t G>
 void DeinterleaveCells(const uint8_t* source, uint8_t* destination) {
-  const int32_t step = 5 * Q * decoder.interleaveDepth;  // line length falls by 5 * I cells per carrier
+  constexpr int32_t SLOT = Q * G;
+  const int32_t step = 5 * SLOT * decoder.interleaveDepth;  // line length falls by 5 * I slots per carrier
   uint8_t* line = decoder.timeDelayStore;
   int32_t* positions = decoder.timeDelayPos;
-  for (int32_t g = 0; g < decoder.interleaveGroups; ++g) {
-    const uint8_t* in = source + g * 96 * Q;
-    uint8_t* out = destination + g * 96 * Q;
-    for (int32_t r = 0; r < 5; ++r) {
-      int32_t length = decoder.timeLineLength[r];
-      for (int32_t k = 0; k < ROW_CARRIERS; ++k) {
-        const int32_t c = ROW_FIRST_CARRIER[r] + k;
-        const int32_t position = *positions;
-        uint8_t cell[Q];
-        std::memcpy(cell, in + Q * c, Q);  // read before the write: source may be destination
-        std::memcpy(out + Q * c, line + position, Q);
-        std::memcpy(line + position, cell, Q);
-        *positions++ = position + Q == length ? 0 : position + Q;
-        line += length;
-        length -= step;
-      }
-      if (r == 0 && in != out) std::memcpy(out + Q * UNDELAYED_CARRIER, in + Q * UNDELAYED_CARRIER, Q);
+  for (int32_t r = 0; r < 5; ++r) {
+    int32_t length = decoder.timeLineLength[r];
+    for (int32_t k = 0; k < ROW_CARRIERS; ++k) {
+      const int32_t c = ROW_FIRST_CARRIER[r] + k;
+      const int32_t position = *positions;
+      uint8_t* slot = line + position;
+      uint8_t held[SLOT];
+      std::memcpy(held, slot, SLOT);
+      // Read before the write: source may be destination.
+      for (int32_t g = 0; g < G; ++g) std::memcpy(slot + Q * g, source + Q * (96 * g + c), Q);
+      for (int32_t g = 0; g < G; ++g) std::memcpy(destination + Q * (96 * g + c), held + Q * g, Q);
+      *positions++ = position + SLOT == length ? 0 : position + SLOT;
+      line += length;
+      length -= step;
     }
+  }
+  if (source != destination) {
+    for (int32_t g = 0; g < G; ++g) {
+      std::memcpy(destination + Q * (96 * g + UNDELAYED_CARRIER), source + Q * (96 * g + UNDELAYED_CARRIER), Q);
+    }
+  }
+}
+
+template <int32_t Q>
+void DeinterleaveGroups(const uint8_t* source, uint8_t* destination) {
+  switch (decoder.interleaveGroups) {
+    case 1:
+      DeinterleaveCells<Q, 1>(source, destination);
+      break;
+    case 2:
+      DeinterleaveCells<Q, 2>(source, destination);
+      break;
+    case 4:
+      DeinterleaveCells<Q, 4>(source, destination);
+      break;
+    default:
+      break;
   }
 }
 
@@ -97,13 +118,13 @@ void DeinterleaveCells(const uint8_t* source, uint8_t* destination) {
 void DeinterleaveTime(const uint8_t* source, uint8_t* destination) {
   switch (engine.bitsPerCarrier) {
     case 2:
-      DeinterleaveCells<2>(source, destination);
+      DeinterleaveGroups<2>(source, destination);
       break;
     case 4:
-      DeinterleaveCells<4>(source, destination);
+      DeinterleaveGroups<4>(source, destination);
       break;
     case 6:
-      DeinterleaveCells<6>(source, destination);
+      DeinterleaveGroups<6>(source, destination);
       break;
     default:
       break;
@@ -131,8 +152,8 @@ void DemapRow(const float* source, uint8_t* soft, int32_t ndata) {
 
 void DemapSoft(const float* source) {
   switch (engine.bitsPerCarrier) {
-    case 2:
-      DemapRow<2>(source, decoder.softBits, engine.ndata);
+    case 2:  // each of re and im gives its soft bit alone
+      DemapQpskWith(ActiveVectorIsa(), source, decoder.softBits, 2 * engine.ndata);
       break;
     case 4:
       DemapRow<4>(source, decoder.softBits, engine.ndata);
@@ -145,70 +166,159 @@ void DemapSoft(const float* source) {
   }
 }
 
-void DeinterleaveBits() {
+namespace {
+
+// Bit position j of every carrier through its delay line of delays[j] carriers, BITS soft bits per
+// carrier.
+template <int32_t BITS>
+void DeinterleaveBitsByPosition(const int32_t* delays, uint8_t* const* lines) {
   const int32_t ndata = engine.ndata;
-  const int32_t bits = engine.bitsPerCarrier;
-  const int32_t* delays;
+  const uint8_t* soft = decoder.softBits;
+  uint8_t* out = decoder.bitStream;
+  for (int32_t j = 0; j < BITS; ++j) {
+    const int32_t d = delays[j];
+    uint8_t* line = lines[j];
+    if (d == 0) {
+      for (int32_t n = 0; n < ndata; ++n) out[BITS * n + j] = soft[BITS * n + j];
+    } else if (d > ndata) {
+      // Longer than a symbol (120 carriers in Mode 1): the line is a FIFO that moves down by a symbol.
+      for (int32_t n = 0; n < ndata; ++n) out[BITS * n + j] = line[n];
+      std::memmove(line, line + ndata, static_cast<size_t>(d - ndata));
+      for (int32_t n = 0; n < ndata; ++n) line[d - ndata + n] = soft[BITS * n + j];
+    } else {
+      for (int32_t n = 0; n < d; ++n) out[BITS * n + j] = line[n];
+      for (int32_t n = d; n < ndata; ++n) out[BITS * n + j] = soft[BITS * (n - d) + j];
+      for (int32_t n = 0; n < d; ++n) line[n] = soft[BITS * (ndata - d + n) + j];
+    }
+  }
+}
+
+// The same for 2 or 4 bits per carrier with every line within a symbol: past the longest delay
+// (delays[0]) each carrier's bits come from the soft bits alone, a whole carrier at a time as one
+// word, bit j by the mask of its byte from the carrier delays[j] places back.
+template <int32_t BITS, class Word>
+void DeinterleaveBitsByCarrier(const int32_t* delays, uint8_t* const* lines) {
+  static_assert(sizeof(Word) == BITS);
+  const int32_t ndata = engine.ndata;
+  const int32_t longest = delays[0];
+  const uint8_t* soft = decoder.softBits;
+  uint8_t* out = decoder.bitStream;
+  constexpr bool LITTLE = std::endian::native == std::endian::little;
+  Word masks[BITS];
+  for (int32_t j = 0; j < BITS; ++j) {
+    masks[j] = static_cast<Word>(Word{0xFF} << (8 * (LITTLE ? j : BITS - 1 - j)));
+  }
+  for (int32_t j = 0; j < BITS; ++j) {
+    const int32_t d = delays[j];
+    for (int32_t n = 0; n < d; ++n) out[BITS * n + j] = lines[j][n];
+    for (int32_t n = d; n < longest; ++n) out[BITS * n + j] = soft[BITS * (n - d) + j];
+  }
+  for (int32_t n = longest; n < ndata; ++n) {
+    Word word = 0;
+    for (int32_t j = 0; j < BITS; ++j) {
+      Word from;
+      std::memcpy(&from, soft + BITS * (n - delays[j]), BITS);
+      word = static_cast<Word>(word | (from & masks[j]));
+    }
+    std::memcpy(out + BITS * n, &word, BITS);
+  }
+  for (int32_t j = 0; j < BITS; ++j) {
+    const int32_t d = delays[j];
+    for (int32_t n = 0; n < d; ++n) lines[j][n] = soft[BITS * (ndata - d + n) + j];
+  }
+}
+
+template <int32_t BITS>
+void DeinterleaveBitsOf(const int32_t* delays, uint8_t* const* lines) {
+  if constexpr (BITS == 2 || BITS == 4) {
+    using Word = std::conditional_t<BITS == 2, uint16_t, uint32_t>;
+    if (delays[0] <= engine.ndata) {
+      DeinterleaveBitsByCarrier<BITS, Word>(delays, lines);
+      return;
+    }
+  }
+  DeinterleaveBitsByPosition<BITS>(delays, lines);
+}
+
+}  // namespace
+
+void DeinterleaveBits() {
   uint8_t* lines[6] = {};
-  switch (bits) {
+  switch (engine.bitsPerCarrier) {
     case 2:
-      delays = BIT_DELAYS_QPSK;
       lines[0] = decoder.bitDelay120;
+      DeinterleaveBitsOf<2>(BIT_DELAYS_QPSK, lines);
       break;
     case 4:
-      delays = BIT_DELAYS_QAM16;
       lines[0] = decoder.bitDelay120;
       lines[1] = decoder.bitDelay80;
       lines[2] = decoder.bitDelay40;
+      DeinterleaveBitsOf<4>(BIT_DELAYS_QAM16, lines);
       break;
     case 6:
-      delays = BIT_DELAYS_QAM64;
       lines[0] = decoder.bitDelay120;
       lines[1] = decoder.bitDelay96;
       lines[2] = decoder.bitDelay72;
       lines[3] = decoder.bitDelay48;
       lines[4] = decoder.bitDelay24;
+      DeinterleaveBitsOf<6>(BIT_DELAYS_QAM64, lines);
       break;
     default:
-      return;
-  }
-  const uint8_t* soft = decoder.softBits;
-  uint8_t* out = decoder.bitStream;
-  for (int32_t j = 0; j < bits; ++j) {
-    const int32_t d = delays[j];
-    uint8_t* line = lines[j];
-    if (d == 0) {
-      for (int32_t n = 0; n < ndata; ++n) out[bits * n + j] = soft[bits * n + j];
-    } else if (d > ndata) {
-      // Longer than a symbol (120 carriers in Mode 1): the line is a FIFO that moves down by a symbol.
-      for (int32_t n = 0; n < ndata; ++n) out[bits * n + j] = line[n];
-      std::memmove(line, line + ndata, static_cast<size_t>(d - ndata));
-      for (int32_t n = 0; n < ndata; ++n) line[d - ndata + n] = soft[bits * n + j];
-    } else {
-      for (int32_t n = 0; n < d; ++n) out[bits * n + j] = line[n];
-      for (int32_t n = d; n < ndata; ++n) out[bits * n + j] = soft[bits * (n - d) + j];
-      for (int32_t n = 0; n < d; ++n) line[n] = soft[bits * (ndata - d + n) + j];
-    }
+      break;
   }
 }
+
+namespace {
+
+// The soft bits of a puncturing period laid out on the full period with the neutral value in the
+// punctured places, packed by pairs (X high, Y low) straight away.
+template <int32_t RATE>
+void DepunctureGroups(const uint8_t* bits, uint16_t* pairs, int32_t groups) {
+  constexpr PunctureShape SHAPE = PUNCTURE_SHAPES[RATE];
+  for (int32_t g = 0; g < groups; ++g) {
+    uint8_t group[SHAPE.outputBits];
+    for (uint8_t& v : group) v = NEUTRAL_SOFT_BIT;
+    for (int32_t k = 0; k < SHAPE.inputBits; ++k) group[SHAPE.places[k]] = bits[k];
+    for (int32_t p = 0; p < SHAPE.outputBits / 2; ++p) {
+      pairs[p] = static_cast<uint16_t>(group[2 * p] << 8 | group[2 * p + 1]);
+    }
+    bits += SHAPE.inputBits;
+    pairs += SHAPE.outputBits / 2;
+  }
+}
+
+}  // namespace
 
 const uint16_t* DepunctureAndPack() {
   const int32_t codeRate = engine.layerParams->codeRate;
   const int32_t length = decoder.depuncturedLength;
   const uint8_t* bits = decoder.bitStream;
-  if (codeRate != 0) {
-    const PunctureShape& shape = PUNCTURE_SHAPES[codeRate];
-    uint8_t* out = decoder.depunctured;
-    std::memset(out, NEUTRAL_SOFT_BIT, static_cast<size_t>(length));
-    for (int32_t g = 0; g < decoder.punctureGroups; ++g) {
-      const uint8_t* in = bits + g * shape.inputBits;
-      uint8_t* group = out + g * shape.outputBits;
-      for (int32_t k = 0; k < shape.inputBits; ++k) group[shape.places[k]] = in[k];
-    }
-    bits = out;
-  }
   uint16_t* pairs = decoder.softPairs;
-  for (int32_t i = 0; i < length / 2; ++i) pairs[i] = static_cast<uint16_t>(bits[2 * i] << 8 | bits[2 * i + 1]);
+  int32_t packed = 0;
+  if (codeRate != 0) {
+    const int32_t groups = decoder.punctureGroups;
+    switch (codeRate) {
+      case 1:
+        DepunctureGroups<1>(bits, pairs, groups);
+        break;
+      case 2:
+        DepunctureGroups<2>(bits, pairs, groups);
+        break;
+      case 3:
+        DepunctureGroups<3>(bits, pairs, groups);
+        break;
+      case 4:
+        DepunctureGroups<4>(bits, pairs, groups);
+        break;
+      default:
+        break;
+    }
+    packed = codeRate <= 4 ? groups * PUNCTURE_SHAPES[codeRate].outputBits / 2 : 0;
+    // Anything past the last whole period holds the neutral value.
+    for (int32_t i = packed; i < length / 2; ++i) pairs[i] = NEUTRAL_SOFT_BIT << 8 | NEUTRAL_SOFT_BIT;
+  } else {
+    for (int32_t i = 0; i < length / 2; ++i) pairs[i] = static_cast<uint16_t>(bits[2 * i] << 8 | bits[2 * i + 1]);
+  }
   return pairs;
 }
 

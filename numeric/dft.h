@@ -31,6 +31,10 @@ DftStatus DftiCommitDescriptor(DftPlan plan);
 // Any alignment of `data` is accepted.
 DftStatus DftiComputeForward(DftPlan plan, float* data);
 DftStatus DftiComputeBackward(DftPlan plan, float* data);
+// The same from the row `in` into the row `out`, `in` left as it was. Rows that overlap or are not
+// aligned go through a copy into `out` and the transform in place.
+DftStatus DftiComputeForwardOutOfPlace(DftPlan plan, const float* in, float* out);
+DftStatus DftiComputeBackwardOutOfPlace(DftPlan plan, const float* in, float* out);
 // Releases the descriptor and nulls the handle. A null handle gives DFTI_BAD_DESCRIPTOR.
 DftStatus DftiFreeDescriptor(DftPlan* plan);
 // Non-zero when `status` belongs to `errorClass`; only DFTI_NO_ERROR is a class here.
@@ -39,6 +43,7 @@ int32_t DftiErrorClass(DftStatus status, DftStatus errorClass);
 // Transforms of the engine's two descriptors: direction -1 forward, anything else backward.
 // Result 1 done, 0 failed (no descriptor or a bad status).
 int32_t TransformQuarter(float* data, int32_t direction);  // quarterPlan, nquarter points
+int32_t TransformQuarter(const float* in, float* out, int32_t direction);  // from in into out
 int32_t TransformFull(float* data, int32_t direction);     // fftPlan, nfft points
 
 // Releases fftPlan, then quarterPlan, of the engine record. Safe when either is null.

@@ -29,10 +29,11 @@ void PlaceOnPlane(const float* src, int32_t phase) {
   }
 }
 
-void Convolve(const float* x, const float* bank, float* y) {
+// The spectrum x times the filter's bank, transformed back into y; z holds the product.
+void Convolve(const float* x, const float* bank, float* z, float* y) {
   const int32_t nq = engine.nquarter;
-  for (int32_t i = 0; i < nq; ++i) Store(y, i, Load(x, i) * Load(bank, i));
-  TransformQuarter(y, -1);
+  for (int32_t i = 0; i < nq; ++i) Store(z, i, Load(x, i) * Load(bank, i));
+  TransformQuarter(z, y, -1);
 }
 
 }  // namespace
@@ -48,16 +49,17 @@ void InterpolateChannel() {
   PlaceOnPlane(row + 2 * t.gridOffset, 0);
 
   // The whole row, neighbouring segments included, so the filter has data beyond the segment edges.
+  alignas(64) float w[2 * MAX_QUARTER];
   alignas(64) float x[2 * MAX_QUARTER];
   alignas(64) float y[2 * MAX_QUARTER];
-  std::memcpy(x, row, sizeof(float) * 2 * static_cast<size_t>(n));
-  std::memset(x + 2 * n, 0, sizeof(float) * 2 * static_cast<size_t>(nq - n));
-  TransformQuarter(x, 1);
+  std::memcpy(w, row, sizeof(float) * 2 * static_cast<size_t>(n));
+  std::memset(w + 2 * n, 0, sizeof(float) * 2 * static_cast<size_t>(nq - n));
+  TransformQuarter(w, x, 1);
 
   // 11 is the delay of the 22 taps in row entries.
-  Convolve(x, t.interpBankLow, y);
+  Convolve(x, t.interpBankLow, w, y);
   PlaceOnPlane(y + 2 * (t.gridOffset + 11), 1);
-  Convolve(x, t.interpBankHigh, y);
+  Convolve(x, t.interpBankHigh, w, y);
   PlaceOnPlane(y + 2 * (t.gridOffset + 11), 2);
 }
 
@@ -86,34 +88,33 @@ void EqualiseCarriers() {
     gIm[i] = him[c];
   }
 
-  // Per carrier: r * conj(h) / |h|^2, the channel power, and the decision error power |r - d h|^2.
+  // Per carrier: r * conj(h) / |h|^2, the channel power, and the decision error power |r - d h|^2;
+  // their sums by the kernels' eight lanes (equaliser_kernels.h).
   float* __restrict eq = out;
   float* __restrict power = t.carrierPower;
+  float sums[2] = {0.0f, 0.0f};
   if (bits == 2) {
-    EqualiseQpskWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k});
+    EqualiseQpskWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k, 2, sums});
   } else {
-    EqualiseQamWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k, bits});
+    EqualiseQamWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k, bits, sums});
   }
-  // The sums in carrier order, as the symbol's quality has always been added up.
-  float powerSum = 0.0f;
-  float noiseSum = 0.0f;
-  for (int32_t i = 0; i < k; ++i) {
-    powerSum += power[i];
-    noiseSum += noise[i];
-  }
+  const float powerSum = sums[0];
+  const float noiseSum = sums[1];
 
   if (bits == 2) {
     if (engine.qpskSoftTarget > 0.0f) {
       // A weak carrier counts less: R * conj(H) scaled by the noise.
       t.noiseAvg = 0.5f * t.noiseAvg + 0.5f * (noiseSum / static_cast<float>(engine.ndata));
       const float ratio = engine.qpskSoftTarget / t.noiseAvg;
+      float* __restrict weight = t.softWeight;
       for (int32_t i = 0; i < k; ++i) {
-        t.softWeight[i] = t.carrierPower[i] * ratio;
-        out[2 * i] *= t.softWeight[i];
-        out[2 * i + 1] *= t.softWeight[i];
+        const float w = power[i] * ratio;
+        weight[i] = w;
+        eq[2 * i] *= w;
+        eq[2 * i + 1] *= w;
       }
     } else {
-      for (int32_t i = 0; i < 2 * k; ++i) out[i] *= 8.0f;
+      for (int32_t i = 0; i < 2 * k; ++i) eq[i] *= 8.0f;
     }
   }
 

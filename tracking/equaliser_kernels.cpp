@@ -14,6 +14,9 @@ constexpr float QPSK_LEVEL = 0.707107f;
 // (QPSK by selection, the QAM levels by the slicer).
 template <bool Qam>
 __attribute__((optimize("no-tree-vectorize"))) void EqualiseScalar(const EqualiserRows& rows) {
+  constexpr int32_t LANES = 8;
+  float powerLane[LANES] = {}, noiseLane[LANES] = {};
+  const int32_t blocks = rows.count / LANES;
   for (int32_t i = 0; i < rows.count; ++i) {
     const float gr = rows.gRe[i], gi = rows.gIm[i], rr = rows.rRe[i], ri = rows.rIm[i];
     const float p = gr * gr + gi * gi;
@@ -26,7 +29,24 @@ __attribute__((optimize("no-tree-vectorize"))) void EqualiseScalar(const Equalis
                      : Cx{ere <= 0.0f ? -QPSK_LEVEL : QPSK_LEVEL, eim <= 0.0f ? -QPSK_LEVEL : QPSK_LEVEL};
     const float nre = rr - (d.re * gr - d.im * gi);
     const float nim = ri - (d.re * gi + d.im * gr);
-    rows.noise[i] = nre * nre + nim * nim;
+    const float n = nre * nre + nim * nim;
+    rows.noise[i] = n;
+    if (i < blocks * LANES) {
+      powerLane[i % LANES] += p;
+      noiseLane[i % LANES] += n;
+    }
+  }
+  if (rows.sums == nullptr) return;
+  if (blocks > 0) {
+    const auto combine = [](const float* lane) {
+      return ((lane[0] + lane[4]) + (lane[2] + lane[6])) + ((lane[1] + lane[5]) + (lane[3] + lane[7]));
+    };
+    rows.sums[0] += combine(powerLane);
+    rows.sums[1] += combine(noiseLane);
+  }
+  for (int32_t i = blocks * LANES; i < rows.count; ++i) {
+    rows.sums[0] += rows.power[i];
+    rows.sums[1] += rows.noise[i];
   }
 }
 

@@ -2,7 +2,10 @@
 // The equaliser's arithmetic over the data carriers of a symbol gathered side by side with their
 // channel: r * conj(h) / |h|^2, the channel power |h|^2, and the power of the decision error
 // |r - d h|^2, for QPSK and for 16QAM and 64QAM. Element by element, so every variant gives the
-// scalar reference's values bit for bit.
+// scalar reference's values bit for bit. The sums of the powers and of the errors go by eight
+// lanes, so that no chain of additions one after the other sets the pace: lane l adds up carriers
+// 8 b + l of the whole blocks of eight, the lanes are combined as (0+4 + 2+6) + (1+5 + 3+7), and the
+// carriers after the last whole block are added one by one; every variant adds in that order.
 #include <cstdint>
 
 #include "numeric/vector_isa.h"
@@ -19,6 +22,7 @@ struct EqualiserRows {
   float* noise;
   int32_t count;
   int32_t bitsPerCarrier = 2;  // 4 or 6 for the QAM kernel; the QPSK kernel ignores it
+  float* sums = nullptr;       // when given: power and error sums, added to (in the order above)
 };
 
 void EqualiseQpskScalar(const EqualiserRows& rows);

@@ -17,7 +17,22 @@ constexpr float QPSK_LEVEL = 0.707107f;
 
 EqualiserRows Tail(const EqualiserRows& rows, int32_t from) {
   return {rows.rRe + from, rows.rIm + from, rows.gRe + from, rows.gIm + from,
-          rows.eq + 2 * from, rows.power + from, rows.noise + from, rows.count - from, rows.bitsPerCarrier};
+          rows.eq + 2 * from, rows.power + from, rows.noise + from, rows.count - from, rows.bitsPerCarrier,
+          rows.sums};
+}
+
+// The lane sums combined as (0+4 + 2+6) + (1+5 + 3+7) and added to the sums, when there were blocks.
+__attribute__((target("sse2"))) float Combine(__m128 low, __m128 high) {
+  const __m128 pairs = _mm_add_ps(low, high);                      // 0+4, 1+5, 2+6, 3+7
+  const __m128 halves = _mm_add_ps(pairs, _mm_movehl_ps(pairs, pairs));  // (0+4)+(2+6), (1+5)+(3+7)
+  return _mm_cvtss_f32(_mm_add_ss(halves, _mm_shuffle_ps(halves, halves, 1)));
+}
+
+__attribute__((target("sse2"))) void AddLanes(const EqualiserRows& rows, int32_t blocks, __m128 powerLow,
+                                              __m128 powerHigh, __m128 noiseLow, __m128 noiseHigh) {
+  if (rows.sums == nullptr || blocks == 0) return;
+  rows.sums[0] += Combine(powerLow, powerHigh);
+  rows.sums[1] += Combine(noiseLow, noiseHigh);
 }
 
 // The levels and boundaries of slicers.h: levels from the top down; the value takes level k + 1
@@ -43,29 +58,47 @@ __attribute__((target("avx2"))) __m256 SliceAvx2(__m256 v, const QamDecision& q)
   }
   return d;
 }
-}  // namespace
 
-__attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& rows) {
+// Four carriers; returns their powers and errors for the lane sums.
+__attribute__((target("sse2"))) void QpskFourSse2(const EqualiserRows& rows, int32_t i, __m128& power, __m128& noise) {
   const __m128 zero = _mm_setzero_ps();
   const __m128 plus = _mm_set1_ps(QPSK_LEVEL);
   const __m128 minus = _mm_set1_ps(-QPSK_LEVEL);
+  const __m128 gr = _mm_loadu_ps(rows.gRe + i), gi = _mm_loadu_ps(rows.gIm + i);
+  const __m128 rr = _mm_loadu_ps(rows.rRe + i), ri = _mm_loadu_ps(rows.rIm + i);
+  const __m128 p = _mm_add_ps(_mm_mul_ps(gr, gr), _mm_mul_ps(gi, gi));
+  const __m128 ere = _mm_div_ps(_mm_add_ps(_mm_mul_ps(rr, gr), _mm_mul_ps(ri, gi)), p);
+  const __m128 eim = _mm_div_ps(_mm_sub_ps(_mm_mul_ps(ri, gr), _mm_mul_ps(rr, gi)), p);
+  _mm_storeu_ps(rows.eq + 2 * i, _mm_unpacklo_ps(ere, eim));
+  _mm_storeu_ps(rows.eq + 2 * i + 4, _mm_unpackhi_ps(ere, eim));
+  _mm_storeu_ps(rows.power + i, p);
+  const __m128 leRe = _mm_cmple_ps(ere, zero), leIm = _mm_cmple_ps(eim, zero);
+  const __m128 dre = _mm_or_ps(_mm_and_ps(leRe, minus), _mm_andnot_ps(leRe, plus));
+  const __m128 dim = _mm_or_ps(_mm_and_ps(leIm, minus), _mm_andnot_ps(leIm, plus));
+  const __m128 nre = _mm_sub_ps(rr, _mm_sub_ps(_mm_mul_ps(dre, gr), _mm_mul_ps(dim, gi)));
+  const __m128 nim = _mm_sub_ps(ri, _mm_add_ps(_mm_mul_ps(dre, gi), _mm_mul_ps(dim, gr)));
+  const __m128 n = _mm_add_ps(_mm_mul_ps(nre, nre), _mm_mul_ps(nim, nim));
+  _mm_storeu_ps(rows.noise + i, n);
+  power = p;
+  noise = n;
+}
+
+}  // namespace
+
+// Blocks of eight carriers as two steps of four, lanes 0-3 and 4-7 of the sums apart.
+__attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& rows) {
+  __m128 powerLow = _mm_setzero_ps(), powerHigh = powerLow, noiseLow = powerLow, noiseHigh = powerLow;
   int32_t i = 0;
-  for (; i + 4 <= rows.count; i += 4) {
-    const __m128 gr = _mm_loadu_ps(rows.gRe + i), gi = _mm_loadu_ps(rows.gIm + i);
-    const __m128 rr = _mm_loadu_ps(rows.rRe + i), ri = _mm_loadu_ps(rows.rIm + i);
-    const __m128 p = _mm_add_ps(_mm_mul_ps(gr, gr), _mm_mul_ps(gi, gi));
-    const __m128 ere = _mm_div_ps(_mm_add_ps(_mm_mul_ps(rr, gr), _mm_mul_ps(ri, gi)), p);
-    const __m128 eim = _mm_div_ps(_mm_sub_ps(_mm_mul_ps(ri, gr), _mm_mul_ps(rr, gi)), p);
-    _mm_storeu_ps(rows.eq + 2 * i, _mm_unpacklo_ps(ere, eim));
-    _mm_storeu_ps(rows.eq + 2 * i + 4, _mm_unpackhi_ps(ere, eim));
-    _mm_storeu_ps(rows.power + i, p);
-    const __m128 leRe = _mm_cmple_ps(ere, zero), leIm = _mm_cmple_ps(eim, zero);
-    const __m128 dre = _mm_or_ps(_mm_and_ps(leRe, minus), _mm_andnot_ps(leRe, plus));
-    const __m128 dim = _mm_or_ps(_mm_and_ps(leIm, minus), _mm_andnot_ps(leIm, plus));
-    const __m128 nre = _mm_sub_ps(rr, _mm_sub_ps(_mm_mul_ps(dre, gr), _mm_mul_ps(dim, gi)));
-    const __m128 nim = _mm_sub_ps(ri, _mm_add_ps(_mm_mul_ps(dre, gi), _mm_mul_ps(dim, gr)));
-    _mm_storeu_ps(rows.noise + i, _mm_add_ps(_mm_mul_ps(nre, nre), _mm_mul_ps(nim, nim)));
+  for (; i + 8 <= rows.count; i += 8) {
+    __m128 p, n;
+    QpskFourSse2(rows, i, p, n);
+    powerLow = _mm_add_ps(powerLow, p);
+    noiseLow = _mm_add_ps(noiseLow, n);
+    QpskFourSse2(rows, i + 4, p, n);
+    powerHigh = _mm_add_ps(powerHigh, p);
+    noiseHigh = _mm_add_ps(noiseHigh, n);
   }
+  AddLanes(rows, i / 8, powerLow, powerHigh, noiseLow, noiseHigh);
   EqualiseQpskScalar(Tail(rows, i));
 }
 
@@ -77,6 +110,7 @@ __attribute__((target("avx2"))) void EqualiseAvx2(const EqualiserRows& rows) {
   const __m256 minus = _mm256_set1_ps(-QPSK_LEVEL);
   const QamDecision& real = rows.bitsPerCarrier == 6 ? QAM64 : QAM16_REAL;
   const QamDecision& imag = rows.bitsPerCarrier == 6 ? QAM64 : QAM16_IMAG;
+  __m256 powerLanes = _mm256_setzero_ps(), noiseLanes = powerLanes;
   int32_t i = 0;
   for (; i + 8 <= rows.count; i += 8) {
     const __m256 gr = _mm256_loadu_ps(rows.gRe + i), gi = _mm256_loadu_ps(rows.gIm + i);
@@ -99,8 +133,13 @@ __attribute__((target("avx2"))) void EqualiseAvx2(const EqualiserRows& rows) {
     }
     const __m256 nre = _mm256_sub_ps(rr, _mm256_sub_ps(_mm256_mul_ps(dre, gr), _mm256_mul_ps(dim, gi)));
     const __m256 nim = _mm256_sub_ps(ri, _mm256_add_ps(_mm256_mul_ps(dre, gi), _mm256_mul_ps(dim, gr)));
-    _mm256_storeu_ps(rows.noise + i, _mm256_add_ps(_mm256_mul_ps(nre, nre), _mm256_mul_ps(nim, nim)));
+    const __m256 n = _mm256_add_ps(_mm256_mul_ps(nre, nre), _mm256_mul_ps(nim, nim));
+    _mm256_storeu_ps(rows.noise + i, n);
+    powerLanes = _mm256_add_ps(powerLanes, p);
+    noiseLanes = _mm256_add_ps(noiseLanes, n);
   }
+  AddLanes(rows, i / 8, _mm256_castps256_ps128(powerLanes), _mm256_extractf128_ps(powerLanes, 1),
+           _mm256_castps256_ps128(noiseLanes), _mm256_extractf128_ps(noiseLanes, 1));
   if constexpr (Qam) {
     EqualiseQamScalar(Tail(rows, i));
   } else {

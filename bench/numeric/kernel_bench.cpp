@@ -1,6 +1,7 @@
 // The hand-vectorised kernels of the symbol path, every variant this processor runs, on the sizes
 // of the common broadcast (Mode 3): the rotation of one symbol's span, the filter across carriers
-// over one row, the QPSK equaliser over one symbol's data carriers. Prints each variant's speed-up
+// over one row, the QPSK equaliser over one symbol's data carriers, the QPSK soft demapping of one
+// symbol. Prints each variant's speed-up
 // over the scalar reference at the end of the run. The Viterbi kernels are in decoder_bench.
 #include <benchmark/benchmark.h>
 
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "bench/bench_machine.h"
+#include "decoder/demap_kernels.h"
 #include "numeric/nco_rotation.h"
 #include "numeric/vector_isa.h"
 #include "tracking/carrier_filter.h"
@@ -68,9 +70,10 @@ void BM_Equaliser(benchmark::State& state, VectorIsa isa) {
   if (Skip(state, isa)) return;
   const std::vector<float> r = Values(2 * DATA_CARRIERS, 4), g = Values(2 * DATA_CARRIERS, 5);
   std::vector<float> eq(2 * DATA_CARRIERS), power(DATA_CARRIERS), noise(DATA_CARRIERS);
+  float sums[2] = {};
   for (auto _ : state) {
     EqualiseQpskWith(isa, {r.data(), r.data() + DATA_CARRIERS, g.data(), g.data() + DATA_CARRIERS, eq.data(),
-                           power.data(), noise.data(), DATA_CARRIERS});
+                           power.data(), noise.data(), DATA_CARRIERS, 2, sums});
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);
@@ -80,9 +83,22 @@ void BM_QamEqualiser(benchmark::State& state, VectorIsa isa) {  // 64QAM: the lo
   if (Skip(state, isa)) return;
   const std::vector<float> r = Values(2 * DATA_CARRIERS, 4), g = Values(2 * DATA_CARRIERS, 5);
   std::vector<float> eq(2 * DATA_CARRIERS), power(DATA_CARRIERS), noise(DATA_CARRIERS);
+  float sums[2] = {};
   for (auto _ : state) {
     EqualiseQamWith(isa, {r.data(), r.data() + DATA_CARRIERS, g.data(), g.data() + DATA_CARRIERS, eq.data(),
-                          power.data(), noise.data(), DATA_CARRIERS, 6});
+                          power.data(), noise.data(), DATA_CARRIERS, 6, sums});
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);
+}
+
+void BM_QpskDemap(benchmark::State& state, VectorIsa isa) {
+  if (Skip(state, isa)) return;
+  std::vector<float> values = Values(2 * DATA_CARRIERS, 6);
+  for (float& v : values) v *= 12.0f;
+  std::vector<uint8_t> soft(2 * DATA_CARRIERS);
+  for (auto _ : state) {
+    DemapQpskWith(isa, values.data(), soft.data(), 2 * DATA_CARRIERS);
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);
@@ -97,6 +113,8 @@ BENCHMARK_CAPTURE(BM_Equaliser, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_Equaliser, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_QamEqualiser, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_QamEqualiser, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_QpskDemap, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_QpskDemap, avx2, VectorIsa::AVX2);
 
 // Collects the rates and prints every variant's speed-up over the scalar reference of its kernel.
 class RatioReporter : public benchmark::ConsoleReporter {

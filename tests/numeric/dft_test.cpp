@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <complex>
 #include <random>
@@ -12,7 +13,8 @@ namespace zfn {
 namespace {
 
 // Forward has a negative exponent and no scaling, on aligned and misaligned data alike; backward
-// after forward multiplies by n.
+// after forward multiplies by n. From one row into another gives the same values as in place and
+// leaves the row taken from as it was.
 TEST(Dft, MatchesDirectTransformAtAnyAlignment) {
   for (int n : {64, 256, 1024}) {
     DftPlan plan = nullptr;
@@ -26,7 +28,11 @@ TEST(Dft, MatchesDirectTransformAtAnyAlignment) {
       std::vector<float> buffer(2 * n + 4);
       std::copy(x.begin(), x.end(), buffer.begin() + offset);
       float* data = buffer.data() + offset;
+      std::vector<float> rowOut(2 * n + 4);
+      ASSERT_EQ(DftiComputeForwardOutOfPlace(plan, data, rowOut.data() + offset), DFTI_NO_ERROR);
+      ASSERT_TRUE(std::equal(x.begin(), x.end(), data));
       ASSERT_EQ(DftiComputeForward(plan, data), DFTI_NO_ERROR);
+      EXPECT_TRUE(std::equal(data, data + 2 * n, rowOut.begin() + offset)) << "n " << n << " offset " << offset;
       for (int k = 0; k < n; ++k) {
         std::complex<double> direct = 0;
         for (int i = 0; i < n; ++i)

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "acquisition/acquisition.h"
+#include "decoder/demap_kernels.h"
 #include "decoder/viterbi.h"
 #include "numeric/nco_rotation.h"
 #include "numeric/vector_isa.h"
@@ -103,13 +104,32 @@ std::string CompareEqualiser(VectorIsa isa, Random& random, int trial, int32_t b
   std::vector<float> eqReference(2 * size + 8, 5.0f), powerReference(size + 8, 5.0f), noiseReference(size + 8, 5.0f);
   std::vector<float> eqVector = eqReference, powerVector = powerReference, noiseVector = noiseReference;
   const auto equalise = bits == 2 ? EqualiseQpskWith : EqualiseQamWith;
+  std::vector<float> sumsReference = {0.5f, -2.0f}, sumsVector = sumsReference;  // added to, in carrier order
   equalise(VectorIsa::SCALAR, {rRe.data() + offset, rIm.data() + offset, gRe.data() + offset, gIm.data() + offset,
                                eqReference.data() + 2 * offset, powerReference.data() + offset,
-                               noiseReference.data() + offset, count, bits});
+                               noiseReference.data() + offset, count, bits, sumsReference.data()});
   equalise(isa, {rRe.data() + offset, rIm.data() + offset, gRe.data() + offset, gIm.data() + offset,
-                 eqVector.data() + 2 * offset, powerVector.data() + offset, noiseVector.data() + offset, count, bits});
-  const bool same = SameBits(eqReference, eqVector) && SameBits(powerReference, powerVector) && SameBits(noiseReference, noiseVector);
+                 eqVector.data() + 2 * offset, powerVector.data() + offset, noiseVector.data() + offset, count, bits,
+                 sumsVector.data()});
+  const bool same = SameBits(eqReference, eqVector) && SameBits(powerReference, powerVector) &&
+                    SameBits(noiseReference, noiseVector) && SameBits(sumsReference, sumsVector);
   return same ? "" : "count " + std::to_string(count);
+}
+
+// QPSK soft demapping: noisy values over the whole clamp range and beyond, with integers (the floor),
+// signed zeros, NaN and infinities dropped in.
+std::string CompareDemap(VectorIsa isa, Random& random, int trial) {
+  const int32_t count = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 40 : 800));
+  const size_t offset = random.Below(8);
+  std::vector<float> values = Noise(random, offset + static_cast<size_t>(count), 14.0f);
+  constexpr float EDGES[] = {0.0f, -0.0f, 16.0f, -15.0f, -15.5f, 17.0f, 15.999f, NAN, INFINITY, -INFINITY, 3e38f};
+  for (int32_t k = 0; k < count / 8; ++k) {
+    values[offset + random.Below(static_cast<uint32_t>(count))] = EDGES[random.Below(std::size(EDGES))];
+  }
+  std::vector<uint8_t> reference(offset + static_cast<size_t>(count) + 40, 7), vector = reference;
+  DemapQpskWith(VectorIsa::SCALAR, values.data() + offset, reference.data() + offset, count);
+  DemapQpskWith(isa, values.data() + offset, vector.data() + offset, count);
+  return reference == vector ? "" : "count " + std::to_string(count);
 }
 
 // Soft pairs of several kinds: plain random values 0..31, the neutral 16 almost everywhere (ties),
@@ -190,6 +210,7 @@ const Kernel KERNELS[] = {
     {"16QAM and 64QAM equaliser", {VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 4 + 2 * (trial & 1)); },
      300},
+    {"QPSK soft demapping", {VectorIsa::AVX2}, CompareDemap, 300},
     {"Viterbi", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareViterbi, 40},
 };
 
