@@ -65,6 +65,27 @@ void RebaseAfterJump() {
   }
 }
 
+// One LMS tap per lag, each predicting this symbol's pilots from those of the symbol `lag` scattered
+// periods back and clamped to [0, 1] after every group. The lags are independent chains, so they
+// advance side by side in one pass over the groups.
+template <int32_t LAGS>
+void AdaptLagTaps(const float* y, const float* const* x, int32_t groups, float* lagTap) {
+  const float step = engine.lmsStep;
+  float w[LAGS];
+  for (int32_t l = 0; l < LAGS; ++l) w[l] = lagTap[l];
+  for (int32_t p = 0; p < groups; ++p) {
+    const float yr = y[p], yi = y[groups + p];
+    for (int32_t l = 0; l < LAGS; ++l) {
+      const float xr = x[l][p], xi = x[l][groups + p];
+      float v = w[l] + step * ((yr - w[l] * xr) * xr + (yi - w[l] * xi) * xi);
+      if (v < 0.0f) v = 0.0f;
+      if (v > 1.0f) v = 1.0f;
+      w[l] = v;
+    }
+  }
+  for (int32_t l = 0; l < LAGS; ++l) lagTap[l] = w[l];
+}
+
 }  // namespace
 
 void EstimatePilots() {
@@ -110,29 +131,40 @@ void EstimatePilots() {
   // Recursive filter along time, output three symbols back.
   const float* oldest = t.carrierRing + t.carrierRingNext * t.carrierRingStride;
   const bool adaptTaps = t.adaptTimeTaps && t.jumpStage < JUMP_DEROTATE_LAST && engine.symbolCount > 7;
+  // The taps of the three sets stay in locals for the pass: each set's adaption is a chain from
+  // one group to the next, and the rows written here may not alias them.
+  Cx taps[3][3];
+  for (int32_t set = 0; set < 3; ++set) {
+    for (int32_t k = 0; k < 3; ++k) taps[set][k] = Load(t.timeTaps + 6 * set, k);
+  }
+  const float* now = t.pilotRow;
+  const float* past1 = t.pastRow1;
+  float* filtered = t.filteredRow;
+  const float step = t.ceStepA;
   for (int32_t p = 0; p < groups; ++p) {
     const int32_t exact = 4 * p + ((s + 1) & 3);
-    Store(t.filteredRow, exact, Load(t.pilotRow, exact));
+    Store(filtered, exact, Load(now, exact));
+    const bool adaptHere = adaptTaps && p >= t.adaptFirst && p < t.adaptEnd;
     for (int32_t set = 0; set < 3; ++set) {
       const int32_t e = 4 * p + ((s + 2 + set) & 3);
-      float* taps = t.timeTaps + 6 * set;
-      const Cx c0{taps[0], taps[1]};
-      const Cx c1{taps[2], taps[3]};
-      const Cx c2{taps[4], taps[5]};
-      const Cx x0 = Load(t.pilotRow, e);
-      const Cx x1 = Load(t.pastRow1, e);
+      Cx* c = taps[set];
+      const Cx x0 = Load(now, e);
+      const Cx x1 = Load(past1, e);
       const Cx x2 = Load(past2, e);
-      const Cx hv = c0 * x0 + c1 * x1 + c2 * x2;
-      Store(t.filteredRow, e, hv);
+      const Cx hv = c[0] * x0 + c[1] * x1 + c[2] * x2;
+      Store(filtered, e, hv);
       // Decision-directed adaption inside the segment; only the real parts adapt, and the new
       // taps apply from the next entry on.
-      if (!adaptTaps || p < t.adaptFirst || p >= t.adaptEnd) continue;
+      if (!adaptHere) continue;
       const Cx r = Load(oldest, 3 * e);
-      const Cx err = t.ceStepA * (DecisionTarget(r, hv, bits) - hv);
-      taps[0] += MulConj(err, x0).re;
-      taps[2] += MulConj(err, x1).re;
-      taps[4] += MulConj(err, x2).re;
+      const Cx err = step * (DecisionTarget(r, hv, bits) - hv);
+      c[0].re += MulConj(err, x0).re;
+      c[1].re += MulConj(err, x1).re;
+      c[2].re += MulConj(err, x2).re;
     }
+  }
+  for (int32_t set = 0; set < 3; ++set) {
+    for (int32_t k = 0; k < 3; ++k) Store(t.timeTaps + 6 * set, k, taps[set][k]);
   }
 
   if (t.jumpStage == JUMP_REBASE) {
@@ -158,20 +190,18 @@ void WatchChannelChange() {
   if (t.jumpAge == 2) lags = 1;
   if (t.jumpAge == 3) lags = 2;
 
-  const float* y = t.pilotHistoryNow;
+  const float* x[3];
   for (int32_t l = 0; l < lags; ++l) {
     const int32_t slot = ((t.pilotHistorySlot - 4 - 4 * l) % PILOT_HISTORY_ROWS + PILOT_HISTORY_ROWS) %
                          PILOT_HISTORY_ROWS;
-    const float* x = HistoryRow(slot);
-    float w = t.lagTap[l];
-    for (int32_t p = 0; p < groups; ++p) {
-      const float xr = x[p], xi = x[groups + p];
-      const float yr = y[p], yi = y[groups + p];
-      w = w + engine.lmsStep * ((yr - w * xr) * xr + (yi - w * xi) * xi);
-      if (w < 0.0f) w = 0.0f;
-      if (w > 1.0f) w = 1.0f;
-    }
-    t.lagTap[l] = w;
+    x[l] = HistoryRow(slot);
+  }
+  if (lags == 3) {
+    AdaptLagTaps<3>(t.pilotHistoryNow, x, groups, t.lagTap);
+  } else if (lags == 2) {
+    AdaptLagTaps<2>(t.pilotHistoryNow, x, groups, t.lagTap);
+  } else {
+    AdaptLagTaps<1>(t.pilotHistoryNow, x, groups, t.lagTap);
   }
   for (int32_t l = 0; l < 3; ++l) t.lagTapAvg[l] = 0.875f * t.lagTapAvg[l] + 0.125f * t.lagTap[l];
   if (t.channelLog)
