@@ -106,9 +106,10 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
 
 // Four complex values per AVX2 register. The seven entries of a window are held as (0, 1, 4, 5) and
 // (2, 3, 6, pad): the sum of the two registers gives (p0 + p2, p1 + p3 | p4 + p6, p5 + pad), the sum
-// of its halves the two inner sums of the tree, in the same order as above. The real and the
-// imaginary parts of the row, each duplicated, and its lag-one products are laid out once per row,
-// so a window is two loads rather than shuffles.
+// of its halves the two inner sums of the tree, in the same order as above. Everything that does
+// not depend on the taps is laid out once per row, four entries at a time: the real and the
+// imaginary parts of the row, each duplicated (a window is then two loads rather than shuffles),
+// the lag-one correlation of every window, and the decision targets.
 namespace {
 
 __attribute__((target("avx2"))) inline __m256 LoadWindow(const float* at) {
@@ -122,40 +123,79 @@ __attribute__((target("avx2"))) inline __m128 TreeSumWindow(__m256 first, __m256
   return _mm_add_ps(inner, _mm_movehl_ps(inner, inner));
 }
 
+// a * conj(b) for four complex values: (a.re b.re + a.im b.im, a.im b.re - a.re b.im).
+__attribute__((target("avx2"))) inline __m256 MulConjQuad(__m256 a, __m256 b, __m256 signOdd) {
+  const __m256 bs = _mm256_permute_ps(b, _MM_SHUFFLE(2, 3, 0, 1));
+  return _mm256_add_ps(_mm256_xor_ps(_mm256_mul_ps(_mm256_moveldup_ps(a), b), signOdd),
+                       _mm256_mul_ps(_mm256_movehdup_ps(a), bs));
+}
+
+__attribute__((target("avx2"))) inline __m128 LoadPair(const float* at) {
+  return _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(at));
+}
+
 }  // namespace
 
 __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPass& pass) {
   const __m256 signEven = _mm256_castsi256_ps(_mm256_set1_epi64x(static_cast<int64_t>(0x80000000u)));
   const __m256 signOdd = _mm256_castsi256_ps(_mm256_set1_epi64x(INT64_MIN));
   const __m256 negativeZero = _mm256_set1_ps(-0.0f);
-  const __m128 signEven4 = _mm256_castps256_ps128(signEven);
   const __m128 step = _mm_set1_ps(pass.step);
-  const int32_t n = pass.n;
-  alignas(32) float re2[2 * CARRIER_FILTER_MAX_ENTRIES + 8], im2[2 * CARRIER_FILTER_MAX_ENTRIES + 8];
-  alignas(32) float lagProducts[2 * CARRIER_FILTER_MAX_ENTRIES + 8];
+  const float* in = pass.in;
+  const float* oldest = pass.oldest;
+  float* out = pass.out;
+  const int32_t n = pass.n, pilotPhase = pass.pilotPhase, bits = pass.bitsPerCarrier;
+  constexpr int32_t SIZE = 2 * CARRIER_FILTER_MAX_ENTRIES + 16;
+  alignas(32) float re2[SIZE], im2[SIZE], lagProducts[SIZE], corr[SIZE], corrTurned[SIZE], targets[SIZE];
   int32_t j = 0;
   for (; j + 4 <= n; j += 4) {
-    const __m256 a = _mm256_loadu_ps(pass.in + 2 * j);
+    const __m256 a = _mm256_loadu_ps(in + 2 * j);
     _mm256_store_ps(re2 + 2 * j, _mm256_moveldup_ps(a));
     _mm256_store_ps(im2 + 2 * j, _mm256_movehdup_ps(a));
   }
   for (; j < n; ++j) {
-    re2[2 * j] = re2[2 * j + 1] = pass.in[2 * j];
-    im2[2 * j] = im2[2 * j + 1] = pass.in[2 * j + 1];
+    re2[2 * j] = re2[2 * j + 1] = in[2 * j];
+    im2[2 * j] = im2[2 * j + 1] = in[2 * j + 1];
   }
-  // row[j] * conj(row[j-1]): (a.re b.re + a.im b.im, a.im b.re - a.re b.im)
+  // row[j] * conj(row[j-1]) at j; zeros past the row, which only the windows past the last
+  // filtered entry read.
   for (j = 1; j + 4 <= n; j += 4) {
-    const __m256 b = _mm256_loadu_ps(pass.in + 2 * (j - 1));
-    const __m256 bs = _mm256_permute_ps(b, _MM_SHUFFLE(2, 3, 0, 1));
-    const __m256 ar = _mm256_loadu_ps(re2 + 2 * j), ai = _mm256_loadu_ps(im2 + 2 * j);
-    _mm256_storeu_ps(lagProducts + 2 * j, _mm256_add_ps(_mm256_xor_ps(_mm256_mul_ps(ar, b), signOdd), _mm256_mul_ps(ai, bs)));
+    _mm256_storeu_ps(lagProducts + 2 * j, MulConjQuad(_mm256_loadu_ps(in + 2 * j), _mm256_loadu_ps(in + 2 * (j - 1)), signOdd));
   }
-  for (; j < n; ++j) Store(lagProducts, j, MulConj(Load(pass.in, j), Load(pass.in, j - 1)));
+  for (; j < n; ++j) Store(lagProducts, j, MulConj(Load(in, j), Load(in, j - 1)));
+  for (j = n; j < n + 8; ++j) Store(lagProducts, j, Cx{0.0f, 0.0f});
+  // The lag-one correlation over the window of entries m .. m+3, and (-im, re) of it.
+  for (int32_t m = 4; m <= n - 5; m += 4) {
+    const float* q = lagProducts + 2 * (m - 3);
+    __m256 p[7];
+    for (int32_t k = 0; k < 7; ++k) p[k] = _mm256_loadu_ps(q + 2 * k);
+    const __m256 c = _mm256_add_ps(_mm256_add_ps(_mm256_add_ps(p[0], p[2]), _mm256_add_ps(p[4], p[6])),
+                                   _mm256_add_ps(_mm256_add_ps(p[1], p[3]), p[5]));
+    _mm256_storeu_ps(corr + 2 * m, c);
+    _mm256_storeu_ps(corrTurned + 2 * m, _mm256_xor_ps(_mm256_permute_ps(c, _MM_SHUFFLE(2, 3, 0, 1)), signEven));
+  }
+  // Decision targets of entries m .. m+3: the QPSK ones four at a time, as DecisionTarget forms them.
+  int32_t m0 = 3;
+  if (bits != 4 && bits != 6) {
+    const __m256 level = _mm256_set1_ps(0.707107f);
+    for (; m0 + 3 <= n - 5; m0 += 4) {
+      const float* o = oldest + 6 * m0;
+      const __m128 rLow = _mm_loadh_pi(LoadPair(o), reinterpret_cast<const __m64*>(o + 6));
+      const __m128 rHigh = _mm_loadh_pi(LoadPair(o + 12), reinterpret_cast<const __m64*>(o + 18));
+      const __m256 r = _mm256_insertf128_ps(_mm256_castps128_ps256(rLow), rHigh, 1);
+      const __m256 z = MulConjQuad(r, _mm256_loadu_ps(in + 2 * m0), signOdd);
+      const __m256 beyond = _mm256_cmp_ps(z, _mm256_setzero_ps(), _CMP_LE_OQ);
+      const __m256 d = _mm256_xor_ps(level, _mm256_and_ps(beyond, negativeZero));
+      _mm256_storeu_ps(targets + 2 * m0, MulConjQuad(r, d, signOdd));
+    }
+  }
+  for (int32_t m = m0; m <= n - 5; ++m) {
+    if ((m & 3) != pilotPhase) Store(targets, m, DecisionTarget(Load(oldest, 3 * m), Load(in, m), bits));
+  }
 
   // Taps (0, 1, 4, 5) and (2, 3, 6, 0).
   __m256 tp0 = LoadWindow(pass.taps);
-  __m256 tp1 = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(pass.taps + 4)),
-                                    _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(pass.taps + 12))), 1);
+  __m256 tp1 = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(pass.taps + 4)), LoadPair(pass.taps + 12), 1);
   __m256 lagged0 = tp0, lagged1 = tp1;
   bool adaptedBefore = false;
   __m128 errRe = _mm_setzero_ps(), errIm = _mm_setzero_ps();
@@ -170,18 +210,15 @@ __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPas
                                        _mm256_xor_ps(_mm256_mul_ps(ai1, _mm256_permute_ps(lagged1, _MM_SHUFFLE(2, 3, 0, 1))), signEven));
     __m128 w = TreeSumWindow(prod0, prod1, negativeZero);
     if (adaptedBefore) {
-      const __m128 c = TreeSumWindow(LoadWindow(lagProducts + b), LoadWindow(lagProducts + b + 4), negativeZero);
-      const __m128 cTurned = _mm_xor_ps(_mm_shuffle_ps(c, c, _MM_SHUFFLE(2, 3, 0, 1)), signEven4);
-      w = _mm_add_ps(w, _mm_add_ps(_mm_mul_ps(errRe, c), _mm_mul_ps(errIm, cTurned)));
+      // err * c = (er cr - ei ci, er ci + ei cr)
+      w = _mm_add_ps(w, _mm_add_ps(_mm_mul_ps(errRe, LoadPair(corr + 2 * m)), _mm_mul_ps(errIm, LoadPair(corrTurned + 2 * m))));
     }
-    _mm_storel_pi(reinterpret_cast<__m64*>(pass.out + 2 * m), w);
+    _mm_storel_pi(reinterpret_cast<__m64*>(out + 2 * m), w);
     lagged0 = tp0;
     lagged1 = tp1;
-    adaptedBefore = (m & 3) != pass.pilotPhase;  // carrier 3*m of the oldest symbol is a pilot
+    adaptedBefore = (m & 3) != pilotPhase;  // carrier 3*m of the oldest symbol is a pilot
     if (!adaptedBefore) continue;
-    const Cx r = Load(pass.oldest, 3 * m);
-    const Cx target = DecisionTarget(r, Load(pass.in, m), pass.bitsPerCarrier);
-    const __m128 err = _mm_mul_ps(step, _mm_sub_ps(_mm_setr_ps(target.re, target.im, 0.0f, 0.0f), w));
+    const __m128 err = _mm_mul_ps(step, _mm_sub_ps(LoadPair(targets + 2 * m), w));
     errRe = _mm_shuffle_ps(err, err, _MM_SHUFFLE(0, 0, 0, 0));
     errIm = _mm_shuffle_ps(err, err, _MM_SHUFFLE(1, 1, 1, 1));
     // taps + conj(in) * err: (ir er + ii ei, ir ei - ii er)
