@@ -131,40 +131,29 @@ void EstimatePilots() {
   // Recursive filter along time, output three symbols back.
   const float* oldest = t.carrierRing + t.carrierRingNext * t.carrierRingStride;
   const bool adaptTaps = t.adaptTimeTaps && t.jumpStage < JUMP_DEROTATE_LAST && engine.symbolCount > 7;
-  // The taps of the three sets stay in locals for the pass: each set's adaption is a chain from
-  // one group to the next, and the rows written here may not alias them.
-  Cx taps[3][3];
-  for (int32_t set = 0; set < 3; ++set) {
-    for (int32_t k = 0; k < 3; ++k) taps[set][k] = Load(t.timeTaps + 6 * set, k);
-  }
-  const float* now = t.pilotRow;
-  const float* past1 = t.pastRow1;
-  float* filtered = t.filteredRow;
-  const float step = t.ceStepA;
   for (int32_t p = 0; p < groups; ++p) {
     const int32_t exact = 4 * p + ((s + 1) & 3);
-    Store(filtered, exact, Load(now, exact));
-    const bool adaptHere = adaptTaps && p >= t.adaptFirst && p < t.adaptEnd;
+    Store(t.filteredRow, exact, Load(t.pilotRow, exact));
     for (int32_t set = 0; set < 3; ++set) {
       const int32_t e = 4 * p + ((s + 2 + set) & 3);
-      Cx* c = taps[set];
-      const Cx x0 = Load(now, e);
-      const Cx x1 = Load(past1, e);
+      float* taps = t.timeTaps + 6 * set;
+      const Cx c0{taps[0], taps[1]};
+      const Cx c1{taps[2], taps[3]};
+      const Cx c2{taps[4], taps[5]};
+      const Cx x0 = Load(t.pilotRow, e);
+      const Cx x1 = Load(t.pastRow1, e);
       const Cx x2 = Load(past2, e);
-      const Cx hv = c[0] * x0 + c[1] * x1 + c[2] * x2;
-      Store(filtered, e, hv);
+      const Cx hv = c0 * x0 + c1 * x1 + c2 * x2;
+      Store(t.filteredRow, e, hv);
       // Decision-directed adaption inside the segment; only the real parts adapt, and the new
       // taps apply from the next entry on.
-      if (!adaptHere) continue;
+      if (!adaptTaps || p < t.adaptFirst || p >= t.adaptEnd) continue;
       const Cx r = Load(oldest, 3 * e);
-      const Cx err = step * (DecisionTarget(r, hv, bits) - hv);
-      c[0].re += MulConj(err, x0).re;
-      c[1].re += MulConj(err, x1).re;
-      c[2].re += MulConj(err, x2).re;
+      const Cx err = t.ceStepA * (DecisionTarget(r, hv, bits) - hv);
+      taps[0] += MulConj(err, x0).re;
+      taps[2] += MulConj(err, x1).re;
+      taps[4] += MulConj(err, x2).re;
     }
-  }
-  for (int32_t set = 0; set < 3; ++set) {
-    for (int32_t k = 0; k < 3; ++k) Store(t.timeTaps + 6 * set, k, taps[set][k]);
   }
 
   if (t.jumpStage == JUMP_REBASE) {
