@@ -56,6 +56,18 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
     _mm_storeu_ps(lagProducts + 2 * j, _mm_add_ps(_mm_xor_ps(_mm_mul_ps(ar, b), signOdd), _mm_mul_ps(ai, bs)));
   }
   if (n % 2 == 0 && n >= 2) Store(lagProducts, n - 1, MulConj(Load(pass.in, n - 1), Load(pass.in, n - 2)));
+  // The lag-one correlation over the windows of entries m and m+1 (the last reads entry n-1), and
+  // (-im, re) of it.
+  alignas(16) float corr[2 * CARRIER_FILTER_MAX_ENTRIES + 4], corrTurned[2 * CARRIER_FILTER_MAX_ENTRIES + 4];
+  for (int32_t m = 4; m <= n - 5; m += 2) {
+    const float* q = lagProducts + 2 * (m - 3);
+    __m128 p[7];
+    for (int32_t k = 0; k < 7; ++k) p[k] = _mm_loadu_ps(q + 2 * k);
+    const __m128 c = _mm_add_ps(_mm_add_ps(_mm_add_ps(p[0], p[2]), _mm_add_ps(p[4], p[6])),
+                                _mm_add_ps(_mm_add_ps(p[1], p[3]), p[5]));
+    _mm_store_ps(corr + 2 * m, c);
+    _mm_store_ps(corrTurned + 2 * m, _mm_xor_ps(_mm_shuffle_ps(c, c, _MM_SHUFFLE(2, 3, 0, 1)), signEven));
+  }
 
   __m128 tp[4];
   for (int32_t v = 0; v < 3; ++v) tp[v] = _mm_loadu_ps(pass.taps + 4 * v);
@@ -71,11 +83,9 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
     for (int32_t v = 0; v < 4; ++v) prod[v] = MulPairs(in[v], lagged[v], signEven);
     __m128 w = TreeSumPairs(prod, lowPair, negativeZeroHigh);
     if (adaptedBefore) {
-      __m128 lag[4];
-      for (int32_t v = 0; v < 4; ++v) lag[v] = _mm_loadu_ps(lagProducts + 2 * (m - 3) + 4 * v);
-      const __m128 c = TreeSumPairs(lag, lowPair, negativeZeroHigh);
-      // err * c = (er cr - ei ci, er ci + ei cr); (-ci, cr) is formed off the chain.
-      const __m128 cTurned = _mm_xor_ps(_mm_shuffle_ps(c, c, _MM_SHUFFLE(2, 3, 0, 1)), signEven);
+      // err * c = (er cr - ei ci, er ci + ei cr)
+      const __m128 c = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(corr + 2 * m));
+      const __m128 cTurned = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(corrTurned + 2 * m));
       w = _mm_add_ps(w, _mm_add_ps(_mm_mul_ps(errRe, c), _mm_mul_ps(errIm, cTurned)));
     }
     _mm_storel_pi(reinterpret_cast<__m64*>(pass.out + 2 * m), w);
