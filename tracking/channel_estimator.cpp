@@ -65,6 +65,27 @@ void RebaseAfterJump() {
   }
 }
 
+// One LMS tap per lag, each predicting this symbol's pilots from those of the symbol `lag` scattered
+// periods back and clamped to [0, 1] after every group. The lags are independent chains, so they
+// advance side by side in one pass over the groups.
+template <int32_t LAGS>
+void AdaptLagTaps(const float* y, const float* const* x, int32_t groups, float* lagTap) {
+  const float step = engine.lmsStep;
+  float w[LAGS];
+  for (int32_t l = 0; l < LAGS; ++l) w[l] = lagTap[l];
+  for (int32_t p = 0; p < groups; ++p) {
+    const float yr = y[p], yi = y[groups + p];
+    for (int32_t l = 0; l < LAGS; ++l) {
+      const float xr = x[l][p], xi = x[l][groups + p];
+      float v = w[l] + step * ((yr - w[l] * xr) * xr + (yi - w[l] * xi) * xi);
+      if (v < 0.0f) v = 0.0f;
+      if (v > 1.0f) v = 1.0f;
+      w[l] = v;
+    }
+  }
+  for (int32_t l = 0; l < LAGS; ++l) lagTap[l] = w[l];
+}
+
 }  // namespace
 
 void EstimatePilots() {
@@ -158,20 +179,18 @@ void WatchChannelChange() {
   if (t.jumpAge == 2) lags = 1;
   if (t.jumpAge == 3) lags = 2;
 
-  const float* y = t.pilotHistoryNow;
+  const float* x[3];
   for (int32_t l = 0; l < lags; ++l) {
     const int32_t slot = ((t.pilotHistorySlot - 4 - 4 * l) % PILOT_HISTORY_ROWS + PILOT_HISTORY_ROWS) %
                          PILOT_HISTORY_ROWS;
-    const float* x = HistoryRow(slot);
-    float w = t.lagTap[l];
-    for (int32_t p = 0; p < groups; ++p) {
-      const float xr = x[p], xi = x[groups + p];
-      const float yr = y[p], yi = y[groups + p];
-      w = w + engine.lmsStep * ((yr - w * xr) * xr + (yi - w * xi) * xi);
-      if (w < 0.0f) w = 0.0f;
-      if (w > 1.0f) w = 1.0f;
-    }
-    t.lagTap[l] = w;
+    x[l] = HistoryRow(slot);
+  }
+  if (lags == 3) {
+    AdaptLagTaps<3>(t.pilotHistoryNow, x, groups, t.lagTap);
+  } else if (lags == 2) {
+    AdaptLagTaps<2>(t.pilotHistoryNow, x, groups, t.lagTap);
+  } else {
+    AdaptLagTaps<1>(t.pilotHistoryNow, x, groups, t.lagTap);
   }
   for (int32_t l = 0; l < 3; ++l) t.lagTapAvg[l] = 0.875f * t.lagTapAvg[l] + 0.125f * t.lagTap[l];
   if (t.channelLog)

@@ -3,6 +3,9 @@
 // received carrier implies through its decision. The levels are those of the ISDB-T mappings
 // (ARIB STD-B31 3.12.3) at mean power 1; the boundary tests are deliberately one-sided.
 #include <cstdint>
+#if defined(__SSE2__)
+#include <immintrin.h>
+#endif
 
 #include "tracking/complex32.h"
 
@@ -11,9 +14,17 @@ namespace zfn {
 // Each level is picked by counting the boundaries the value lies beyond: the comparisons give 0
 // or 1 and no branch depends on the (random) data. Every comparison fails for a NaN, which thus
 // takes the positive outer level.
+// The QPSK decision lies on the chain of every decision-directed adaption: on x86 it is the mask of
+// one comparison laid on the sign of the level (the two levels are each other's negation), a few
+// cycles shorter than the table look-up.
 inline float SliceQpsk(float v) {
+#if defined(__SSE2__)
+  const __m128 beyond = _mm_cmple_ss(_mm_set_ss(v), _mm_setzero_ps());
+  return _mm_cvtss_f32(_mm_xor_ps(_mm_set_ss(0.707107f), _mm_and_ps(beyond, _mm_set_ss(-0.0f))));
+#else
   constexpr float LEVELS[2] = {-0.707107f, 0.707107f};
   return LEVELS[1 - (v <= 0.0f)];
+#endif
 }
 
 // The positive outer level of the real component carries a last digit of its own.

@@ -108,6 +108,7 @@ BENCHMARK_CAPTURE(BM_Rotation, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_Rotation, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_CarrierFilter, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_CarrierFilter, sse2, VectorIsa::SSE2);
+BENCHMARK_CAPTURE(BM_CarrierFilter, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_Equaliser, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_Equaliser, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_Equaliser, avx2, VectorIsa::AVX2);

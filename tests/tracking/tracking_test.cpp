@@ -32,7 +32,7 @@ namespace {
 // side; the real 16QAM outer level carries its own last digit.
 TEST(Slicers, BoundariesAreOneSided) {
   const float b16 = 0.6324555f, up = std::nextafter(b16, 1.0f);
-  const float qpsk[][2] = {{0.0f, -0.707107f}, {-0.0f, -0.707107f}, {1e-30f, 0.707107f}, {-5.0f, -0.707107f}};
+  const float qpsk[][2] = {{0.0f, -0.707107f}, {-0.0f, -0.707107f}, {1e-30f, 0.707107f}, {-5.0f, -0.707107f}, {NAN, 0.707107f}};
   for (const auto& c : qpsk) EXPECT_EQ(SliceQpsk(c[0]), c[1]) << c[0];
   const float qam16[][3] = {{0.0f, 1, -0.3162278f}, {-b16, 1, -0.3162278f}, {std::nextafter(-b16, -1.0f), 1, -0.9486832f},
                             {b16, 1, 0.3162278f},   {up, 1, 0.9486833f},    {up, 0, 0.9486832f}, {1e-20f, 0, 0.3162278f}};
