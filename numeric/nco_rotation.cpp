@@ -29,17 +29,18 @@ NcoRotators MakeNcoRotators(int32_t count, double phase, double step) {
   return r;
 }
 
-void RotateGroupsScalar(float* samples, const NcoRotators& r) {
+void RotateGroupsScalar(const float* in, float* out, const NcoRotators& r) {
   float rotRe[4], rotIm[4];
   for (int i = 0; i < 4; ++i) {
     rotRe[i] = r.re[i];
     rotIm[i] = r.im[i];
   }
-  float* z = samples;
-  for (int32_t g = 0; g < r.groups; ++g, z += 8) {
+  const float* x = in;
+  float* z = out;
+  for (int32_t g = 0; g < r.groups; ++g, x += 8, z += 8) {
     for (int i = 0; i < 4; ++i) {
-      const float xRe = z[2 * i];
-      const float xIm = z[2 * i + 1];
+      const float xRe = x[2 * i];
+      const float xIm = x[2 * i + 1];
       z[2 * i] = xRe * rotRe[i] - xIm * rotIm[i];
       z[2 * i + 1] = xRe * rotIm[i] + xIm * rotRe[i];
       const float nRe = rotRe[i] * r.quadRe - rotIm[i] * r.quadIm;
@@ -49,19 +50,19 @@ void RotateGroupsScalar(float* samples, const NcoRotators& r) {
   }
 }
 
-void RotateByNcoWith(VectorIsa isa, float* samples, int32_t count, double phase, double step) {
+void RotateByNcoWith(VectorIsa isa, const float* in, float* out, int32_t count, double phase, double step) {
   const NcoRotators r = MakeNcoRotators(count, phase, step);
 #if defined(__x86_64__) || defined(__i386__)
   if (isa != VectorIsa::SCALAR && VectorIsaAvailable(VectorIsa::SSE2)) {
-    RotateGroupsSse2(samples, r);
+    RotateGroupsSse2(in, out, r);
     return;
   }
 #endif
-  RotateGroupsScalar(samples, r);
+  RotateGroupsScalar(in, out, r);
 }
 
-void RotateByNco(float* samples, int32_t count, double phase, double step) {
-  RotateByNcoWith(ActiveVectorIsa(), samples, count, phase, step);
+void RotateByNco(const float* in, float* out, int32_t count, double phase, double step) {
+  RotateByNcoWith(ActiveVectorIsa(), in, out, count, phase, step);
 }
 
 }  // namespace zfn

@@ -19,13 +19,14 @@ struct NcoRotators {
 
 NcoRotators MakeNcoRotators(int32_t count, double phase, double step);
 
-// The kernels: groups * 4 complex samples, interleaved re, im, rotated in place.
-void RotateGroupsScalar(float* samples, const NcoRotators& r);
+// The kernels: groups * 4 complex samples, interleaved re, im, read from `in` and written to `out`
+// (the same buffer rotates in place; other buffers must not overlap).
+void RotateGroupsScalar(const float* in, float* out, const NcoRotators& r);
 #if defined(__x86_64__) || defined(__i386__)
-void RotateGroupsSse2(float* samples, const NcoRotators& r);
+void RotateGroupsSse2(const float* in, float* out, const NcoRotators& r);
 #endif
 
 // One call with a given variant (a set the processor lacks falls back to the best it has).
-void RotateByNcoWith(VectorIsa isa, float* samples, int32_t count, double phase, double step);
+void RotateByNcoWith(VectorIsa isa, const float* in, float* out, int32_t count, double phase, double step);
 
 }  // namespace zfn

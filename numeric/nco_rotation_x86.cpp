@@ -8,15 +8,16 @@
 
 namespace zfn {
 
-__attribute__((target("sse2"))) void RotateGroupsSse2(float* samples, const NcoRotators& r) {
+__attribute__((target("sse2"))) void RotateGroupsSse2(const float* in, float* out, const NcoRotators& r) {
   __m128 rr = _mm_loadu_ps(r.re);
   __m128 ri = _mm_loadu_ps(r.im);
   const __m128 qr = _mm_set1_ps(r.quadRe);
   const __m128 qi = _mm_set1_ps(r.quadIm);
-  float* z = samples;
-  for (int32_t g = 0; g < r.groups; ++g, z += 8) {
-    const __m128 a = _mm_loadu_ps(z);
-    const __m128 b = _mm_loadu_ps(z + 4);
+  const float* x = in;
+  float* z = out;
+  for (int32_t g = 0; g < r.groups; ++g, x += 8, z += 8) {
+    const __m128 a = _mm_loadu_ps(x);
+    const __m128 b = _mm_loadu_ps(x + 4);
     const __m128 xr = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
     const __m128 xi = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
     const __m128 yr = _mm_sub_ps(_mm_mul_ps(xr, rr), _mm_mul_ps(xi, ri));

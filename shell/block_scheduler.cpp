@@ -305,12 +305,22 @@ int32_t CutSampleSpan(float* span, int32_t floats) {
 }
 
 void WalkSymbols() {
+  // The rotation of a step works in groups of four samples and may read three beyond the span.
+  constexpr int32_t SPAN_SLACK_FLOATS = 8;
+  const int32_t floats = 2 * engine.nwork;
   for (;;) {
     // After a symbol completed over the edge the walk can step back into the tail it still holds;
     // otherwise a step larger than a symbol stays in the block.
     const int32_t earliest = engine.straddleFlag == 1 ? -engine.straddleFloats : 0;
-    if (CutSampleSpan(engine.symbolBuffer, 2 * engine.nwork) == 0) return;
+    if (engine.straddleFlag == 0 && engine.readPos >= 0 && engine.readPos + floats + SPAN_SLACK_FLOATS < BLOCK_FLOATS) {
+      // Inside the block the step reads the samples where they are, without a copy.
+      engine.symbolSpan = engine.sampleBlock + engine.readPos;
+    } else {
+      if (CutSampleSpan(engine.symbolBuffer, floats) == 0) return;
+      engine.symbolSpan = engine.symbolBuffer;
+    }
     symbolStepHandler();
+    engine.symbolSpan = nullptr;
     engine.readPos = std::max(engine.readPos + 2 * (engine.nsymbol + engine.timingStep), earliest);
   }
 }

@@ -26,7 +26,8 @@ void ConvertBlock(const uint8_t* raw, float* samples);
 // reaches back into the tail of the last block that span still holds. 1 when span is whole; 0 when
 // the block ran out first.
 int32_t CutSampleSpan(float* span, int32_t floats);
-// Walks the symbols of sampleBlock in BLOCK_TRACKING, each nsymbol + timingStep after the last.
+// Walks the symbols of sampleBlock in BLOCK_TRACKING, each nsymbol + timingStep after the last. A
+// step finds its symbol at symbolSpan: in sampleBlock, or in symbolBuffer where it crosses an edge.
 void WalkSymbols();
 // One symbol: tracking, decoding, then FinishSymbol.
 void SymbolStep();
@@ -46,7 +47,7 @@ extern BlockStages blockStages;
 extern const BlockStages STAGE_ENTRY_POINTS;
 
 // The walk calls the symbol step through this pointer. Tests replace it with a consumer that looks
-// at symbolBuffer and sets timingStep, to check the walk on its own.
+// at symbolSpan and sets timingStep, to check the walk on its own.
 extern void (*symbolStepHandler)();
 
 // Steady clock in milliseconds, and the times the reception thread last published a block and the

@@ -45,7 +45,7 @@ void BM_Rotation(benchmark::State& state, VectorIsa isa) {
   if (Skip(state, isa)) return;
   std::vector<float> x = Values(2 * ROTATED_SAMPLES, 1);
   for (auto _ : state) {
-    RotateByNcoWith(isa, x.data(), ROTATED_SAMPLES, 0.3, 1e-4);  // |rotator| 1: the values stay bounded
+    RotateByNcoWith(isa, x.data(), x.data(), ROTATED_SAMPLES, 0.3, 1e-4);  // |rotator| 1: the values stay bounded
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * ROTATED_SAMPLES);

@@ -49,10 +49,18 @@ std::string CompareRotation(VectorIsa isa, Random& random, int trial) {
   const double step = (trial % 3 == 0 ? 3.1 : 0.02) * (2.0 * Uniform(random) - 1.0);
   const size_t floats = offset + 2 * static_cast<size_t>(std::max(4, (count + 3) / 4 * 4)) + 8;
   const std::vector<float> input = Noise(random, floats);
-  std::vector<float> reference = input, vector = input;
-  RotateByNcoWith(VectorIsa::SCALAR, reference.data() + offset, count, phase, step);
-  RotateByNcoWith(isa, vector.data() + offset, count, phase, step);
-  return SameBits(reference, vector) ? "" : "count " + std::to_string(count);
+  std::vector<float> reference = input, vector = input, apart(floats, -1.0f);
+  RotateByNcoWith(VectorIsa::SCALAR, reference.data() + offset, reference.data() + offset, count, phase, step);
+  RotateByNcoWith(isa, vector.data() + offset, vector.data() + offset, count, phase, step);
+  // Out of place, from the input into another buffer: the same values, nothing else written.
+  RotateByNcoWith(isa, input.data() + offset, apart.data() + offset, count, phase, step);
+  bool untouched = true;
+  for (size_t i = 0; i < floats; ++i) {
+    if (i >= offset && i < floats - 8) continue;
+    untouched = untouched && apart[i] == -1.0f;
+    apart[i] = input[i];
+  }
+  return SameBits(reference, vector) && SameBits(reference, apart) && untouched ? "" : "count " + std::to_string(count);
 }
 
 std::string CompareCarrierFilter(VectorIsa isa, Random& random, int trial) {
@@ -228,7 +236,7 @@ TEST(VectorKernels, RotationMatchesDirectRotationInGroupsOfFour) {
     const int rotated = std::max(4, (count + 3) / 4 * 4);
     const std::vector<float> x = Noise(random, 2 * static_cast<size_t>(rotated + 4));
     std::vector<float> y = x;
-    RotateByNco(y.data(), count, phase, step);
+    RotateByNco(y.data(), y.data(), count, phase, step);
     for (int n = 0; n < rotated + 4; ++n) {
       const std::complex<double> in(x[2 * n], x[2 * n + 1]), want = n < rotated ? in * std::polar(1.0, phase + n * step) : in;
       EXPECT_NEAR(y[2 * n], want.real(), n < rotated ? 2e-4 : 0.0) << "count " << count << " n " << n;

@@ -78,9 +78,10 @@ struct Walk {
 Walk* walk = nullptr;
 
 void RecordSymbol() {
-  const float first = walk->buffer[0];
+  const float* span = engine.symbolSpan;
+  const float first = span[0];
   for (int32_t i = 1; i < S; ++i) {
-    if (walk->buffer[i] != first + static_cast<float>(i)) {
+    if (span[i] != first + static_cast<float>(i)) {
       ++walk->broken;
       break;
     }
