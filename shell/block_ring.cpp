@@ -82,6 +82,14 @@ int32_t BlockAssembler::Append(const uint8_t* bytes, int64_t length,
                                void (*onBlock)(const uint8_t*, void*), void* context) {
   int32_t blocks = 0;
   while (length > 0) {
+    if (remaining == RAW_BLOCK_BYTES && length >= RAW_BLOCK_BYTES) {
+      // A whole block in the bytes given goes on from where it lies, without the assembly copy.
+      onBlock(bytes, context);
+      ++blocks;
+      bytes += RAW_BLOCK_BYTES;
+      length -= RAW_BLOCK_BYTES;
+      continue;
+    }
     const int32_t take = length < remaining ? static_cast<int32_t>(length) : remaining;
     std::memcpy(buffer + (RAW_BLOCK_BYTES - remaining), bytes, static_cast<size_t>(take));
     bytes += take;

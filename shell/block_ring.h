@@ -40,7 +40,8 @@ struct BlockAssembler {
   int32_t remaining;  // bytes still missing from the block in buffer
 
   void Reset(uint8_t* assemblyBuffer);
-  // Appends length bytes; calls onBlock(buffer, context) for every block completed.
+  // Appends length bytes; calls onBlock(block, context) for every block completed, with block in
+  // buffer, or in bytes where a whole block lies there; it is valid during the call only.
   // Returns the number of blocks completed.
   int32_t Append(const uint8_t* bytes, int64_t length, void (*onBlock)(const uint8_t*, void*),
                  void* context);
