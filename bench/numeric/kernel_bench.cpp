@@ -90,6 +90,7 @@ void BM_QamEqualiser(benchmark::State& state, VectorIsa isa) {  // 64QAM: the lo
 
 BENCHMARK_CAPTURE(BM_Rotation, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_Rotation, sse2, VectorIsa::SSE2);
+BENCHMARK_CAPTURE(BM_Rotation, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_CarrierFilter, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_CarrierFilter, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_Equaliser, scalar, VectorIsa::SCALAR);

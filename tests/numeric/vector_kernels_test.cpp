@@ -191,7 +191,7 @@ struct Kernel {
 };
 
 const Kernel KERNELS[] = {
-    {"carrier rotation", {VectorIsa::SSE2}, CompareRotation, 300},
+    {"carrier rotation", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareRotation, 300},
     {"filter across carriers", {VectorIsa::SSE2}, CompareCarrierFilter, 300},
     {"QPSK equaliser", {VectorIsa::SSE2, VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 2); }, 300},
