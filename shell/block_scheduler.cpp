@@ -152,7 +152,19 @@ void ProcessPendingBlocks() {
   }
 }
 
-void ConvertBlock(const uint8_t* raw, float* samples) {
+void ConvertBlock(const uint8_t* raw, float* samples) { ConvertBlockWith(ActiveVectorIsa(), raw, samples); }
+
+void ConvertBlockWith(VectorIsa isa, const uint8_t* raw, float* samples) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) {
+    ConvertBlockAvx2(raw, samples);
+    return;
+  }
+#endif
+  ConvertBlockScalar(raw, samples);
+}
+
+void ConvertBlockScalar(const uint8_t* raw, float* samples) {
   // Bytes 0 and 1 of every group of four are I and Q, zero level 127; bytes 2 and 3 are the
   // device's second sample of the pair, dropped without a filter to halve the rate. The values are
   // exact, (byte - 127) / 128, however they are formed: on a little-endian machine the group is read

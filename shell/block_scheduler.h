@@ -3,6 +3,7 @@
 // walk of OFDM symbols across block edges.
 #include <cstdint>
 
+#include "numeric/vector_isa.h"
 #include "shell/relaxed_word.h"
 
 namespace zfn {
@@ -17,8 +18,14 @@ void PacketThread();
 void ProcessPendingBlocks();
 // Converts rawBlock and acts by blockState.
 void ProcessBlock();
-// Converts the 60160 retained samples of rawBlock into sampleBlock.
+// Converts the 60160 retained samples of rawBlock into sampleBlock, with the variant the vector
+// set allows (numeric/vector_isa.h); every variant gives the scalar reference's values.
 void ConvertBlock(const uint8_t* raw, float* samples);
+void ConvertBlockWith(VectorIsa isa, const uint8_t* raw, float* samples);
+void ConvertBlockScalar(const uint8_t* raw, float* samples);
+#if defined(__x86_64__) || defined(__i386__)
+void ConvertBlockAvx2(const uint8_t* raw, float* samples);
+#endif
 // Cuts the span of `floats` floats that starts at readPos in sampleBlock into `span`: the one way
 // coarse sync, frame sync and tracking take a symbol. A span that reaches the block's end is cut in
 // two: its head stays in span (straddleFlag, straddleFloats) and the call for the next block adds

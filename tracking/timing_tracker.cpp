@@ -80,31 +80,17 @@ const GateMultipliers& CurrentGateMultipliers(bool sliding) {
   return g;
 }
 
-// Sum over the fixed carriers of |T - S*P|^2 against the values P of the last symbol, which row
-// `row` holds; the row then takes T.
-float CompareAndKeep(const float* tr, const float* ti, const float* sign, int32_t row) {
-  const int32_t ntrack = engine.ntrack;
-  float* pr = engine.marginRe + row * ntrack;
-  float* pi = engine.marginIm + row * ntrack;
-  float terms[MAX_TRACK];
-  for (int32_t c = 0; c < ntrack; ++c) {
-    const float dr = tr[c] - sign[c] * pr[c];
-    const float di = ti[c] - sign[c] * pi[c];
-    terms[c] = dr * dr + di * di;
-    pr[c] = tr[c];
-    pi[c] = ti[c];
-  }
-  float sum = 0.0f;
-  for (int32_t c = 0; c < ntrack; ++c) sum += terms[c];
-  return sum;
-}
-
-// One side of the gate: the sums start at the carriers' values a and take, at step d, the
-// difference of the sample entering and the one leaving times the multiplier of d.
+// One side of the gate: the sums T start at the carriers' values a and take, at step d, the
+// difference of the sample entering and the one leaving times the multiplier of d. The profile at
+// d is the sum over the fixed carriers of |T - S*P|^2 against the values P of the last symbol, which
+// row firstRow + d holds; the row then takes T. The carriers' terms of all steps are kept, and the
+// sums, each in carrier order, follow for all steps at once, so that they do not wait on each other.
 void SlideGateSide(const float (*wRe)[MAX_TRACK], const float (*wIm)[MAX_TRACK], const float* a, const float* sign,
                    int32_t span, int32_t inAt, int32_t outAt, int32_t direction, int32_t firstRow,
                    float* profileAt) {
+  const int32_t ntrack = engine.ntrack;
   const float* x = engine.symbolBuffer;
+  float terms[MAX_GATE_SPAN][MAX_TRACK];
   float tr[MAX_TRACK];
   float ti[MAX_TRACK];
   for (int32_t c = 0; c < MAX_TRACK; ++c) {
@@ -122,7 +108,20 @@ void SlideGateSide(const float (*wRe)[MAX_TRACK], const float (*wIm)[MAX_TRACK],
       ti[c] = ti[c] + (dr * wi[c] + di * wr[c]);
       tr[c] = nr;
     }
-    profileAt[at] = CompareAndKeep(tr, ti, sign, firstRow + d);
+    float* pr = engine.marginRe + (firstRow + d) * ntrack;
+    float* pi = engine.marginIm + (firstRow + d) * ntrack;
+    for (int32_t c = 0; c < ntrack; ++c) {
+      const float er = tr[c] - sign[c] * pr[c];
+      const float ei = ti[c] - sign[c] * pi[c];
+      terms[d][c] = er * er + ei * ei;
+      pr[c] = tr[c];
+      pi[c] = ti[c];
+    }
+  }
+  for (int32_t d = 0; d < span; ++d) {
+    float sum = 0.0f;
+    for (int32_t c = 0; c < ntrack; ++c) sum += terms[d][c];
+    profileAt[d * direction] = sum;
   }
 }
 

@@ -16,6 +16,8 @@
 #include "decoder/viterbi.h"
 #include "numeric/nco_rotation.h"
 #include "numeric/vector_isa.h"
+#include "shell/block_scheduler.h"
+#include "shell/shell_fields.h"
 #include "tests/decoder/decoder_test_support.h"
 #include "tracking/carrier_filter.h"
 #include "tracking/equaliser_kernels.h"
@@ -61,6 +63,17 @@ std::string CompareRotation(VectorIsa isa, Random& random, int trial) {
     apart[i] = input[i];
   }
   return SameBits(reference, vector) && SameBits(reference, apart) && untouched ? "" : "count " + std::to_string(count);
+}
+
+// A block of random device bytes at any alignment of bytes and floats.
+std::string CompareBlockConversion(VectorIsa isa, Random& random, int) {
+  const size_t rawOffset = random.Below(32), floatOffset = random.Below(8);
+  std::vector<uint8_t> raw(rawOffset + RAW_BLOCK_BYTES);
+  for (uint8_t& b : raw) b = static_cast<uint8_t>(random.Next() >> 56);
+  std::vector<float> reference(floatOffset + BLOCK_FLOATS + 8, -1.0f), vector = reference;
+  ConvertBlockWith(VectorIsa::SCALAR, raw.data() + rawOffset, reference.data() + floatOffset);
+  ConvertBlockWith(isa, raw.data() + rawOffset, vector.data() + floatOffset);
+  return SameBits(reference, vector) ? "" : "offsets " + std::to_string(rawOffset) + ", " + std::to_string(floatOffset);
 }
 
 std::string CompareCarrierFilter(VectorIsa isa, Random& random, int trial) {
@@ -193,6 +206,7 @@ struct Kernel {
 const Kernel KERNELS[] = {
     {"carrier rotation", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareRotation, 300},
     {"filter across carriers", {VectorIsa::SSE2}, CompareCarrierFilter, 300},
+    {"block conversion", {VectorIsa::AVX2}, CompareBlockConversion, 20},
     {"QPSK equaliser", {VectorIsa::SSE2, VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 2); }, 300},
     {"16QAM and 64QAM equaliser", {VectorIsa::AVX2},
