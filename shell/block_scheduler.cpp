@@ -112,30 +112,32 @@ void ProcessPendingBlocks() {
     }
     device.controlLock.Set();
 
+    // The block is converted as it is taken, in its slot, by the state it is taken for: a restart
+    // sets that state first.
     if (restart || engine.resyncRequest != 0 || engine.tmccFailed != 0) {
-      // A restart works on the newest samples: every block in between is skipped.
-      BlockRingTakeNewest(engine.rawBlock);
       RequestPacketRestart();
+      if (restart) {
+        engine.blockState = BLOCK_MODE_DETECT;
+        ResetAcquisition();
+        restart = false;
+      } else {
+        // Refinement: an acquisition that failed before tracking may be reading the groups of four
+        // bytes at the wrong place (a byte lost or inserted); the next one tries the next phase.
+        if (engine.refined != 0 && engine.blockState >= BLOCK_MODE_DETECT && engine.blockState < BLOCK_TRACKING) {
+          engine.bytePhase = (engine.bytePhase + 1) & 3;
+        }
+        engine.blockState = BLOCK_MODE_DETECT;
+        ResetAcquisition();
+      }
+      // A restart works on the newest samples: every block in between is skipped.
+      BlockRingTakeNewest(ConvertTakenBlock, nullptr);
     } else {
       if (taken == BLOCKS_PER_PASS) return;
-      if (!BlockRingTakeNext(engine.rawBlock)) return;
+      if (!BlockRingTakeNext(ConvertTakenBlock, nullptr)) return;
     }
     taken += 1;
     lastBlockTakenMs = SteadyMilliseconds();
 
-    if (restart) {
-      engine.blockState = BLOCK_MODE_DETECT;
-      ResetAcquisition();
-      restart = false;
-    } else if (engine.resyncRequest != 0 || engine.tmccFailed != 0) {
-      // Refinement: an acquisition that failed before tracking may be reading the groups of four
-      // bytes at the wrong place (a byte lost or inserted); the next one tries the next phase.
-      if (engine.refined != 0 && engine.blockState >= BLOCK_MODE_DETECT && engine.blockState < BLOCK_TRACKING) {
-        engine.bytePhase = (engine.bytePhase + 1) & 3;
-      }
-      engine.blockState = BLOCK_MODE_DETECT;
-      ResetAcquisition();
-    }
     // The engine changes these switches only between blocks.
     if (probeEnable.load() != engine.probeActive) engine.probeActive = probeEnable.load();
     const int32_t reload = engine.paramReloadRequest;
@@ -208,15 +210,19 @@ bool TryNextBytePhase() {
 
 }  // namespace
 
+void ConvertTakenBlock(const uint8_t* block, void*) {
+  const int32_t state = engine.blockState;
+  if (state == BLOCK_IDLE || state == BLOCK_NO_SIGNAL) return;
+  if (engine.bytePhase == 0) {
+    ConvertBlock(block, engine.sampleBlock);
+  } else {
+    ConvertBlockAtPhase(block, engine.sampleBlock, engine.bytePhase);
+  }
+}
+
 void ProcessBlock() {
   const int32_t state = engine.blockState;
   if (state == BLOCK_IDLE || state == BLOCK_NO_SIGNAL) return;
-
-  if (engine.bytePhase == 0) {
-    ConvertBlock(engine.rawBlock, engine.sampleBlock);
-  } else {
-    ConvertBlockAtPhase(engine.rawBlock, engine.sampleBlock, engine.bytePhase);
-  }
 
   switch (state) {
     case BLOCK_MODE_DETECT:

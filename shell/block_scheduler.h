@@ -16,9 +16,12 @@ void PacketThread();
 // Takes pending blocks from the ring and runs them through the state machine; returns when the
 // ring is empty, the tuner is changing, or ten blocks were taken.
 void ProcessPendingBlocks();
-// Converts rawBlock and acts by blockState.
+// Acts by blockState on sampleBlock.
 void ProcessBlock();
-// Converts the 60160 retained samples of rawBlock into sampleBlock, with the variant the vector
+// How the state machine takes a block from the ring: converted into sampleBlock (nothing in
+// BLOCK_IDLE and BLOCK_NO_SIGNAL, whose blocks are thrown away).
+void ConvertTakenBlock(const uint8_t* block, void*);
+// Converts the 60160 retained samples of a raw block into sampleBlock, with the variant the vector
 // set allows (numeric/vector_isa.h); every variant gives the scalar reference's values.
 void ConvertBlock(const uint8_t* raw, float* samples);
 void ConvertBlockWith(VectorIsa isa, const uint8_t* raw, float* samples);

@@ -44,7 +44,6 @@ struct LayerParams {
 struct ShellFields {
   // Block scheduling (read with no lock by the status functions).
   RelaxedWord<int32_t> blockState{BLOCK_IDLE};
-  uint8_t* rawBlock;
   float* sampleBlock;
   int32_t readPos;         // next symbol start in sampleBlock, in floats
   int32_t straddleFlag;
