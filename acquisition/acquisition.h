@@ -12,9 +12,10 @@ constexpr int32_t TMCC_INFO_BITS = 102;
 // (interleaved complex floats from sample 0); writes guardPeak and guardMetric at mode*4 + guard.
 void MeasureGuardCorrelation(const float* x, int32_t mode, int32_t guard);
 
-// y[n] = x[n] * exp(j*(phase + n*step)) in place. Works in groups of four: count is rounded up to a
-// multiple of four, at least four, and the buffer must hold that many complex samples.
-void RotateByNco(float* samples, int32_t count, double phase, double step);
+// out[n] = in[n] * exp(j*(phase + n*step)); in == out rotates in place, other buffers must not
+// overlap. Works in groups of four: count is rounded up to a multiple of four, at least four, and
+// both buffers must hold that many complex samples.
+void RotateByNco(const float* in, float* out, int32_t count, double phase, double step);
 
 // ncoPhase += nsymbol * ncoStep (single precision), wrapped into [0, 2*pi).
 void AdvanceNcoPhaseBySymbol();

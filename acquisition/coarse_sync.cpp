@@ -35,7 +35,7 @@ void CoarseSymbolStep() {
   ReceiverState& e = engine;
   CutSampleSpan(e.symbolBody, 2 * e.nfft);
   e.readPos += 2 * e.nsymbol;
-  RotateByNco(e.symbolBody, e.nfft, e.ncoPhase, e.ncoStep);
+  RotateByNco(e.symbolBody, e.symbolBody, e.nfft, e.ncoPhase, e.ncoStep);
   AdvanceNcoPhaseBySymbol();
   DftiComputeForward(e.fftPlan, e.symbolBody);  // status ignored by design
 }

@@ -58,7 +58,7 @@ int32_t RunFrameSync() {
     const int32_t j = FRAME_CAPTURE_SYMBOLS - e.frameSymbolsLeft;
     if (CutSampleSpan(e.symbolBody, 2 * e.nfft) == 0) return 0;
     e.readPos += 2 * e.nsymbol;
-    RotateByNco(e.symbolBody, e.nfft, e.ncoPhase, e.ncoStep);
+    RotateByNco(e.symbolBody, e.symbolBody, e.nfft, e.ncoPhase, e.ncoStep);
     AdvanceNcoPhaseBySymbol();
     DftiComputeForward(e.fftPlan, e.symbolBody);  // status ignored by design
 

@@ -55,23 +55,32 @@ void BlockRingPublish(const uint8_t* block) {
   blockRing.writeCount += 1;
 }
 
-bool BlockRingTakeNext(uint8_t* target) {
-  // The copy stays inside the lock: a lapped reader would otherwise copy a slot while reception
-  // rewrites it. The cost is one block copy of waiting for the reception thread at most.
+bool BlockRingTakeNext(BlockUse use, void* context) {
+  // The use stays inside the lock: a lapped reader would otherwise read a slot while reception
+  // rewrites it. The cost is one block's use of waiting for the reception thread at most.
   std::lock_guard<std::mutex> lock(blockRing.ringLock);
   if (blockRing.readIndex == blockRing.writeIndex) return false;
   blockRing.readIndex = (blockRing.readIndex + 1) & 3;
-  std::memcpy(target, blockRing.slots[blockRing.readIndex], RAW_BLOCK_BYTES);
+  use(blockRing.slots[blockRing.readIndex], context);
   blockRing.readCount += 1;
   return true;
 }
 
-void BlockRingTakeNewest(uint8_t* target) {
+void BlockRingTakeNewest(BlockUse use, void* context) {
   std::lock_guard<std::mutex> lock(blockRing.ringLock);
-  std::memcpy(target, blockRing.slots[blockRing.writeIndex], RAW_BLOCK_BYTES);
+  use(blockRing.slots[blockRing.writeIndex], context);
   blockRing.readIndex = blockRing.writeIndex;
   blockRing.readCount = blockRing.writeCount;
 }
+
+namespace {
+
+void CopyBlock(const uint8_t* block, void* target) { std::memcpy(target, block, RAW_BLOCK_BYTES); }
+
+}  // namespace
+
+bool BlockRingTakeNext(uint8_t* target) { return BlockRingTakeNext(CopyBlock, target); }
+void BlockRingTakeNewest(uint8_t* target) { BlockRingTakeNewest(CopyBlock, target); }
 
 void BlockAssembler::Reset(uint8_t* assemblyBuffer) {
   buffer = assemblyBuffer;
@@ -82,6 +91,14 @@ int32_t BlockAssembler::Append(const uint8_t* bytes, int64_t length,
                                void (*onBlock)(const uint8_t*, void*), void* context) {
   int32_t blocks = 0;
   while (length > 0) {
+    if (remaining == RAW_BLOCK_BYTES && length >= RAW_BLOCK_BYTES) {
+      // A whole block in the bytes given goes on from where it lies, without the assembly copy.
+      onBlock(bytes, context);
+      ++blocks;
+      bytes += RAW_BLOCK_BYTES;
+      length -= RAW_BLOCK_BYTES;
+      continue;
+    }
     const int32_t take = length < remaining ? static_cast<int32_t>(length) : remaining;
     std::memcpy(buffer + (RAW_BLOCK_BYTES - remaining), bytes, static_cast<size_t>(take));
     bytes += take;

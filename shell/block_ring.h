@@ -27,9 +27,15 @@ int32_t BlockRingFree();
 
 // Writes a whole block into the next slot (the ring laps without looking at the reader).
 void BlockRingPublish(const uint8_t* block);
-// Copies the next block in order to target. False when the ring is empty (readIndex == writeIndex).
+// What the reader does with a block it takes: use(block, context), in the slot, under the ring's
+// lock, so that a lapping writer waits for it rather than rewrite the slot under it.
+using BlockUse = void (*)(const uint8_t* block, void* context);
+// Hands the next block in order to use. False when the ring is empty (readIndex == writeIndex).
+bool BlockRingTakeNext(BlockUse use, void* context);
+// Hands the newest block to use and marks everything up to it as taken.
+void BlockRingTakeNewest(BlockUse use, void* context);
+// The same with a copy of the block to target.
 bool BlockRingTakeNext(uint8_t* target);
-// Copies the newest block to target and marks everything up to it as taken.
 void BlockRingTakeNewest(uint8_t* target);
 
 // Cuts a byte stream of arbitrary read lengths into whole raw blocks. A read may complete several
@@ -40,7 +46,8 @@ struct BlockAssembler {
   int32_t remaining;  // bytes still missing from the block in buffer
 
   void Reset(uint8_t* assemblyBuffer);
-  // Appends length bytes; calls onBlock(buffer, context) for every block completed.
+  // Appends length bytes; calls onBlock(block, context) for every block completed, with block in
+  // buffer, or in bytes where a whole block lies there; it is valid during the call only.
   // Returns the number of blocks completed.
   int32_t Append(const uint8_t* bytes, int64_t length, void (*onBlock)(const uint8_t*, void*),
                  void* context);

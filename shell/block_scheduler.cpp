@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cstring>
 
@@ -111,30 +112,32 @@ void ProcessPendingBlocks() {
     }
     device.controlLock.Set();
 
+    // The block is converted as it is taken, in its slot, by the state it is taken for: a restart
+    // sets that state first.
     if (restart || engine.resyncRequest != 0 || engine.tmccFailed != 0) {
-      // A restart works on the newest samples: every block in between is skipped.
-      BlockRingTakeNewest(engine.rawBlock);
       RequestPacketRestart();
+      if (restart) {
+        engine.blockState = BLOCK_MODE_DETECT;
+        ResetAcquisition();
+        restart = false;
+      } else {
+        // Refinement: an acquisition that failed before tracking may be reading the groups of four
+        // bytes at the wrong place (a byte lost or inserted); the next one tries the next phase.
+        if (engine.refined != 0 && engine.blockState >= BLOCK_MODE_DETECT && engine.blockState < BLOCK_TRACKING) {
+          engine.bytePhase = (engine.bytePhase + 1) & 3;
+        }
+        engine.blockState = BLOCK_MODE_DETECT;
+        ResetAcquisition();
+      }
+      // A restart works on the newest samples: every block in between is skipped.
+      BlockRingTakeNewest(ConvertTakenBlock, nullptr);
     } else {
       if (taken == BLOCKS_PER_PASS) return;
-      if (!BlockRingTakeNext(engine.rawBlock)) return;
+      if (!BlockRingTakeNext(ConvertTakenBlock, nullptr)) return;
     }
     taken += 1;
     lastBlockTakenMs = SteadyMilliseconds();
 
-    if (restart) {
-      engine.blockState = BLOCK_MODE_DETECT;
-      ResetAcquisition();
-      restart = false;
-    } else if (engine.resyncRequest != 0 || engine.tmccFailed != 0) {
-      // Refinement: an acquisition that failed before tracking may be reading the groups of four
-      // bytes at the wrong place (a byte lost or inserted); the next one tries the next phase.
-      if (engine.refined != 0 && engine.blockState >= BLOCK_MODE_DETECT && engine.blockState < BLOCK_TRACKING) {
-        engine.bytePhase = (engine.bytePhase + 1) & 3;
-      }
-      engine.blockState = BLOCK_MODE_DETECT;
-      ResetAcquisition();
-    }
     // The engine changes these switches only between blocks.
     if (probeEnable.load() != engine.probeActive) engine.probeActive = probeEnable.load();
     const int32_t reload = engine.paramReloadRequest;
@@ -151,12 +154,35 @@ void ProcessPendingBlocks() {
   }
 }
 
-void ConvertBlock(const uint8_t* raw, float* samples) {
+void ConvertBlock(const uint8_t* raw, float* samples) { ConvertBlockWith(ActiveVectorIsa(), raw, samples); }
+
+void ConvertBlockWith(VectorIsa isa, const uint8_t* raw, float* samples) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) {
+    ConvertBlockAvx2(raw, samples);
+    return;
+  }
+#endif
+  ConvertBlockScalar(raw, samples);
+}
+
+void ConvertBlockScalar(const uint8_t* raw, float* samples) {
   // Bytes 0 and 1 of every group of four are I and Q, zero level 127; bytes 2 and 3 are the
-  // device's second sample of the pair, dropped without a filter to halve the rate.
-  for (int32_t k = 0; k < BLOCK_SAMPLES; ++k) {
-    samples[2 * k] = (static_cast<float>(raw[4 * k]) - 127.0f) * 0.0078125f;
-    samples[2 * k + 1] = (static_cast<float>(raw[4 * k + 1]) - 127.0f) * 0.0078125f;
+  // device's second sample of the pair, dropped without a filter to halve the rate. The values are
+  // exact, (byte - 127) / 128, however they are formed: on a little-endian machine the group is read
+  // as one word, which lets the compiler work on several groups at once.
+  if constexpr (std::endian::native == std::endian::little) {
+    for (int32_t k = 0; k < BLOCK_SAMPLES; ++k) {
+      uint32_t group;
+      std::memcpy(&group, raw + 4 * static_cast<size_t>(k), sizeof group);
+      samples[2 * k] = static_cast<float>(static_cast<int32_t>(group & 0xFFu) - 127) * 0.0078125f;
+      samples[2 * k + 1] = static_cast<float>(static_cast<int32_t>((group >> 8) & 0xFFu) - 127) * 0.0078125f;
+    }
+  } else {
+    for (int32_t k = 0; k < BLOCK_SAMPLES; ++k) {
+      samples[2 * k] = (static_cast<float>(raw[4 * k]) - 127.0f) * 0.0078125f;
+      samples[2 * k + 1] = (static_cast<float>(raw[4 * k + 1]) - 127.0f) * 0.0078125f;
+    }
   }
 }
 
@@ -184,15 +210,19 @@ bool TryNextBytePhase() {
 
 }  // namespace
 
+void ConvertTakenBlock(const uint8_t* block, void*) {
+  const int32_t state = engine.blockState;
+  if (state == BLOCK_IDLE || state == BLOCK_NO_SIGNAL) return;
+  if (engine.bytePhase == 0) {
+    ConvertBlock(block, engine.sampleBlock);
+  } else {
+    ConvertBlockAtPhase(block, engine.sampleBlock, engine.bytePhase);
+  }
+}
+
 void ProcessBlock() {
   const int32_t state = engine.blockState;
   if (state == BLOCK_IDLE || state == BLOCK_NO_SIGNAL) return;
-
-  if (engine.bytePhase == 0) {
-    ConvertBlock(engine.rawBlock, engine.sampleBlock);
-  } else {
-    ConvertBlockAtPhase(engine.rawBlock, engine.sampleBlock, engine.bytePhase);
-  }
 
   switch (state) {
     case BLOCK_MODE_DETECT:
@@ -305,12 +335,22 @@ int32_t CutSampleSpan(float* span, int32_t floats) {
 }
 
 void WalkSymbols() {
+  // The rotation of a step works in groups of four samples and may read three beyond the span.
+  constexpr int32_t SPAN_SLACK_FLOATS = 8;
+  const int32_t floats = 2 * engine.nwork;
   for (;;) {
     // After a symbol completed over the edge the walk can step back into the tail it still holds;
     // otherwise a step larger than a symbol stays in the block.
     const int32_t earliest = engine.straddleFlag == 1 ? -engine.straddleFloats : 0;
-    if (CutSampleSpan(engine.symbolBuffer, 2 * engine.nwork) == 0) return;
+    if (engine.straddleFlag == 0 && engine.readPos >= 0 && engine.readPos + floats + SPAN_SLACK_FLOATS < BLOCK_FLOATS) {
+      // Inside the block the step reads the samples where they are, without a copy.
+      engine.symbolSpan = engine.sampleBlock + engine.readPos;
+    } else {
+      if (CutSampleSpan(engine.symbolBuffer, floats) == 0) return;
+      engine.symbolSpan = engine.symbolBuffer;
+    }
     symbolStepHandler();
+    engine.symbolSpan = nullptr;
     engine.readPos = std::max(engine.readPos + 2 * (engine.nsymbol + engine.timingStep), earliest);
   }
 }

@@ -3,6 +3,7 @@
 // walk of OFDM symbols across block edges.
 #include <cstdint>
 
+#include "numeric/vector_isa.h"
 #include "shell/relaxed_word.h"
 
 namespace zfn {
@@ -15,10 +16,19 @@ void PacketThread();
 // Takes pending blocks from the ring and runs them through the state machine; returns when the
 // ring is empty, the tuner is changing, or ten blocks were taken.
 void ProcessPendingBlocks();
-// Converts rawBlock and acts by blockState.
+// Acts by blockState on sampleBlock.
 void ProcessBlock();
-// Converts the 60160 retained samples of rawBlock into sampleBlock.
+// How the state machine takes a block from the ring: converted into sampleBlock (nothing in
+// BLOCK_IDLE and BLOCK_NO_SIGNAL, whose blocks are thrown away).
+void ConvertTakenBlock(const uint8_t* block, void*);
+// Converts the 60160 retained samples of a raw block into sampleBlock, with the variant the vector
+// set allows (numeric/vector_isa.h); every variant gives the scalar reference's values.
 void ConvertBlock(const uint8_t* raw, float* samples);
+void ConvertBlockWith(VectorIsa isa, const uint8_t* raw, float* samples);
+void ConvertBlockScalar(const uint8_t* raw, float* samples);
+#if defined(__x86_64__) || defined(__i386__)
+void ConvertBlockAvx2(const uint8_t* raw, float* samples);
+#endif
 // Cuts the span of `floats` floats that starts at readPos in sampleBlock into `span`: the one way
 // coarse sync, frame sync and tracking take a symbol. A span that reaches the block's end is cut in
 // two: its head stays in span (straddleFlag, straddleFloats) and the call for the next block adds
@@ -26,7 +36,8 @@ void ConvertBlock(const uint8_t* raw, float* samples);
 // reaches back into the tail of the last block that span still holds. 1 when span is whole; 0 when
 // the block ran out first.
 int32_t CutSampleSpan(float* span, int32_t floats);
-// Walks the symbols of sampleBlock in BLOCK_TRACKING, each nsymbol + timingStep after the last.
+// Walks the symbols of sampleBlock in BLOCK_TRACKING, each nsymbol + timingStep after the last. A
+// step finds its symbol at symbolSpan: in sampleBlock, or in symbolBuffer where it crosses an edge.
 void WalkSymbols();
 // One symbol: tracking, decoding, then FinishSymbol.
 void SymbolStep();
@@ -46,7 +57,7 @@ extern BlockStages blockStages;
 extern const BlockStages STAGE_ENTRY_POINTS;
 
 // The walk calls the symbol step through this pointer. Tests replace it with a consumer that looks
-// at symbolBuffer and sets timingStep, to check the walk on its own.
+// at symbolSpan and sets timingStep, to check the walk on its own.
 extern void (*symbolStepHandler)();
 
 // Steady clock in milliseconds, and the times the reception thread last published a block and the

@@ -30,8 +30,6 @@ int32_t EngineInit() {
   engine.arenaNext = engine.arenaBase;
   engine.arenaFree = WORK_ARENA_BYTES;
 
-  engine.rawBlock = AllocateEngine<uint8_t>(RAW_BLOCK_BYTES, ShellFault::RawBlockAlloc);
-  if (engine.rawBlock == nullptr) return 0;
   engine.sampleBlock = AllocateEngine<float>(BLOCK_FLOATS * 4, ShellFault::SampleBlockAlloc);
   if (engine.sampleBlock == nullptr) return 0;
 
@@ -70,8 +68,6 @@ void EngineFree() {
     engine.arenaNext = nullptr;
     engine.arenaFree = 0;
   }
-  std::free(engine.rawBlock);
-  engine.rawBlock = nullptr;
   std::free(engine.sampleBlock);
   engine.sampleBlock = nullptr;
   // The descriptors exist only once a numerology was set up. Forgetting the mode afterwards keeps

@@ -19,7 +19,6 @@ enum class ShellFault : int32_t {
   PacketEvent,
   PacketThread,
   ArenaAlloc,
-  RawBlockAlloc,
   SampleBlockAlloc,
   ControlLock,
   DemodulationThread,

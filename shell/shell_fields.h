@@ -44,11 +44,14 @@ struct LayerParams {
 struct ShellFields {
   // Block scheduling (read with no lock by the status functions).
   RelaxedWord<int32_t> blockState{BLOCK_IDLE};
-  uint8_t* rawBlock;
   float* sampleBlock;
   int32_t readPos;         // next symbol start in sampleBlock, in floats
   int32_t straddleFlag;
   int32_t straddleFloats;
+  // The samples of the symbol a step of the walk works on: straight in sampleBlock where the span
+  // lies inside it, else symbolBuffer, where CutSampleSpan put it together. Null outside the walk's
+  // steps, when the step reads symbolBuffer.
+  const float* symbolSpan;
   RelaxedWord<int32_t> resyncRequest;
   int32_t clockWritePending;
   // Position in the 204-symbol frame and in the 4-symbol scattered pilot cycle. Frame sync sets

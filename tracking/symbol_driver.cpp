@@ -399,9 +399,12 @@ void ProcessSymbol() {
   // The frequency loop rests in the one symbol read at a new position.
   t.freqLoopOn = (count >= 16 && t.jumpPending == 0) ? 1 : 0;
 
-  // Rotate only the span that the transform and the timing gate read.
+  // Rotate only the span that the transform and the timing gate read, from where the walk found
+  // the symbol into symbolBuffer.
   const float startPhase = engine.ncoPhase + static_cast<float>(t.rotateStart) * engine.ncoStep;
-  RotateByNco(engine.symbolBuffer + 2 * t.rotateStart, t.rotateCount, startPhase, engine.ncoStep);
+  const float* span = engine.symbolSpan != nullptr ? engine.symbolSpan : engine.symbolBuffer;
+  RotateByNco(span + 2 * t.rotateStart, engine.symbolBuffer + 2 * t.rotateStart, t.rotateCount, startPhase,
+              engine.ncoStep);
 
   // Advance the rotator to the next symbol.
   engine.ncoPhase = WrapPhase(engine.ncoPhase + static_cast<float>(engine.nsymbol) * engine.ncoStep);

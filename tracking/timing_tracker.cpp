@@ -23,21 +23,106 @@ int32_t TruncateToInt(float v) {
   return static_cast<int32_t>(v);
 }
 
-// Sum over the fixed carriers of |T - S*P|^2 against the values P of the last symbol, which row
-// `row` holds; the row then takes T.
-float CompareAndKeep(const Cx* tv, const float* sign, int32_t row) {
+constexpr int32_t MAX_GATE_SPAN = TIMING_ACC_SIZE / 2;  // the largest nmargin
+
+// The multipliers of the gate's sliding sums, carrier by carrier: entry d - 1 is the one that the
+// sample d away from the span's edge is weighed with. They depend only on the tracked bins and the
+// late side's rule, so they are worked out once by the same recurrence, not again every symbol.
+// The carriers run side by side in fixed-length rows, so that the sums vectorise.
+struct GateMultipliers {
+  float earlyRe[MAX_GATE_SPAN][MAX_TRACK];
+  float earlyIm[MAX_GATE_SPAN][MAX_TRACK];
+  float lateRe[MAX_GATE_SPAN][MAX_TRACK];
+  float lateIm[MAX_GATE_SPAN][MAX_TRACK];
+  float cosKey[MAX_TRACK];
+  float sinKey[MAX_TRACK];
+  int32_t ntrack = -1;
+  int32_t sliding = -1;
+};
+
+GateMultipliers gateMultipliers;
+
+const GateMultipliers& CurrentGateMultipliers(bool sliding) {
+  GateMultipliers& g = gateMultipliers;
   const int32_t ntrack = engine.ntrack;
-  float* pr = engine.marginRe + row * ntrack;
-  float* pi = engine.marginIm + row * ntrack;
-  float sum = 0.0f;
+  bool same = g.ntrack == ntrack && g.sliding == (sliding ? 1 : 0);
+  for (int32_t c = 0; same && c < ntrack; ++c)
+    same = g.cosKey[c] == engine.trackCos[c] && g.sinKey[c] == engine.trackSin[c];
+  if (same) return g;
+  std::memset(g.earlyRe, 0, sizeof g.earlyRe);
+  std::memset(g.earlyIm, 0, sizeof g.earlyIm);
+  std::memset(g.lateRe, 0, sizeof g.lateRe);
+  std::memset(g.lateIm, 0, sizeof g.lateIm);
+  g.ntrack = ntrack;
+  g.sliding = sliding ? 1 : 0;
   for (int32_t c = 0; c < ntrack; ++c) {
-    const float dr = tv[c].re - sign[c] * pr[c];
-    const float di = tv[c].im - sign[c] * pi[c];
-    sum += dr * dr + di * di;
-    pr[c] = tv[c].re;
-    pi[c] = tv[c].im;
+    const float cs = engine.trackCos[c];
+    const float sn = engine.trackSin[c];
+    g.cosKey[c] = cs;
+    g.sinKey[c] = sn;
+    // Early side: exp(j theta d); late side: exp(-j theta (d - 1)) when sliding, else the
+    // designed multiplier, the negative of the early one's turn.
+    Cx early{cs, sn};
+    Cx late{1.0f, 0.0f};
+    for (int32_t d = 0; d < MAX_GATE_SPAN; ++d) {
+      g.earlyRe[d][c] = early.re;
+      g.earlyIm[d][c] = early.im;
+      g.lateRe[d][c] = late.re;
+      g.lateIm[d][c] = late.im;
+      early = early * Cx{cs, sn};
+      if (sliding) {
+        late = {late.re * cs + late.im * sn, late.im * cs - late.re * sn};
+      } else {
+        late = {-late.re * cs + late.im * sn, -late.im * cs - late.re * sn};
+      }
+    }
   }
-  return sum;
+  return g;
+}
+
+// One side of the gate: the sums T start at the carriers' values a and take, at step d, the
+// difference of the sample entering and the one leaving times the multiplier of d. The profile at
+// d is the sum over the fixed carriers of |T - S*P|^2 against the values P of the last symbol, which
+// row firstRow + d holds; the row then takes T. The carriers' terms of all steps are kept, and the
+// sums, each in carrier order, follow for all steps at once, so that they do not wait on each other.
+void SlideGateSide(const float (*wRe)[MAX_TRACK], const float (*wIm)[MAX_TRACK], const float* a, const float* sign,
+                   int32_t span, int32_t inAt, int32_t outAt, int32_t direction, int32_t firstRow,
+                   float* profileAt) {
+  const int32_t ntrack = engine.ntrack;
+  const float* x = engine.symbolBuffer;
+  float terms[MAX_GATE_SPAN][MAX_TRACK];
+  float tr[MAX_TRACK];
+  float ti[MAX_TRACK];
+  for (int32_t c = 0; c < MAX_TRACK; ++c) {
+    tr[c] = a[2 * c];
+    ti[c] = a[2 * c + 1];
+  }
+  for (int32_t d = 0; d < span; ++d) {
+    const int32_t at = d * direction;
+    const float dr = x[2 * (inAt + at)] - x[2 * (outAt + at)];
+    const float di = x[2 * (inAt + at) + 1] - x[2 * (outAt + at) + 1];
+    const float* wr = wRe[d];
+    const float* wi = wIm[d];
+    for (int32_t c = 0; c < MAX_TRACK; ++c) {
+      const float nr = tr[c] + (dr * wr[c] - di * wi[c]);
+      ti[c] = ti[c] + (dr * wi[c] + di * wr[c]);
+      tr[c] = nr;
+    }
+    float* pr = engine.marginRe + (firstRow + d) * ntrack;
+    float* pi = engine.marginIm + (firstRow + d) * ntrack;
+    for (int32_t c = 0; c < ntrack; ++c) {
+      const float er = tr[c] - sign[c] * pr[c];
+      const float ei = ti[c] - sign[c] * pi[c];
+      terms[d][c] = er * er + ei * ei;
+      pr[c] = tr[c];
+      pi[c] = ti[c];
+    }
+  }
+  for (int32_t d = 0; d < span; ++d) {
+    float sum = 0.0f;
+    for (int32_t c = 0; c < ntrack; ++c) sum += terms[d][c];
+    profileAt[d * direction] = sum;
+  }
 }
 
 // Refinement: the span is held a few samples inside the guard interval. Where the guard is free of
@@ -71,67 +156,33 @@ void TrackTiming() {
   const int32_t k = t.timingSpan;
   const int32_t n = engine.nfft;
   const int32_t ntrack = engine.ntrack;
-  const float* x = engine.symbolBuffer;
   float* profile = engine.marginProfile;
 
-  Cx a[MAX_TRACK];
+  float a[2 * MAX_TRACK] = {};
   float sign[MAX_TRACK];
   float centre = 0.0f;
   for (int32_t c = 0; c < ntrack; ++c) {
     const int32_t bin = engine.trackBins[c];
-    a[c] = Load(t.spectrumNow, bin);
+    const Cx now = Load(t.spectrumNow, bin);
     const Cx b = Load(t.spectrumPrev, bin);
-    sign[c] = (a[c].re * b.re + a[c].im * b.im > 0.0f) ? 1.0f : -1.0f;
-    const float dr = a[c].re - sign[c] * b.re;
-    const float di = a[c].im - sign[c] * b.im;
+    a[2 * c] = now.re;
+    a[2 * c + 1] = now.im;
+    sign[c] = (now.re * b.re + now.im * b.im > 0.0f) ? 1.0f : -1.0f;
+    const float dr = now.re - sign[c] * b.re;
+    const float di = now.im - sign[c] * b.im;
     centre += dr * dr + di * di;
   }
   profile[h] = centre;
 
   // Early side: the span moved d samples earlier, referred to the phase of the unmoved span.
-  Cx tv[MAX_TRACK];
-  Cx w[MAX_TRACK];
-  for (int32_t c = 0; c < ntrack; ++c) {
-    tv[c] = a[c];
-    w[c] = {engine.trackCos[c], engine.trackSin[c]};
-  }
-  for (int32_t d = 1; d <= k; ++d) {
-    const Cx in = Load(x, h - d);
-    const Cx out = Load(x, h - d + n);
-    const Cx diff = in - out;
-    for (int32_t c = 0; c < ntrack; ++c) {
-      tv[c] = tv[c] + diff * w[c];
-      w[c] = w[c] * Cx{engine.trackCos[c], engine.trackSin[c]};
-    }
-    profile[h - d] = CompareAndKeep(tv, sign, d - 1);
-  }
-
   // Late side: the multiplier is the negative of the early one; the side is only ever compared
   // with itself from symbol to symbol. Refined, it is the conjugate of the early one, exp(-j theta)
   // per sample, which makes the late side a sliding transform too: with the designed multiplier
   // its sums add to the interference of a span that lies before the guard instead of taking it
   // out, and the gate pushes such a span further out.
-  for (int32_t c = 0; c < ntrack; ++c) {
-    tv[c] = a[c];
-    w[c] = {1.0f, 0.0f};
-  }
-  const bool sliding = engine.refined != 0;
-  for (int32_t d = 1; d <= k; ++d) {
-    const Cx in = Load(x, h + n + d - 1);
-    const Cx out = Load(x, h + d - 1);
-    const Cx diff = in - out;
-    for (int32_t c = 0; c < ntrack; ++c) {
-      tv[c] = tv[c] + diff * w[c];
-      const float cs = engine.trackCos[c];
-      const float sn = engine.trackSin[c];
-      if (sliding) {
-        w[c] = {w[c].re * cs + w[c].im * sn, w[c].im * cs - w[c].re * sn};
-      } else {
-        w[c] = {-w[c].re * cs + w[c].im * sn, -w[c].im * cs - w[c].re * sn};
-      }
-    }
-    profile[h + d] = CompareAndKeep(tv, sign, k + d - 1);
-  }
+  const GateMultipliers& g = CurrentGateMultipliers(engine.refined != 0);
+  SlideGateSide(g.earlyRe, g.earlyIm, a, sign, k, h - 1, h - 1 + n, -1, 0, profile + h - 1);
+  SlideGateSide(g.lateRe, g.lateIm, a, sign, k, h + n, h, 1, k, profile + h + 1);
 
   // Accumulate since the last jump; the symbol read at a new position restarts the sum.
   if (t.jumpPending == 0) {

@@ -65,8 +65,8 @@ ZFN_TIMED_STAGE(void, EqualiseCarriers, (), (), STAGE_ESTIMATION)
 ZFN_TIMED_STAGE(void, TrackTiming, (), (), STAGE_TIMING)
 ZFN_TIMED_STAGE(void, RunByteStage, (), (), STAGE_BYTE_STAGE)
 ZFN_TIMED_STAGE(void, SymbolSink, (), (), STAGE_SYMBOL_SINK)
-ZFN_TIMED_STAGE(void, RotateByNco, (float* samples, int32_t count, double phase, double step),
-                (samples, count, phase, step), STAGE_ROTATION)
+ZFN_TIMED_STAGE(void, RotateByNco, (const float* in, float* out, int32_t count, double phase, double step),
+                (in, out, count, phase, step), STAGE_ROTATION)
 ZFN_TIMED_STAGE(void, ViterbiDecode, (const uint16_t* pairs, int32_t count, uint8_t* output), (pairs, count, output),
                 STAGE_VITERBI)
 ZFN_TIMED_STAGE(int32_t, DecodeRs, (uint8_t * packet), (packet), STAGE_REED_SOLOMON)

@@ -11,17 +11,22 @@
 
 namespace {
 
-void BM_ConvertBlock(benchmark::State& state) {
+void BM_ConvertBlock(benchmark::State& state, zfn::VectorIsa isa) {
+  if (!zfn::VectorIsaAvailable(isa)) {
+    state.SkipWithError("not available on this processor");
+    return;
+  }
   std::vector<uint8_t> raw(zfn::RAW_BLOCK_BYTES);
   for (size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<uint8_t>(i * 13);
   std::vector<float> samples(zfn::BLOCK_FLOATS);
   for (auto _ : state) {
-    zfn::ConvertBlock(raw.data(), samples.data());
+    zfn::ConvertBlockWith(isa, raw.data(), samples.data());
     benchmark::DoNotOptimize(samples.data());
   }
   state.SetBytesProcessed(state.iterations() * zfn::RAW_BLOCK_BYTES);
 }
-BENCHMARK(BM_ConvertBlock);
+BENCHMARK_CAPTURE(BM_ConvertBlock, scalar, zfn::VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_ConvertBlock, avx2, zfn::VectorIsa::AVX2);
 
 void IgnoreBlock(const uint8_t* block, void*) { benchmark::DoNotOptimize(block); }
 

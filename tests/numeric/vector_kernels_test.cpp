@@ -17,6 +17,8 @@
 #include "decoder/viterbi.h"
 #include "numeric/nco_rotation.h"
 #include "numeric/vector_isa.h"
+#include "shell/block_scheduler.h"
+#include "shell/shell_fields.h"
 #include "tests/decoder/decoder_test_support.h"
 #include "tracking/carrier_filter.h"
 #include "tracking/equaliser_kernels.h"
@@ -50,10 +52,29 @@ std::string CompareRotation(VectorIsa isa, Random& random, int trial) {
   const double step = (trial % 3 == 0 ? 3.1 : 0.02) * (2.0 * Uniform(random) - 1.0);
   const size_t floats = offset + 2 * static_cast<size_t>(std::max(4, (count + 3) / 4 * 4)) + 8;
   const std::vector<float> input = Noise(random, floats);
-  std::vector<float> reference = input, vector = input;
-  RotateByNcoWith(VectorIsa::SCALAR, reference.data() + offset, count, phase, step);
-  RotateByNcoWith(isa, vector.data() + offset, count, phase, step);
-  return SameBits(reference, vector) ? "" : "count " + std::to_string(count);
+  std::vector<float> reference = input, vector = input, apart(floats, -1.0f);
+  RotateByNcoWith(VectorIsa::SCALAR, reference.data() + offset, reference.data() + offset, count, phase, step);
+  RotateByNcoWith(isa, vector.data() + offset, vector.data() + offset, count, phase, step);
+  // Out of place, from the input into another buffer: the same values, nothing else written.
+  RotateByNcoWith(isa, input.data() + offset, apart.data() + offset, count, phase, step);
+  bool untouched = true;
+  for (size_t i = 0; i < floats; ++i) {
+    if (i >= offset && i < floats - 8) continue;
+    untouched = untouched && apart[i] == -1.0f;
+    apart[i] = input[i];
+  }
+  return SameBits(reference, vector) && SameBits(reference, apart) && untouched ? "" : "count " + std::to_string(count);
+}
+
+// A block of random device bytes at any alignment of bytes and floats.
+std::string CompareBlockConversion(VectorIsa isa, Random& random, int) {
+  const size_t rawOffset = random.Below(32), floatOffset = random.Below(8);
+  std::vector<uint8_t> raw(rawOffset + RAW_BLOCK_BYTES);
+  for (uint8_t& b : raw) b = static_cast<uint8_t>(random.Next() >> 56);
+  std::vector<float> reference(floatOffset + BLOCK_FLOATS + 8, -1.0f), vector = reference;
+  ConvertBlockWith(VectorIsa::SCALAR, raw.data() + rawOffset, reference.data() + floatOffset);
+  ConvertBlockWith(isa, raw.data() + rawOffset, vector.data() + floatOffset);
+  return SameBits(reference, vector) ? "" : "offsets " + std::to_string(rawOffset) + ", " + std::to_string(floatOffset);
 }
 
 std::string CompareCarrierFilter(VectorIsa isa, Random& random, int trial) {
@@ -203,8 +224,9 @@ struct Kernel {
 };
 
 const Kernel KERNELS[] = {
-    {"carrier rotation", {VectorIsa::SSE2}, CompareRotation, 300},
+    {"carrier rotation", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareRotation, 300},
     {"filter across carriers", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareCarrierFilter, 300},
+    {"block conversion", {VectorIsa::AVX2}, CompareBlockConversion, 20},
     {"QPSK equaliser", {VectorIsa::SSE2, VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 2); }, 300},
     {"16QAM and 64QAM equaliser", {VectorIsa::AVX2},
@@ -249,7 +271,7 @@ TEST(VectorKernels, RotationMatchesDirectRotationInGroupsOfFour) {
     const int rotated = std::max(4, (count + 3) / 4 * 4);
     const std::vector<float> x = Noise(random, 2 * static_cast<size_t>(rotated + 4));
     std::vector<float> y = x;
-    RotateByNco(y.data(), count, phase, step);
+    RotateByNco(y.data(), y.data(), count, phase, step);
     for (int n = 0; n < rotated + 4; ++n) {
       const std::complex<double> in(x[2 * n], x[2 * n + 1]), want = n < rotated ? in * std::polar(1.0, phase + n * step) : in;
       EXPECT_NEAR(y[2 * n], want.real(), n < rotated ? 2e-4 : 0.0) << "count " << count << " n " << n;

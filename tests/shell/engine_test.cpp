@@ -31,6 +31,9 @@ std::vector<uint8_t> Block(uint8_t tag) {
   return b;
 }
 
+// The tag of the block the state machine took last: byte 0 is the I of its first sample.
+int64_t TakenTag() { return std::lround(engine.sampleBlock[0] * 128.0f) + 127; }
+
 void Publish(uint8_t tag) { BlockRingPublish(std::vector<uint8_t>(RAW_BLOCK_BYTES, tag).data()); }
 int Take() {
   std::vector<uint8_t> block(RAW_BLOCK_BYTES, 0);
@@ -78,9 +81,10 @@ struct Walk {
 Walk* walk = nullptr;
 
 void RecordSymbol() {
-  const float first = walk->buffer[0];
+  const float* span = engine.symbolSpan;
+  const float first = span[0];
   for (int32_t i = 1; i < S; ++i) {
-    if (walk->buffer[i] != first + static_cast<float>(i)) {
+    if (span[i] != first + static_cast<float>(i)) {
       ++walk->broken;
       break;
     }
@@ -203,7 +207,7 @@ TEST_F(SyncEngine, ARetuneJumpsToTheNewestBlockButNotWhileTheTunerChanges) {
   ProcessPendingBlocks();
   EXPECT_EQ(blockRing.readCount, blockRing.writeCount);
   // The newest block, exactly one handled, and the packet stage starts over.
-  EXPECT_EQ(Words({engine.rawBlock[0], engine.blockState, engine.tsResetPhase, engine.tsResetRequest}),
+  EXPECT_EQ(Words({TakenTag(), engine.blockState, engine.tsResetPhase, engine.tsResetRequest}),
             Words({3, BLOCK_COARSE_SYNC, TS_RESET_PENDING, 1}));
   BlockRingPublish(Block(4).data());
   ProcessPendingBlocks();
@@ -211,7 +215,7 @@ TEST_F(SyncEngine, ARetuneJumpsToTheNewestBlockButNotWhileTheTunerChanges) {
   engine.tmccFailed = 1;
   engine.tsResetPhase = TS_RING_OPEN;
   ProcessPendingBlocks();  // no new block: the jump path takes the newest again
-  EXPECT_EQ(Words({engine.rawBlock[0], engine.tmccFailed, engine.blockState, engine.tsResetPhase}),
+  EXPECT_EQ(Words({TakenTag(), engine.tmccFailed, engine.blockState, engine.tsResetPhase}),
             Words({4, 0, BLOCK_COARSE_SYNC, TS_RESET_PENDING}));
 }
 
@@ -243,7 +247,7 @@ TEST_F(SyncEngine, AcceptedTmccTracksUntilAResyncAndARejectedOneIsASinkUntilTheN
   ProcessPendingBlocks();
   EXPECT_EQ(engine.clockWritePending, 0) << "the sample clock correction was handed back";
   EXPECT_EQ(script.calls, std::vector<std::string>{"detect"});
-  EXPECT_EQ(Words({engine.rawBlock[0], engine.resyncRequest, engine.blockState, engine.tsResetPhase}),
+  EXPECT_EQ(Words({TakenTag(), engine.resyncRequest, engine.blockState, engine.tsResetPhase}),
             Words({7, 0, BLOCK_COARSE_SYNC, TS_RESET_PENDING}));
 
   FeedFrom(8, 9);

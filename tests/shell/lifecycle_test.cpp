@@ -102,9 +102,8 @@ class Lifecycle : public testing::Test {
                               threadTable.packet.Exists(), threadTable.demodulation.Exists()})
       EXPECT_FALSE(exists) << "event, lock or thread " << i++;
     for (const void* p : {static_cast<const void*>(device.debugPara), static_cast<const void*>(device.captureRing),
-                          static_cast<const void*>(engine.arenaBase), static_cast<const void*>(engine.rawBlock),
-                          static_cast<const void*>(engine.sampleBlock), static_cast<const void*>(blockRing.readBuffer),
-                          static_cast<const void*>(blockRing.slots[0])})
+                          static_cast<const void*>(engine.arenaBase), static_cast<const void*>(engine.sampleBlock),
+                          static_cast<const void*>(blockRing.readBuffer), static_cast<const void*>(blockRing.slots[0])})
       EXPECT_EQ(p, nullptr) << "memory " << i++;
     // The kernel may list a thread for a moment after its join returned.
     EXPECT_TRUE(WaitFor([this] { return ProcessThreads() <= threads_; }, 2000)) << ProcessThreads() << " threads";
@@ -282,7 +281,6 @@ INSTANTIATE_TEST_SUITE_P(
         Scenario{.name = "PacketEvent", .fault = ShellFault::PacketEvent},
         Scenario{.name = "PacketThread", .fault = ShellFault::PacketThread},
         Scenario{.name = "WorkArena", .fault = ShellFault::ArenaAlloc},
-        Scenario{.name = "RawBlock", .fault = ShellFault::RawBlockAlloc},
         Scenario{.name = "SampleBlock", .fault = ShellFault::SampleBlockAlloc},
         Scenario{.name = "ControlLock", .fault = ShellFault::ControlLock},
         Scenario{.name = "DemodulationThread", .fault = ShellFault::DemodulationThread},
