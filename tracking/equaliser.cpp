@@ -16,19 +16,6 @@ namespace zfn {
 
 namespace {
 
-constexpr int32_t MAX_QUARTER = 256;
-
-// Carries 4*ngrid complex entries from src onto the plane at the carriers 3*i + phase.
-void PlaceOnPlane(const float* src, int32_t phase) {
-  TrackerState& t = tracker;
-  const int32_t nc = engine.ncarrier;
-  const int32_t entries = 4 * engine.ngrid;
-  for (int32_t i = 0; i < entries; ++i) {
-    t.channelPlanes[3 * i + phase] = src[2 * i];
-    t.channelPlanes[nc + 3 * i + phase] = src[2 * i + 1];
-  }
-}
-
 // The spectrum x times the filter's bank, transformed back into y; z holds the product.
 void Convolve(const float* x, const float* bank, float* z, float* y) {
   const int32_t nq = engine.nquarter;
@@ -38,6 +25,23 @@ void Convolve(const float* x, const float* bank, float* z, float* y) {
 
 }  // namespace
 
+// The channel stays in the three rows it is made in (tracker_state.h); the equaliser reads it there
+// through its table, and only the probe needs it carrier by carrier.
+void PlaceChannelOnPlanes() {
+  TrackerState& t = tracker;
+  const int32_t nc = engine.ncarrier;
+  const int32_t entries = 4 * engine.ngrid;
+  const int32_t delayed = t.gridOffset + CHANNEL_ROW_DELAY;
+  for (int32_t i = 0; i < entries; ++i) {
+    const float* at[3] = {t.channelRows[0] + 2 * i, t.channelRows[1] + 2 * (delayed + i),
+                          t.channelRows[2] + 2 * (delayed + i)};
+    for (int32_t p = 0; p < 3; ++p) {
+      t.channelPlanes[3 * i + p] = at[p][0];
+      t.channelPlanes[nc + 3 * i + p] = at[p][1];
+    }
+  }
+}
+
 void InterpolateChannel() {
   TrackerState& t = tracker;
   if (engine.symbolCount < 8) return;
@@ -46,57 +50,44 @@ void InterpolateChannel() {
 
   // The row itself lies on every third carrier.
   const float* row = t.interpRow;
-  PlaceOnPlane(row + 2 * t.gridOffset, 0);
+  std::memcpy(t.channelRows[0], row + 2 * t.gridOffset, sizeof(float) * 8 * static_cast<size_t>(engine.ngrid));
 
   // The whole row, neighbouring segments included, so the filter has data beyond the segment edges.
   alignas(64) float w[2 * MAX_QUARTER];
   alignas(64) float x[2 * MAX_QUARTER];
-  alignas(64) float y[2 * MAX_QUARTER];
   std::memcpy(w, row, sizeof(float) * 2 * static_cast<size_t>(n));
   std::memset(w + 2 * n, 0, sizeof(float) * 2 * static_cast<size_t>(nq - n));
   TransformQuarter(w, x, 1);
 
-  // 11 is the delay of the 22 taps in row entries.
-  Convolve(x, t.interpBankLow, w, y);
-  PlaceOnPlane(y + 2 * (t.gridOffset + 11), 1);
-  Convolve(x, t.interpBankHigh, w, y);
-  PlaceOnPlane(y + 2 * (t.gridOffset + 11), 2);
+  Convolve(x, t.interpBankLow, w, t.channelRows[1]);
+  Convolve(x, t.interpBankHigh, w, t.channelRows[2]);
+  if (engine.probeActive != 0) PlaceChannelOnPlanes();
 }
 
 void EqualiseCarriers() {
   TrackerState& t = tracker;
   if (engine.symbolCount < 8) return;
-  const int32_t nc = engine.ncarrier;
   const int32_t bits = engine.bitsPerCarrier;
   const float* slot = t.carrierRing + t.carrierRingNext * t.carrierRingStride + 2 * t.segmentOffset;
-  const float* hre = t.channelPlanes;
-  const float* him = t.channelPlanes + nc;
   float* out = engine.equalisedCarriers;
 
-  // The oldest symbol's pilot phase is one ahead of this symbol's. The data carriers side by side
-  // with their channel, so the arithmetic below runs over plain arrays without the pilot and
-  // fixed-carrier skips and the compiler can vectorise it.
+  // The oldest symbol's pilot phase is one ahead of this symbol's; its data carriers and their
+  // channel are read through the tables of that phase.
   const int32_t phase = (engine.spPhase + 1) & 3;
-  const int16_t* data = t.dataCarriers[phase];
   const int32_t k = t.dataCarrierCount[phase];
-  alignas(32) float rRe[MAX_DATA], rIm[MAX_DATA], gRe[MAX_DATA], gIm[MAX_DATA], noise[MAX_DATA];
-  for (int32_t i = 0; i < k; ++i) {
-    const int32_t c = data[i];
-    rRe[i] = slot[2 * c];
-    rIm[i] = slot[2 * c + 1];
-    gRe[i] = hre[c];
-    gIm[i] = him[c];
-  }
+  alignas(32) float noise[MAX_DATA];
 
   // Per carrier: r * conj(h) / |h|^2, the channel power, and the decision error power |r - d h|^2;
   // their sums by the kernels' eight lanes (equaliser_kernels.h).
   float* __restrict eq = out;
   float* __restrict power = t.carrierPower;
   float sums[2] = {0.0f, 0.0f};
+  const EqualiserRows rows{slot, &t.channelRows[0][0], t.dataCarrierAt[phase], t.dataChannelAt[phase],
+                           eq, power, noise, k, bits, sums};
   if (bits == 2) {
-    EqualiseQpskWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k, 2, sums});
+    EqualiseQpskWith(ActiveVectorIsa(), rows);
   } else {
-    EqualiseQamWith(ActiveVectorIsa(), EqualiserRows{rRe, rIm, gRe, gIm, eq, power, noise, k, bits, sums});
+    EqualiseQamWith(ActiveVectorIsa(), rows);
   }
   const float powerSum = sums[0];
   const float noiseSum = sums[1];

@@ -18,7 +18,9 @@ __attribute__((optimize("no-tree-vectorize"))) void EqualiseScalar(const Equalis
   float powerLane[LANES] = {}, noiseLane[LANES] = {};
   const int32_t blocks = rows.count / LANES;
   for (int32_t i = 0; i < rows.count; ++i) {
-    const float gr = rows.gRe[i], gi = rows.gIm[i], rr = rows.rRe[i], ri = rows.rIm[i];
+    const float* r = rows.r + rows.rAt[i];
+    const float* g = rows.g + rows.gAt[i];
+    const float gr = g[0], gi = g[1], rr = r[0], ri = r[1];
     const float p = gr * gr + gi * gi;
     const float ere = (rr * gr + ri * gi) / p;
     const float eim = (ri * gr - rr * gi) / p;

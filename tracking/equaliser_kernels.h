@@ -1,6 +1,6 @@
 #pragma once
-// The equaliser's arithmetic over the data carriers of a symbol gathered side by side with their
-// channel: r * conj(h) / |h|^2, the channel power |h|^2, and the power of the decision error
+// The equaliser's arithmetic over the data carriers of a symbol, each read with its channel through
+// a table: r * conj(h) / |h|^2, the channel power |h|^2, and the power of the decision error
 // |r - d h|^2, for QPSK and for 16QAM and 64QAM. Element by element, so every variant gives the
 // scalar reference's values bit for bit. The sums of the powers and of the errors go by eight
 // lanes, so that no chain of additions one after the other sets the pace: lane l adds up carriers
@@ -13,10 +13,10 @@
 namespace zfn {
 
 struct EqualiserRows {
-  const float* rRe;  // received data carriers
-  const float* rIm;
-  const float* gRe;  // their channel
-  const float* gIm;
+  const float* r;         // received carriers, interleaved re, im
+  const float* g;         // the channel, interleaved re, im
+  const int16_t* rAt;     // data carrier i is r[rAt[i]] + j r[rAt[i] + 1]
+  const int16_t* gAt;     // and its channel g[gAt[i]] + j g[gAt[i] + 1]
   float* eq;         // equalised, interleaved re, im
   float* power;
   float* noise;

@@ -3,7 +3,8 @@
 // comparison masks (a NaN compares false and takes the positive outer level, as in the reference).
 // The QAM decisions step down from the outer level through the boundaries in turn: the boundaries
 // are ordered, so the masks that hold for a value are the first ones, as many as the scalar
-// slicer counts. The carriers past the last whole register go through the scalar reference.
+// slicer counts. The carriers are read pair by pair through the table and parted into real and
+// imaginary registers. The carriers past the last whole register go through the scalar reference.
 #if defined(__x86_64__) || defined(__i386__)
 
 #include <immintrin.h>
@@ -16,9 +17,29 @@ namespace {
 constexpr float QPSK_LEVEL = 0.707107f;
 
 EqualiserRows Tail(const EqualiserRows& rows, int32_t from) {
-  return {rows.rRe + from, rows.rIm + from, rows.gRe + from, rows.gIm + from,
-          rows.eq + 2 * from, rows.power + from, rows.noise + from, rows.count - from, rows.bitsPerCarrier,
+  return {rows.r, rows.g, rows.rAt + from, rows.gAt + from, rows.eq + 2 * from, rows.power + from, rows.noise + from, rows.count - from, rows.bitsPerCarrier,
           rows.sums};
+}
+
+// Carriers a and b of the table, each an interleaved pair, in one register.
+__attribute__((target("sse2"))) inline __m128 TwoPairs(const float* base, const int16_t* at, int32_t a, int32_t b) {
+  const __m128 low = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(base + at[a])));
+  return _mm_loadh_pi(low, reinterpret_cast<const __m64*>(base + at[b]));
+}
+
+// Four carriers of the table, real and imaginary parts apart.
+__attribute__((target("sse2"))) inline void FourSse2(const float* base, const int16_t* at, __m128& re, __m128& im) {
+  const __m128 a = TwoPairs(base, at, 0, 1), b = TwoPairs(base, at, 2, 3);
+  re = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+  im = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+}
+
+// Eight: carriers 0, 1, 4, 5 and 2, 3, 6, 7 side by side, so the in-lane shuffles put them in order.
+__attribute__((target("avx2"))) inline void EightAvx2(const float* base, const int16_t* at, __m256& re, __m256& im) {
+  const __m256 a = _mm256_insertf128_ps(_mm256_castps128_ps256(TwoPairs(base, at, 0, 1)), TwoPairs(base, at, 4, 5), 1);
+  const __m256 b = _mm256_insertf128_ps(_mm256_castps128_ps256(TwoPairs(base, at, 2, 3)), TwoPairs(base, at, 6, 7), 1);
+  re = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+  im = _mm256_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
 }
 
 // The lane sums combined as (0+4 + 2+6) + (1+5 + 3+7) and added to the sums, when there were blocks.
@@ -64,8 +85,9 @@ __attribute__((target("sse2"))) void QpskFourSse2(const EqualiserRows& rows, int
   const __m128 zero = _mm_setzero_ps();
   const __m128 plus = _mm_set1_ps(QPSK_LEVEL);
   const __m128 minus = _mm_set1_ps(-QPSK_LEVEL);
-  const __m128 gr = _mm_loadu_ps(rows.gRe + i), gi = _mm_loadu_ps(rows.gIm + i);
-  const __m128 rr = _mm_loadu_ps(rows.rRe + i), ri = _mm_loadu_ps(rows.rIm + i);
+  __m128 gr, gi, rr, ri;
+  FourSse2(rows.g, rows.gAt + i, gr, gi);
+  FourSse2(rows.r, rows.rAt + i, rr, ri);
   const __m128 p = _mm_add_ps(_mm_mul_ps(gr, gr), _mm_mul_ps(gi, gi));
   const __m128 ere = _mm_div_ps(_mm_add_ps(_mm_mul_ps(rr, gr), _mm_mul_ps(ri, gi)), p);
   const __m128 eim = _mm_div_ps(_mm_sub_ps(_mm_mul_ps(ri, gr), _mm_mul_ps(rr, gi)), p);
@@ -113,8 +135,9 @@ __attribute__((target("avx2"))) void EqualiseAvx2(const EqualiserRows& rows) {
   __m256 powerLanes = _mm256_setzero_ps(), noiseLanes = powerLanes;
   int32_t i = 0;
   for (; i + 8 <= rows.count; i += 8) {
-    const __m256 gr = _mm256_loadu_ps(rows.gRe + i), gi = _mm256_loadu_ps(rows.gIm + i);
-    const __m256 rr = _mm256_loadu_ps(rows.rRe + i), ri = _mm256_loadu_ps(rows.rIm + i);
+    __m256 gr, gi, rr, ri;
+    EightAvx2(rows.g, rows.gAt + i, gr, gi);
+    EightAvx2(rows.r, rows.rAt + i, rr, ri);
     const __m256 p = _mm256_add_ps(_mm256_mul_ps(gr, gr), _mm256_mul_ps(gi, gi));
     const __m256 ere = _mm256_div_ps(_mm256_add_ps(_mm256_mul_ps(rr, gr), _mm256_mul_ps(ri, gi)), p);
     const __m256 eim = _mm256_div_ps(_mm256_sub_ps(_mm256_mul_ps(ri, gr), _mm256_mul_ps(rr, gi)), p);

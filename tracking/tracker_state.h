@@ -13,6 +13,8 @@ constexpr int32_t INTERP_BLOCK = 256;      // complex entries per filter spectru
 constexpr int32_t TIMING_ACC_SIZE = 257;   // 2 * largest nmargin + 1
 constexpr int32_t MAX_ROW = 240;           // nspan/3 of the largest mode
 constexpr int32_t MAX_DATA = 384;          // ndata of the largest mode
+constexpr int32_t MAX_QUARTER = 256;       // nquarter of the largest mode
+constexpr int32_t CHANNEL_ROW_DELAY = 11;  // delay of the 22 interpolation taps in row entries
 constexpr int32_t PILOT_HISTORY_ROWS = 13;
 
 // jumpStage: the re-basing of the channel estimator after a timing jump. The driver starts it at
@@ -34,7 +36,7 @@ struct TrackerState {
   int32_t carrierRingStride; // 2*nspan floats
   int32_t carrierRingNext;   // slot of the next symbol; after the write, the oldest slot
   float* carrierSlotNow;     // slot this symbol went to
-  float* channelPlanes;      // ncarrier real parts, then ncarrier imaginary parts
+  float* channelPlanes;      // ncarrier real parts, then ncarrier imaginary parts (for the probe)
   float* spareCarriers;      // ndata complex, reserved
   float* pastRow1;
   float* pastRow2;
@@ -64,8 +66,10 @@ struct TrackerState {
   float ceStepB;             // adaption step of freqTaps
   const int32_t* fixedCarriers;  // segment carriers with neither data nor scattered pilots, -1 ends
   // The data carriers of the segment in order, by the scattered pilots' phase q (pilots at carriers
-  // 3q + 12j), and how many there are.
-  int16_t dataCarriers[4][MAX_DATA];
+  // 3q + 12j), and how many there are: where each one's complex value lies, in floats, in a carrier
+  // slot (from segment carrier 0) and in channelRows.
+  int16_t dataCarrierAt[4][MAX_DATA];
+  int16_t dataChannelAt[4][MAX_DATA];
   int32_t dataCarrierCount[4];
 
   // Timing loop.
@@ -123,6 +127,10 @@ struct TrackerState {
   float rebasedRow[MAX_ROW * 2];
 
   // Equalisation and quality.
+  // The channel interpolated across the segment, interleaved re, im, by carrier 3i + p: row p
+  // (p = 0: the filtered row from segment carrier 0; 1, 2: the two interpolations' transforms from
+  // row entry 0, the segment's first carrier at CHANNEL_ROW_DELAY + gridOffset).
+  alignas(64) float channelRows[3][2 * MAX_QUARTER];
   float carrierPower[MAX_DATA];
   float softWeight[MAX_DATA];
   float noiseAvg;
@@ -154,6 +162,7 @@ void EstimatePilots();
 void WatchChannelChange();
 void FilterAcrossCarriers();
 void InterpolateChannel();
+void PlaceChannelOnPlanes();  // channelRows onto channelPlanes, carrier by carrier
 void EqualiseCarriers();
 void WatchLowSnr();
 

@@ -132,7 +132,10 @@ void SetUpTracking() {
       } else if (carrier == *fixed) {
         ++fixed;
       } else {
-        t.dataCarriers[q][k++] = static_cast<int16_t>(carrier);
+        const int32_t row = carrier % 3, entry = carrier / 3;
+        const int32_t from = row == 0 ? entry : t.gridOffset + CHANNEL_ROW_DELAY + entry;
+        t.dataCarrierAt[q][k] = static_cast<int16_t>(2 * carrier);
+        t.dataChannelAt[q][k++] = static_cast<int16_t>(2 * (row * MAX_QUARTER + from));
       }
     }
     t.dataCarrierCount[q] = k;

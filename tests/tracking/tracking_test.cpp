@@ -73,6 +73,7 @@ TEST(Interpolation, TransformDomainEqualsDirectConvolution) {
         tracker.interpRow[2 * m + 1] = static_cast<float>(row[m].imag());
       }
       InterpolateChannel();
+      PlaceChannelOnPlanes();
       const auto plane = [nc](int c) { return std::complex<double>(tracker.channelPlanes[c], tracker.channelPlanes[nc + c]); };
       const auto tap = [&](int l) { return proto[l] * std::polar(1.0, -6.283185307179 * delays[q] * (31 - 3 * l)); };
       for (int i = 0; i < 4 * engine.ngrid; ++i) {
