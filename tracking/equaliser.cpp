@@ -14,17 +14,6 @@
 
 namespace zfn {
 
-namespace {
-
-// The spectrum x times the filter's bank, transformed back into y; z holds the product.
-void Convolve(const float* x, const float* bank, float* z, float* y) {
-  const int32_t nq = engine.nquarter;
-  for (int32_t i = 0; i < nq; ++i) Store(z, i, Load(x, i) * Load(bank, i));
-  TransformQuarter(z, y, -1);
-}
-
-}  // namespace
-
 // The channel stays in the three rows it is made in (tracker_state.h); the equaliser reads it there
 // through its table, and only the probe needs it carrier by carrier.
 void PlaceChannelOnPlanes() {
@@ -59,8 +48,12 @@ void InterpolateChannel() {
   std::memset(w + 2 * n, 0, sizeof(float) * 2 * static_cast<size_t>(nq - n));
   TransformQuarter(w, x, 1);
 
-  Convolve(x, t.interpBankLow, w, t.channelRows[1]);
-  Convolve(x, t.interpBankHigh, w, t.channelRows[2]);
+  // The spectrum times each filter's bank, transformed back: the interpolation between the row's
+  // carriers at one third and two thirds of the way.
+  alignas(64) float z[2 * MAX_QUARTER];
+  MultiplyBanksWith(ActiveVectorIsa(), {x, t.interpBankLow, t.interpBankHigh, w, z, nq});
+  TransformQuarter(w, t.channelRows[1], -1);
+  TransformQuarter(z, t.channelRows[2], -1);
   if (engine.probeActive != 0) PlaceChannelOnPlanes();
 }
 

@@ -55,6 +55,32 @@ __attribute__((optimize("no-tree-vectorize"))) void EqualiseScalar(const Equalis
 void EqualiseQpskScalar(const EqualiserRows& rows) { EqualiseScalar<false>(rows); }
 void EqualiseQamScalar(const EqualiserRows& rows) { EqualiseScalar<true>(rows); }
 
+__attribute__((optimize("no-tree-vectorize"))) void MultiplyBanksScalar(const BankProducts& rows) {
+  for (int32_t i = 0; i < rows.count; ++i) {
+    const float xr = rows.x[2 * i], xi = rows.x[2 * i + 1];
+    const float lr = rows.low[2 * i], li = rows.low[2 * i + 1];
+    const float hr = rows.high[2 * i], hi = rows.high[2 * i + 1];
+    rows.zLow[2 * i] = xr * lr - xi * li;
+    rows.zLow[2 * i + 1] = xr * li + xi * lr;
+    rows.zHigh[2 * i] = xr * hr - xi * hi;
+    rows.zHigh[2 * i + 1] = xr * hi + xi * hr;
+  }
+}
+
+void MultiplyBanksWith(VectorIsa isa, const BankProducts& rows) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) {
+    MultiplyBanksAvx2(rows);
+    return;
+  }
+  if (isa != VectorIsa::SCALAR && VectorIsaAvailable(VectorIsa::SSE2)) {
+    MultiplyBanksSse2(rows);
+    return;
+  }
+#endif
+  MultiplyBanksScalar(rows);
+}
+
 void EqualiseQamWith(VectorIsa isa, const EqualiserRows& rows) {
 #if defined(__x86_64__) || defined(__i386__)
   if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) {

@@ -39,4 +39,22 @@ void EqualiseQamAvx2(const EqualiserRows& rows);
 #endif
 void EqualiseQamWith(VectorIsa isa, const EqualiserRows& rows);
 
+// The spectrum of the row times the spectra of the two interpolation filters, entry by entry
+// (re = xr br - xi bi, im = xr bi + xi br), all rows interleaved re, im.
+struct BankProducts {
+  const float* x;
+  const float* low;   // the filters' spectra
+  const float* high;
+  float* zLow;        // the products
+  float* zHigh;
+  int32_t count;      // complex entries
+};
+
+void MultiplyBanksScalar(const BankProducts& rows);
+#if defined(__x86_64__) || defined(__i386__)
+void MultiplyBanksSse2(const BankProducts& rows);
+void MultiplyBanksAvx2(const BankProducts& rows);
+#endif
+void MultiplyBanksWith(VectorIsa isa, const BankProducts& rows);
+
 }  // namespace zfn

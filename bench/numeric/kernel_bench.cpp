@@ -106,6 +106,18 @@ void BM_QamEqualiser(benchmark::State& state, VectorIsa isa) {  // 64QAM: the lo
   state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);
 }
 
+void BM_BankProducts(benchmark::State& state, VectorIsa isa) {  // nquarter of mode 3
+  if (Skip(state, isa)) return;
+  constexpr int32_t ENTRIES = 256;
+  const std::vector<float> x = Values(2 * ENTRIES, 7), low = Values(2 * ENTRIES, 8), high = Values(2 * ENTRIES, 9);
+  std::vector<float> zLow(2 * ENTRIES), zHigh(2 * ENTRIES);
+  for (auto _ : state) {
+    MultiplyBanksWith(isa, {x.data(), low.data(), high.data(), zLow.data(), zHigh.data(), ENTRIES});
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * ENTRIES);
+}
+
 void BM_QpskDemap(benchmark::State& state, VectorIsa isa) {
   if (Skip(state, isa)) return;
   std::vector<float> values = Values(2 * DATA_CARRIERS, 6);
@@ -129,6 +141,9 @@ BENCHMARK_CAPTURE(BM_Equaliser, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_Equaliser, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_QamEqualiser, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_QamEqualiser, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_BankProducts, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_BankProducts, sse2, VectorIsa::SSE2);
+BENCHMARK_CAPTURE(BM_BankProducts, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_QpskDemap, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_QpskDemap, avx2, VectorIsa::AVX2);
 

@@ -144,6 +144,26 @@ std::string CompareEqualiser(VectorIsa isa, Random& random, int trial, int32_t b
   return same ? "" : "count " + std::to_string(count);
 }
 
+// The interpolation's bank products, at every alignment, with non-finite entries dropped in.
+std::string CompareBankProducts(VectorIsa isa, Random& random, int trial) {
+  const int32_t count = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 20 : 300));
+  const size_t offset = random.Below(8), floats = offset + 2 * static_cast<size_t>(count);
+  std::vector<float> x = Noise(random, floats), low = Noise(random, floats), high = Noise(random, floats);
+  if (count > 0 && trial % 3 == 0) {
+    x[offset + random.Below(static_cast<uint32_t>(2 * count))] = NAN;
+    low[offset + random.Below(static_cast<uint32_t>(2 * count))] = INFINITY;
+    high[offset + random.Below(static_cast<uint32_t>(2 * count))] = -0.0f;
+  }
+  std::vector<float> reference(2 * floats + 8, 5.0f), vector = reference;
+  const auto multiply = [&](VectorIsa with, std::vector<float>& z) {
+    MultiplyBanksWith(with, {x.data() + offset, low.data() + offset, high.data() + offset, z.data() + offset,
+                             z.data() + floats + offset, count});
+  };
+  multiply(VectorIsa::SCALAR, reference);
+  multiply(isa, vector);
+  return SameBits(reference, vector) ? "" : "count " + std::to_string(count);
+}
+
 // QPSK soft demapping: noisy values over the whole clamp range and beyond, with integers (the floor),
 // signed zeros, NaN and infinities dropped in.
 std::string CompareDemap(VectorIsa isa, Random& random, int trial) {
@@ -236,6 +256,7 @@ const Kernel KERNELS[] = {
     {"block conversion", {VectorIsa::AVX2}, CompareBlockConversion, 20},
     {"QPSK equaliser", {VectorIsa::SSE2, VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 2); }, 300},
+    {"interpolation bank products", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareBankProducts, 200},
     {"16QAM and 64QAM equaliser", {VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 4 + 2 * (trial & 1)); },
      300},
