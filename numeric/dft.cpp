@@ -73,14 +73,26 @@ DftStatus ComputeRowToRow(DftPlan plan, const float* in, float* out, bool forwar
   const auto end = begin + bytes;
   const auto outBegin = reinterpret_cast<uintptr_t>(out);
   const bool overlap = outBegin < end && begin < outBegin + bytes;
-  if (overlap || fftwf_alignment_of(const_cast<float*>(in)) != 0 || fftwf_alignment_of(out) != 0) {
+  if (fftwf_alignment_of(out) != 0) {
     if (in != out) std::memmove(out, in, bytes);
     return Compute(plan, out, forward);
   }
+  fftwf_plan rowToRow = forward ? plan->forwardRowToRow : plan->backwardRowToRow;
+  if (overlap || fftwf_alignment_of(const_cast<float*>(in)) != 0) {
+    if (plan->length > MAX_STACK_POINTS) {
+      if (in != out) std::memmove(out, in, bytes);
+      return Compute(plan, out, forward);
+    }
+    // One copy into an aligned row on the stack, and the same plan from there: the values are those
+    // of the aligned case.
+    alignas(64) fftwf_complex row[MAX_STACK_POINTS];
+    std::memcpy(row, in, bytes);
+    fftwf_execute_dft(rowToRow, row, reinterpret_cast<fftwf_complex*>(out));
+    return DFTI_NO_ERROR;
+  }
   // The plan keeps its input: the row taken from stays as it was.
   auto* src = reinterpret_cast<fftwf_complex*>(const_cast<float*>(in));
-  fftwf_execute_dft(forward ? plan->forwardRowToRow : plan->backwardRowToRow, src,
-                    reinterpret_cast<fftwf_complex*>(out));
+  fftwf_execute_dft(rowToRow, src, reinterpret_cast<fftwf_complex*>(out));
   return DFTI_NO_ERROR;
 }
 

@@ -176,8 +176,9 @@ void TransformAndStore() {
   TrackerState& t = tracker;
   const int32_t nfft = engine.nfft;
   const int32_t half = engine.nspan / 2;
-  std::memcpy(t.spectrumNow, engine.symbolBody, sizeof(float) * 2 * static_cast<size_t>(nfft));
-  DftiErrorClass(DftiComputeForward(engine.fftPlan, t.spectrumNow), DFTI_NO_ERROR);
+  // From the rotated body straight into the spectrum row: the timing gate still reads the body's
+  // edges in symbolBuffer.
+  DftiErrorClass(DftiComputeForwardOutOfPlace(engine.fftPlan, engine.symbolBody, t.spectrumNow), DFTI_NO_ERROR);
   t.carrierSlotNow = t.carrierRing + t.carrierRingNext * t.carrierRingStride;
   // Negative frequencies first: slot entry e is carrier e + spanCentre relative to DC.
   std::memcpy(t.carrierSlotNow, t.spectrumNow + 2 * (nfft - half), sizeof(float) * 2 * static_cast<size_t>(half));

@@ -91,4 +91,13 @@ DftStatus TimedDftiComputeForward(DftPlan plan, float* data) {
   return RealDftiComputeForward(plan, data);
 }
 
+DftStatus RealDftiComputeForwardOutOfPlace(DftPlan plan, const float* in, float* out)
+    asm("__real_" ZFN_STAGE_SYMBOL_DftiComputeForwardOutOfPlace);
+DftStatus TimedDftiComputeForwardOutOfPlace(DftPlan plan, const float* in, float* out)
+    asm("__wrap_" ZFN_STAGE_SYMBOL_DftiComputeForwardOutOfPlace);
+DftStatus TimedDftiComputeForwardOutOfPlace(DftPlan plan, const float* in, float* out) {
+  Timed t(inProcessSymbol ? STAGE_TRANSFORM_TRACKING : STAGE_TRANSFORM_OTHER);
+  return RealDftiComputeForwardOutOfPlace(plan, in, out);
+}
+
 }  // namespace zfn::bench
