@@ -105,6 +105,9 @@ void SetUpTracking() {
   // The rows are overwritten within the first eight symbols; they start from zeros rather than
   // from whatever the arena held, so no stale non-finite value can enter the time filter.
   std::memset(t.pastRow1, 0, sizeof(float) * 4 * static_cast<size_t>(rowFloats));
+  // The first symbol's timing gate and frequency loop compare it with the previous transform:
+  // that comparison starts from a zero spectrum, never from what acquisition left in the arena.
+  std::memset(t.spectrumB, 0, sizeof(float) * 2 * static_cast<size_t>(engine.nsymbol));
   SetIdentityTaps(t.timeTaps, 3);
   std::memset(t.freqTaps, 0, sizeof(float) * 14);
   t.freqTaps[6] = 1.0f;
