@@ -80,6 +80,13 @@ __attribute__((target("avx2"))) inline __m256i Avx2LeastOf(__m256i a, __m256i b)
   return _mm256_broadcastb_epi8(_mm_minpos_epu16(words));
 }
 
+// The least of the 32 bytes of v in every byte.
+__attribute__((target("avx2"))) inline __m256i Avx2LeastBroadcast(__m256i v) {
+  __m128i half = _mm_min_epu8(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
+  half = _mm_min_epu8(half, _mm_srli_epi16(half, 8));
+  return _mm256_broadcastb_epi8(_mm_minpos_epu16(half));
+}
+
 }  // namespace
 
 __attribute__((target("sse2"))) void ViterbiDecodeSse2(ViterbiTrellis& trellis, const uint16_t* pairs, int32_t count,
@@ -155,6 +162,139 @@ __attribute__((target("sse2"))) void ViterbiDecodeSse2(ViterbiTrellis& trellis, 
   ViterbiTraceBack(trellis, count, output);
 }
 
+namespace {
+
+// The metrics of a run of steps in registers: lo and hi the positions 0..31 and 32..63 read by the
+// last step, newLo and newHi those it wrote.
+struct Avx2Metrics {
+  __m256i lo, hi, newLo, newHi;
+};
+
+// Vector A holds positions 0..15 and 32..47 of a step's new metrics, vector B positions 16..31 and
+// 48..63; both take costs (m n n m | q r r q) from top bit 0 and (n m m n | r q q r) from top bit 1.
+// Byte k of the step's cost word is the cost of hypothesised XY = k: m = 1 2 3 0, n = 2 1 0 3,
+// q = 0 3 2 1, r = 3 0 1 2.
+alignas(32) constexpr uint8_t PICK_TOP0[32] = {1, 2, 3, 0, 2, 1, 0, 3, 2, 1, 0, 3, 1, 2, 3, 0,
+                                               0, 3, 2, 1, 3, 0, 1, 2, 3, 0, 1, 2, 0, 3, 2, 1};
+alignas(32) constexpr uint8_t PICK_TOP1[32] = {2, 1, 0, 3, 1, 2, 3, 0, 1, 2, 3, 0, 2, 1, 0, 3,
+                                               3, 0, 1, 2, 0, 3, 2, 1, 0, 3, 2, 1, 3, 0, 1, 2};
+
+__attribute__((target("avx2"))) inline __m256i Avx2Load(const uint8_t* table) {
+  return _mm256_load_si256(reinterpret_cast<const __m256i*>(table));
+}
+
+// The step's branch costs, the cost word in every four bytes.
+__attribute__((target("avx2"))) inline __m256i Avx2Costs(uint32_t pair) {
+  const uint32_t word = (pair & 0xE0E0) == 0 ? COST_TABLE.costs[((pair >> 3) & 0x3E0) | (pair & 0x1F)] : BranchCostsOf(pair);
+  return _mm256_set1_epi32(static_cast<int>(word));
+}
+
+// Add-compare-select of one step: A and B of the new metrics, the decisions stored at `at`.
+__attribute__((target("avx2"))) inline void Avx2Butterflies(__m256i lo, __m256i hi, __m256i costs, __m256i pickTop0,
+                                                            __m256i pickTop1, uint16_t* at, __m256i& va, __m256i& vb) {
+  const __m256i cost0 = _mm256_shuffle_epi8(costs, pickTop0);
+  const __m256i cost1 = _mm256_shuffle_epi8(costs, pickTop1);
+  __m256i a = _mm256_adds_epu8(_mm256_unpackhi_epi8(lo, lo), cost0);
+  __m256i b = _mm256_adds_epu8(_mm256_unpackhi_epi8(hi, hi), cost1);
+  va = _mm256_min_epu8(a, b);
+  const uint32_t da = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(b, va)));
+  a = _mm256_adds_epu8(_mm256_unpacklo_epi8(lo, lo), cost0);
+  b = _mm256_adds_epu8(_mm256_unpacklo_epi8(hi, hi), cost1);
+  vb = _mm256_min_epu8(a, b);
+  const uint32_t db = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(b, vb)));
+  // Words in position order: A low half, B low half, A high half, B high half.
+  const uint64_t packed = static_cast<uint64_t>(da & 0xFFFF) | static_cast<uint64_t>(db & 0xFFFF) << 16 |
+                          static_cast<uint64_t>(da >> 16) << 32 | static_cast<uint64_t>(db >> 16) << 48;
+  std::memcpy(at, &packed, sizeof packed);
+}
+
+// Position 32 is byte 16 of A: above 150 when that byte less 23 still has its top bit.
+__attribute__((target("avx2"))) inline __m256i Avx2AboveTest(__m256i va) {
+  return _mm256_subs_epu8(va, _mm256_set1_epi8(static_cast<char>(NORMALISE_ABOVE + 1 - 128)));
+}
+
+// The steps with the normalisation decided by a branch on the metric at position 32, the least
+// searched only when it is taken. Exact on every input.
+__attribute__((target("avx2"))) Avx2Metrics Avx2StepsBranching(Avx2Metrics m, const uint16_t* pairs, int32_t count,
+                                                                uint16_t* decisions) {
+  const __m256i pickTop0 = Avx2Load(PICK_TOP0), pickTop1 = Avx2Load(PICK_TOP1);
+  for (int32_t i = 0; i < count; ++i) {
+    __m256i va, vb;
+    Avx2Butterflies(m.lo, m.hi, Avx2Costs(pairs[i]), pickTop0, pickTop1, decisions + 4 * i, va, vb);
+    m.newLo = _mm256_permute2x128_si256(va, vb, 0x20);
+    m.newHi = _mm256_permute2x128_si256(va, vb, 0x31);
+    const uint32_t above = static_cast<uint32_t>(_mm256_movemask_epi8(Avx2AboveTest(va)));
+    if ((above & 0x10000) != 0) {
+      const __m256i sub = Avx2LeastOf(va, vb);
+      m.newLo = _mm256_subs_epu8(m.newLo, sub);
+      m.newHi = _mm256_subs_epu8(m.newHi, sub);
+    }
+    if (i + 1 < count) {
+      m.lo = m.newLo;
+      m.hi = m.newHi;
+    }
+  }
+  return m;
+}
+
+// The same steps without a branch. The test at position 32 falls irregularly, every few steps on a
+// real signal, and a mispredicted branch costs more than finding the least on every step, as long
+// as that search stays off the chain from one step's metrics to the next. It does, one step ahead:
+// every state leads to two states with complementary outputs, so the least new metric of a step
+// is the least over the states before it of metric plus the cheaper of its two branch costs
+// (saturating); and the metrics before it are those of the step before, less the amount that step
+// subtracted. So the least of step i comes from the unnormalised metrics of step i - 1, searched
+// while step i runs, less what step i - 1 subtracted. That is exact while the search gives less
+// than 255; a step that needed a least of 255 or more makes the caller run the call again with the
+// branching steps (false returned; only input far outside 0..31 comes there).
+__attribute__((target("avx2"))) bool Avx2StepsAhead(Avx2Metrics& m, const uint16_t* pairs, int32_t count,
+                                                    uint16_t* decisions) {
+  const __m256i pickTop0 = Avx2Load(PICK_TOP0), pickTop1 = Avx2Load(PICK_TOP1);
+  // The cheaper branch out of position t (state t xor 15), as bytes of A and B: min(c01, c10) when
+  // bits 0 and 4 of t agree, else min(c00, c11). Of the pairwise least (c00 c11 min, c01 c10 min,
+  // ...) byte 0 is min(c00, c11) and byte 1 min(c01, c10).
+  const __m256i reverse = _mm256_setr_epi8(3, 2, 1, 0, 3, 2, 1, 0, 3, 2, 1, 0, 3, 2, 1, 0,  //
+                                           3, 2, 1, 0, 3, 2, 1, 0, 3, 2, 1, 0, 3, 2, 1, 0);
+  const __m256i pickA = _mm256_setr_epi8(1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0,  //
+                                         1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0);
+  const __m256i pickB = _mm256_setr_epi8(0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1,  //
+                                         0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1);
+  const __m256i zero = _mm256_setzero_si256();
+  // The metrics before the first step as A and B, nothing subtracted from them.
+  __m256i previousA = _mm256_permute2x128_si256(m.lo, m.hi, 0x20);
+  __m256i previousB = _mm256_permute2x128_si256(m.lo, m.hi, 0x31);
+  __m256i previousSub = zero;
+  __m256i usedLeast = zero;  // the largest search result that a subtraction used, in every byte
+  for (int32_t i = 0; i < count; ++i) {
+    const __m256i costs = Avx2Costs(pairs[i]);
+    const __m256i pairLeast = _mm256_min_epu8(costs, _mm256_shuffle_epi8(costs, reverse));
+    const __m256i leastA = _mm256_shuffle_epi8(pairLeast, pickA);
+    const __m256i leastB = _mm256_shuffle_epi8(pairLeast, pickB);
+    const __m256i reach = _mm256_min_epu8(_mm256_adds_epu8(previousA, leastA), _mm256_adds_epu8(previousB, leastB));
+    const __m256i ahead = Avx2LeastBroadcast(reach);
+    const __m256i least = _mm256_subs_epu8(ahead, previousSub);
+
+    __m256i va, vb;
+    Avx2Butterflies(m.lo, m.hi, costs, pickTop0, pickTop1, decisions + 4 * i, va, vb);
+    const __m256i above = Avx2AboveTest(va);
+    const __m256i aboveAll = _mm256_shuffle_epi8(_mm256_permute2x128_si256(above, above, 0x11), zero);
+    const __m256i sub = _mm256_blendv_epi8(zero, least, aboveAll);
+    usedLeast = _mm256_max_epu8(usedLeast, _mm256_blendv_epi8(zero, ahead, aboveAll));
+    m.newLo = _mm256_subs_epu8(_mm256_permute2x128_si256(va, vb, 0x20), sub);
+    m.newHi = _mm256_subs_epu8(_mm256_permute2x128_si256(va, vb, 0x31), sub);
+    previousA = va;
+    previousB = vb;
+    previousSub = sub;
+    if (i + 1 < count) {
+      m.lo = m.newLo;
+      m.hi = m.newHi;
+    }
+  }
+  return (_mm_cvtsi128_si32(_mm256_castsi256_si128(usedLeast)) & 0xFF) != 0xFF;
+}
+
+}  // namespace
+
 __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, const uint16_t* pairs, int32_t count,
                                                        uint8_t* output) {
   if (count < 0 || count > VITERBI_MAX_STEPS) return;
@@ -164,68 +304,26 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
     int32_t bank = trellis.metricBank;
     const uint8_t* old = banks + 64 * (bank ^ 1);
     // Metrics in bank order: lo = positions 0..31, hi = positions 32..63.
-    __m256i lo = _mm256_load_si256(reinterpret_cast<const __m256i*>(old));
-    __m256i hi = _mm256_load_si256(reinterpret_cast<const __m256i*>(old + 32));
-    __m256i newLo = lo, newHi = hi;
-    // Vector A holds positions 0..15 and 32..47, vector B positions 16..31 and 48..63; both take costs
-    // (m n n m | q r r q) from top bit 0 and (n m m n | r q q r) from top bit 1.
-    // Byte k of the step's cost word is the cost of hypothesised XY = k: m = 1 2 3 0, n = 2 1 0 3,
-    // q = 0 3 2 1, r = 3 0 1 2.
-    const __m256i pickTop0 = _mm256_setr_epi8(1, 2, 3, 0, 2, 1, 0, 3, 2, 1, 0, 3, 1, 2, 3, 0,  //
-                                              0, 3, 2, 1, 3, 0, 1, 2, 3, 0, 1, 2, 0, 3, 2, 1);
-    const __m256i pickTop1 = _mm256_setr_epi8(2, 1, 0, 3, 1, 2, 3, 0, 1, 2, 3, 0, 2, 1, 0, 3,  //
-                                              3, 0, 1, 2, 0, 3, 2, 1, 0, 3, 2, 1, 3, 0, 1, 2);
-    const __m256i normaliseAbove = _mm256_set1_epi8(static_cast<char>(NORMALISE_ABOVE + 1));
+    Avx2Metrics m;
+    m.lo = _mm256_load_si256(reinterpret_cast<const __m256i*>(old));
+    m.hi = _mm256_load_si256(reinterpret_cast<const __m256i*>(old + 32));
+    m.newLo = m.lo;
+    m.newHi = m.hi;
+    const Avx2Metrics start = m;
     uint16_t* decisions = trellis.decisionHistory + 4 * VITERBI_TRACEBACK;
-    for (int32_t i = 0; i < count; ++i) {
-      const uint32_t pair = pairs[i];
-      const uint32_t word = (pair & 0xE0E0) == 0 ? COST_TABLE.costs[((pair >> 3) & 0x3E0) | (pair & 0x1F)] : BranchCostsOf(pair);
-      const __m256i costs = _mm256_set1_epi32(static_cast<int>(word));
-      const __m256i cost0 = _mm256_shuffle_epi8(costs, pickTop0);
-      const __m256i cost1 = _mm256_shuffle_epi8(costs, pickTop1);
-
-      __m256i a = _mm256_adds_epu8(_mm256_unpackhi_epi8(lo, lo), cost0);
-      __m256i b = _mm256_adds_epu8(_mm256_unpackhi_epi8(hi, hi), cost1);
-      const __m256i va = _mm256_min_epu8(a, b);
-      const uint32_t da = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(b, va)));
-      a = _mm256_adds_epu8(_mm256_unpacklo_epi8(lo, lo), cost0);
-      b = _mm256_adds_epu8(_mm256_unpacklo_epi8(hi, hi), cost1);
-      const __m256i vb = _mm256_min_epu8(a, b);
-      const uint32_t db = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(b, vb)));
-      // Words in position order: A low half, B low half, A high half, B high half.
-      const uint64_t packed = static_cast<uint64_t>(da & 0xFFFF) | static_cast<uint64_t>(db & 0xFFFF) << 16 |
-                              static_cast<uint64_t>(da >> 16) << 32 | static_cast<uint64_t>(db >> 16) << 48;
-      std::memcpy(decisions + 4 * i, &packed, sizeof packed);
-      newLo = _mm256_permute2x128_si256(va, vb, 0x20);
-      newHi = _mm256_permute2x128_si256(va, vb, 0x31);
-
-      // Position 32 is byte 16 of A: tested there, before the lanes are regrouped, so that the rare
-      // normalisation is known a few cycles earlier.
-      const __m256i aboveBytes = _mm256_cmpeq_epi8(_mm256_max_epu8(va, normaliseAbove), va);
-      const uint32_t above = static_cast<uint32_t>(_mm256_movemask_epi8(aboveBytes));
-      if ((above & 0x10000) != 0) {
-        // The least metric from A and B, while the lanes are regrouped.
-        const __m256i sub = Avx2LeastOf(va, vb);
-        newLo = _mm256_subs_epu8(newLo, sub);
-        newHi = _mm256_subs_epu8(newHi, sub);
-      }
-      if (i + 1 < count) {
-        lo = newLo;
-        hi = newHi;
-      }
-      bank ^= 1;
-    }
+    if (!Avx2StepsAhead(m, pairs, count, decisions)) m = Avx2StepsBranching(start, pairs, count, decisions);
+    if ((count & 1) != 0) bank ^= 1;
     uint8_t* newest = banks + 64 * (bank ^ 1);
     uint8_t* previous = banks + 64 * bank;
-    _mm256_store_si256(reinterpret_cast<__m256i*>(newest), newLo);
-    _mm256_store_si256(reinterpret_cast<__m256i*>(newest + 32), newHi);
-    _mm256_store_si256(reinterpret_cast<__m256i*>(previous), lo);
-    _mm256_store_si256(reinterpret_cast<__m256i*>(previous + 32), hi);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(newest), m.newLo);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(newest + 32), m.newHi);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(previous), m.lo);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(previous + 32), m.hi);
     trellis.metricBank = static_cast<uint8_t>(bank);
     // The first position of the least newest metric starts the traceback.
-    const __m256i least = Avx2LeastOf(newLo, newHi);
-    const uint32_t whereLo = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(newLo, least)));
-    const uint32_t whereHi = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(newHi, least)));
+    const __m256i least = Avx2LeastOf(m.newLo, m.newHi);
+    const uint32_t whereLo = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(m.newLo, least)));
+    const uint32_t whereHi = static_cast<uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(m.newHi, least)));
     const uint64_t where = whereLo | static_cast<uint64_t>(whereHi) << 32;
     ViterbiTraceBackFrom(trellis, std::countr_zero(where), count, output);
     return;

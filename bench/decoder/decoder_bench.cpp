@@ -1,6 +1,12 @@
 // Benchmarks of the channel decoder: Viterbi trellis steps per second of every kernel this processor
 // runs, with the speed-up of each vector kernel over the scalar reference printed at the end of the
 // run, and Reed-Solomon decoding per packet (clean, corrected, uncorrectable).
+//
+// The Viterbi runs read the soft pairs that the engine itself gives the decoder: at start-up the
+// program decodes short captures of our transmitter (the common broadcast, Mode 3, QPSK 2/3, at
+// C/N 20 dB and 7 dB) through the synchronous driver, with the linker sending the engine's calls of
+// ViterbiDecode through a wrapper that records them (--wrap, see CMakeLists.txt). How often the
+// metrics are normalised, and how that falls, depends on such input, not on random pairs.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -16,9 +22,60 @@
 #include "decoder/viterbi.h"
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
+#include "simulator/transmitter.h"
+#include "tools/offline_decoder.h"
+
+namespace zfn {
+
+// The engine's calls of the decoder, while a capture is being recorded: their pairs, one call after
+// the other, and the call lengths.
+struct RecordedCalls {
+  std::vector<uint16_t> pairs;
+  std::vector<int32_t> counts;
+};
+RecordedCalls* recording = nullptr;
+
+}  // namespace zfn
+
+void RealViterbiDecode(const uint16_t* pairs, int32_t count, uint8_t* output) asm("__real__ZN3zfn13ViterbiDecodeEPKtiPh");
+void RecordingViterbiDecode(const uint16_t* pairs, int32_t count, uint8_t* output) asm("__wrap__ZN3zfn13ViterbiDecodeEPKtiPh");
+void RecordingViterbiDecode(const uint16_t* pairs, int32_t count, uint8_t* output) {
+  if (zfn::recording != nullptr && count > 0) {
+    zfn::recording->pairs.insert(zfn::recording->pairs.end(), pairs, pairs + count);
+    zfn::recording->counts.push_back(count);
+  }
+  RealViterbiDecode(pairs, count, output);
+}
 
 namespace zfn {
 namespace {
+
+constexpr size_t BLOCK_BYTES = 240640;
+constexpr int RECORDED_BLOCKS = 40;  // 2.4 s of signal, of which about 2 s tracked
+
+// The decoder's input from the engine on a capture of the common broadcast at the given C/N.
+const RecordedCalls& EngineCalls(double cnDb) {
+  static std::map<double, RecordedCalls> calls;
+  auto found = calls.find(cnDb);
+  if (found != calls.end()) return found->second;
+  RecordedCalls& record = calls[cnDb];
+  sim::BroadcastConfig broadcast;
+  sim::ChannelConfig channel;
+  channel.noise = true;
+  channel.cnDb = cnDb;
+  std::string error;
+  auto generator = sim::SignalGenerator::Create(broadcast, channel, sim::MakeTestPatternSource(1), &error);
+  if (!generator) return record;
+  std::vector<uint8_t> capture(RECORDED_BLOCKS * BLOCK_BYTES);
+  generator->GenerateBytes(capture.data(), capture.size());
+  tools::OfflineDecoder engineDecoder;
+  if (!engineDecoder.Open(nullptr, nullptr)) return record;
+  recording = &record;
+  engineDecoder.Feed(capture.data(), capture.size());
+  recording = nullptr;
+  engineDecoder.Close();
+  return record;
+}
 
 // Noisy soft pairs around a random code sequence: what one symbol of a real signal looks like.
 std::vector<uint16_t> NoisyPairs(int32_t count, uint64_t seed) {
@@ -38,28 +95,46 @@ std::vector<uint16_t> NoisyPairs(int32_t count, uint64_t seed) {
   return pairs;
 }
 
-// One call per OFDM symbol: 2016 trellis steps for the largest layer (Mode 3, 64QAM, rate 7/8), 512
-// for the usual one-segment layer (Mode 3, QPSK, rate 2/3), 96 for a small one.
+// One call per OFDM symbol: 2016 trellis steps for the largest layer (Mode 3, 64QAM, rate 7/8) and
+// 96 for a small one on noisy random pairs; the engine's own calls of the usual one-segment layer
+// (Mode 3, QPSK 2/3, 512 steps) at 20 dB and 7 dB, in their order, on one continuing trellis.
 void BM_Viterbi(benchmark::State& state, ViterbiKernel kernel) {
   if (!ViterbiKernelAvailable(kernel)) {
     state.SkipWithError("kernel not available on this processor");
     return;
   }
-  const int32_t count = static_cast<int32_t>(state.range(0));
+  const bool engineInput = state.range(0) == 0;
+  const int32_t value = static_cast<int32_t>(state.range(1));
+  RecordedCalls random;
+  if (!engineInput) {
+    random.pairs = NoisyPairs(value, 12345);
+    random.counts = {value};
+  }
+  const RecordedCalls& calls = engineInput ? EngineCalls(value) : random;
+  if (calls.counts.empty()) {
+    state.SkipWithError("the engine gave the decoder nothing");
+    return;
+  }
   auto trellis = std::make_unique<ViterbiTrellis>();
-  const std::vector<uint16_t> pairs = NoisyPairs(count, 12345);
-  std::vector<uint8_t> out(static_cast<size_t>(count / 8));
+  std::vector<uint8_t> out(VITERBI_MAX_STEPS / 8);
+  size_t call = 0, at = 0;
+  int64_t steps = 0;
   for (auto _ : state) {
-    ViterbiRun(*trellis, kernel, pairs.data(), count, out.data());
+    const int32_t count = calls.counts[call];
+    ViterbiRun(*trellis, kernel, calls.pairs.data() + at, count, out.data());
     benchmark::DoNotOptimize(out.data());
     benchmark::ClobberMemory();
+    steps += count;
+    at += static_cast<size_t>(count);
+    if (++call == calls.counts.size()) call = at = 0;
   }
-  state.SetItemsProcessed(state.iterations() * count);
-  state.SetLabel(ViterbiKernelName(kernel));
+  state.SetItemsProcessed(steps);
+  state.SetLabel(std::string(ViterbiKernelName(kernel)) + (engineInput ? ", the engine's pairs" : ", random pairs"));
 }
-BENCHMARK_CAPTURE(BM_Viterbi, scalar, ViterbiKernel::SCALAR)->Arg(2016)->Arg(512)->Arg(96);
-BENCHMARK_CAPTURE(BM_Viterbi, sse2, ViterbiKernel::SSE2)->Arg(2016)->Arg(512)->Arg(96);
-BENCHMARK_CAPTURE(BM_Viterbi, avx2, ViterbiKernel::AVX2)->Arg(2016)->Arg(512)->Arg(96);
+// Arguments: 0 and the C/N in dB of the engine's input, or 1 and the steps per call of random pairs.
+BENCHMARK_CAPTURE(BM_Viterbi, scalar, ViterbiKernel::SCALAR)->Args({0, 20})->Args({0, 7})->Args({1, 2016})->Args({1, 96});
+BENCHMARK_CAPTURE(BM_Viterbi, sse2, ViterbiKernel::SSE2)->Args({0, 20})->Args({0, 7})->Args({1, 2016})->Args({1, 96});
+BENCHMARK_CAPTURE(BM_Viterbi, avx2, ViterbiKernel::AVX2)->Args({0, 20})->Args({0, 7})->Args({1, 2016})->Args({1, 96});
 
 // Reed-Solomon per packet: 0 clean (one encoder pass), 1 with 8 data errors (full correction), 2 with
 // 20 errors (fails).
@@ -155,12 +230,14 @@ class RatioReporter : public benchmark::ConsoleReporter {
   }
   void Finalize() override {
     ConsoleReporter::Finalize();
-    for (const char* length : {"2016", "512", "96"}) {
-      const std::string scalar = std::string("BM_Viterbi/scalar/") + length;
+    for (const char* input : {"0/20", "0/7", "1/2016", "1/96"}) {
+      const std::string scalar = std::string("BM_Viterbi/scalar/") + input;
       if (rates_.count(scalar) == 0) continue;
-      std::printf("Viterbi, %s steps per call: scalar %.1f M steps/s", length, rates_[scalar] / 1e6);
+      if (input[0] == '0') std::printf("Viterbi, the engine's calls at %s dB", input + 2);
+      else std::printf("Viterbi, random pairs, %s steps per call", input + 2);
+      std::printf(": scalar %.1f M steps/s", rates_[scalar] / 1e6);
       for (const char* kernel : {"sse2", "avx2"}) {
-        const std::string name = std::string("BM_Viterbi/") + kernel + "/" + length;
+        const std::string name = std::string("BM_Viterbi/") + kernel + "/" + input;
         if (rates_.count(name) == 0) continue;
         std::printf(", %s %.1f M steps/s (%.1fx scalar)", kernel, rates_[name] / 1e6, rates_[name] / rates_[scalar]);
       }
