@@ -40,17 +40,21 @@ constexpr StepCosts CostsOf(uint16_t pair) {
           c00 | c11 << 8 | c10 << 16 | c01 << 24, c11 | c00 << 8 | c01 << 16 | c10 << 24};
 }
 
-// The four branch costs of a step as bytes c00, c01, c10, c11 (by hypothesised XY), lowest first.
-constexpr uint32_t BranchCostsOf(uint32_t pair) {
+// The four branch costs of a step as bytes c00, c01, c10, c11 (by hypothesised XY), lowest first,
+// then the cheaper of each complementary pair as bytes min(c01, c10), min(c00, c11).
+constexpr uint64_t BranchCostsOf(uint32_t pair) {
   const uint32_t h = (pair >> 8) & 0xFF;
   const uint32_t l = pair & 0xFF;
-  return ((h + l) & 0xFF) | ((h + (31 - l)) & 0xFF) << 8 | (((31 - h) + l) & 0xFF) << 16 | (((31 - h) + (31 - l)) & 0xFF) << 24;
+  const uint32_t c00 = (h + l) & 0xFF, c01 = (h + (31 - l)) & 0xFF, c10 = ((31 - h) + l) & 0xFF;
+  const uint32_t c11 = ((31 - h) + (31 - l)) & 0xFF;
+  const uint64_t cheaper = (c01 < c10 ? c01 : c10) | (c00 < c11 ? c00 : c11) << 8;
+  return (c00 | c01 << 8 | c10 << 16 | c11 << 24) | cheaper << 32;
 }
 
 // The soft bits of the demapper lie in 0..31, so the costs of nearly every step come from this
 // table, indexed by h * 32 + l; other pairs are worked out as they come.
 struct CostTable {
-  uint32_t costs[1024];
+  uint64_t costs[1024];
 };
 
 constexpr CostTable MakeCostTable() {
@@ -176,24 +180,24 @@ struct Avx2Metrics {
 // q = 0 3 2 1, r = 3 0 1 2.
 alignas(32) constexpr uint8_t PICK_TOP0[32] = {1, 2, 3, 0, 2, 1, 0, 3, 2, 1, 0, 3, 1, 2, 3, 0,
                                                0, 3, 2, 1, 3, 0, 1, 2, 3, 0, 1, 2, 0, 3, 2, 1};
-alignas(32) constexpr uint8_t PICK_TOP1[32] = {2, 1, 0, 3, 1, 2, 3, 0, 1, 2, 3, 0, 2, 1, 0, 3,
-                                               3, 0, 1, 2, 0, 3, 2, 1, 0, 3, 2, 1, 3, 0, 1, 2};
 
 __attribute__((target("avx2"))) inline __m256i Avx2Load(const uint8_t* table) {
   return _mm256_load_si256(reinterpret_cast<const __m256i*>(table));
 }
 
-// The step's branch costs, the cost word in every four bytes.
+// The step's branch costs, the eight bytes of BranchCostsOf in every eight bytes.
 __attribute__((target("avx2"))) inline __m256i Avx2Costs(uint32_t pair) {
-  const uint32_t word = (pair & 0xE0E0) == 0 ? COST_TABLE.costs[((pair >> 3) & 0x3E0) | (pair & 0x1F)] : BranchCostsOf(pair);
-  return _mm256_set1_epi32(static_cast<int>(word));
+  const uint64_t word = (pair & 0xE0E0) == 0 ? COST_TABLE.costs[((pair >> 3) & 0x3E0) | (pair & 0x1F)] : BranchCostsOf(pair);
+  return _mm256_set1_epi64x(static_cast<long long>(word));
 }
 
 // Add-compare-select of one step: A and B of the new metrics, the decisions stored at `at`.
 __attribute__((target("avx2"))) inline void Avx2Butterflies(__m256i lo, __m256i hi, __m256i costs, __m256i pickTop0,
-                                                            __m256i pickTop1, uint16_t* at, __m256i& va, __m256i& vb) {
+                                                            uint16_t* at, __m256i& va, __m256i& vb) {
+  // The costs from top bit 1 are those of the complementary outputs: c00 + c11 = c01 + c10 = 62,
+  // modulo 256 as the bytes are worked out, for any pair.
   const __m256i cost0 = _mm256_shuffle_epi8(costs, pickTop0);
-  const __m256i cost1 = _mm256_shuffle_epi8(costs, pickTop1);
+  const __m256i cost1 = _mm256_sub_epi8(_mm256_set1_epi8(62), cost0);
   __m256i a = _mm256_adds_epu8(_mm256_unpackhi_epi8(lo, lo), cost0);
   __m256i b = _mm256_adds_epu8(_mm256_unpackhi_epi8(hi, hi), cost1);
   va = _mm256_min_epu8(a, b);
@@ -217,10 +221,10 @@ __attribute__((target("avx2"))) inline __m256i Avx2AboveTest(__m256i va) {
 // searched only when it is taken. Exact on every input.
 __attribute__((target("avx2"))) Avx2Metrics Avx2StepsBranching(Avx2Metrics m, const uint16_t* pairs, int32_t count,
                                                                 uint16_t* decisions) {
-  const __m256i pickTop0 = Avx2Load(PICK_TOP0), pickTop1 = Avx2Load(PICK_TOP1);
+  const __m256i pickTop0 = Avx2Load(PICK_TOP0);
   for (int32_t i = 0; i < count; ++i) {
     __m256i va, vb;
-    Avx2Butterflies(m.lo, m.hi, Avx2Costs(pairs[i]), pickTop0, pickTop1, decisions + 4 * i, va, vb);
+    Avx2Butterflies(m.lo, m.hi, Avx2Costs(pairs[i]), pickTop0, decisions + 4 * i, va, vb);
     m.newLo = _mm256_permute2x128_si256(va, vb, 0x20);
     m.newHi = _mm256_permute2x128_si256(va, vb, 0x31);
     const uint32_t above = static_cast<uint32_t>(_mm256_movemask_epi8(Avx2AboveTest(va)));
@@ -249,16 +253,13 @@ __attribute__((target("avx2"))) Avx2Metrics Avx2StepsBranching(Avx2Metrics m, co
 // branching steps (false returned; only input far outside 0..31 comes there).
 __attribute__((target("avx2"))) bool Avx2StepsAhead(Avx2Metrics& m, const uint16_t* pairs, int32_t count,
                                                     uint16_t* decisions) {
-  const __m256i pickTop0 = Avx2Load(PICK_TOP0), pickTop1 = Avx2Load(PICK_TOP1);
+  const __m256i pickTop0 = Avx2Load(PICK_TOP0);
   // The cheaper branch out of position t (state t xor 15), as bytes of A and B: min(c01, c10) when
-  // bits 0 and 4 of t agree, else min(c00, c11). Of the pairwise least (c00 c11 min, c01 c10 min,
-  // ...) byte 0 is min(c00, c11) and byte 1 min(c01, c10).
-  const __m256i reverse = _mm256_setr_epi8(3, 2, 1, 0, 3, 2, 1, 0, 3, 2, 1, 0, 3, 2, 1, 0,  //
-                                           3, 2, 1, 0, 3, 2, 1, 0, 3, 2, 1, 0, 3, 2, 1, 0);
-  const __m256i pickA = _mm256_setr_epi8(1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0,  //
-                                         1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0);
-  const __m256i pickB = _mm256_setr_epi8(0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1,  //
-                                         0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1, 0, 1);
+  // bits 0 and 4 of t agree, else min(c00, c11) (bytes 4 and 5 of the cost words).
+  const __m256i pickA = _mm256_setr_epi8(4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5,  //
+                                         4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5);
+  const __m256i pickB = _mm256_setr_epi8(5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4,  //
+                                         5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4);
   const __m256i zero = _mm256_setzero_si256();
   // The metrics before the first step as A and B, nothing subtracted from them.
   __m256i previousA = _mm256_permute2x128_si256(m.lo, m.hi, 0x20);
@@ -267,15 +268,14 @@ __attribute__((target("avx2"))) bool Avx2StepsAhead(Avx2Metrics& m, const uint16
   __m256i usedLeast = zero;  // the largest search result that a subtraction used, in every byte
   for (int32_t i = 0; i < count; ++i) {
     const __m256i costs = Avx2Costs(pairs[i]);
-    const __m256i pairLeast = _mm256_min_epu8(costs, _mm256_shuffle_epi8(costs, reverse));
-    const __m256i leastA = _mm256_shuffle_epi8(pairLeast, pickA);
-    const __m256i leastB = _mm256_shuffle_epi8(pairLeast, pickB);
+    const __m256i leastA = _mm256_shuffle_epi8(costs, pickA);
+    const __m256i leastB = _mm256_shuffle_epi8(costs, pickB);
     const __m256i reach = _mm256_min_epu8(_mm256_adds_epu8(previousA, leastA), _mm256_adds_epu8(previousB, leastB));
     const __m256i ahead = Avx2LeastBroadcast(reach);
     const __m256i least = _mm256_subs_epu8(ahead, previousSub);
 
     __m256i va, vb;
-    Avx2Butterflies(m.lo, m.hi, costs, pickTop0, pickTop1, decisions + 4 * i, va, vb);
+    Avx2Butterflies(m.lo, m.hi, costs, pickTop0, decisions + 4 * i, va, vb);
     const __m256i above = Avx2AboveTest(va);
     const __m256i aboveAll = _mm256_shuffle_epi8(_mm256_permute2x128_si256(above, above, 0x11), zero);
     const __m256i sub = _mm256_blendv_epi8(zero, least, aboveAll);
