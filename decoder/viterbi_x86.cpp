@@ -248,11 +248,15 @@ __attribute__((target("avx2"))) Avx2Metrics Avx2StepsBranching(Avx2Metrics m, co
 // is the least over the states before it of metric plus the cheaper of its two branch costs
 // (saturating); and the metrics before it are those of the step before, less the amount that step
 // subtracted. So the least of step i comes from the unnormalised metrics of step i - 1, searched
-// while step i runs, less what step i - 1 subtracted. That is exact while the search gives less
-// than 255; a step that needed a least of 255 or more makes the caller run the call again with the
-// branching steps (false returned; only input far outside 0..31 comes there).
-__attribute__((target("avx2"))) bool Avx2StepsAhead(Avx2Metrics& m, const uint16_t* pairs, int32_t count,
-                                                    uint16_t* decisions) {
+// while step i runs, less what step i - 1 subtracted.
+//
+// That is exact as long as the search does not saturate, and it never does when every soft bit
+// lies in 0..31 and the least metric before the call is at most 150: the cheaper branch then costs
+// at most 31, after every step the least metric is 0 (normalised) or at most the metric at
+// position 32, at most 150, and the search, two steps on from such metrics, stays below 150 + 62.
+// The caller sees to both; only input far outside 0..31 takes the branching steps.
+__attribute__((target("avx2"))) Avx2Metrics Avx2StepsAhead(Avx2Metrics m, const uint16_t* pairs, int32_t count,
+                                                           uint16_t* decisions) {
   const __m256i pickTop0 = Avx2Load(PICK_TOP0);
   // The cheaper branch out of position t (state t xor 15), as bytes of A and B: min(c01, c10) when
   // bits 0 and 4 of t agree, else min(c00, c11) (bytes 4 and 5 of the cost words).
@@ -260,26 +264,25 @@ __attribute__((target("avx2"))) bool Avx2StepsAhead(Avx2Metrics& m, const uint16
                                          4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5);
   const __m256i pickB = _mm256_setr_epi8(5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4,  //
                                          5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4, 5, 4);
-  const __m256i zero = _mm256_setzero_si256();
+  // Zero, hidden from the compiler so that the selection below stays one blend.
+  __m256i zero = _mm256_setzero_si256();
+  asm("" : "+x"(zero));
   // The metrics before the first step as A and B, nothing subtracted from them.
   __m256i previousA = _mm256_permute2x128_si256(m.lo, m.hi, 0x20);
   __m256i previousB = _mm256_permute2x128_si256(m.lo, m.hi, 0x31);
   __m256i previousSub = zero;
-  __m256i usedLeast = zero;  // the largest search result that a subtraction used, in every byte
   for (int32_t i = 0; i < count; ++i) {
-    const __m256i costs = Avx2Costs(pairs[i]);
+    const __m256i costs = _mm256_set1_epi64x(static_cast<long long>(COST_TABLE.costs[((pairs[i] >> 3) & 0x3E0) | (pairs[i] & 0x1F)]));
     const __m256i leastA = _mm256_shuffle_epi8(costs, pickA);
     const __m256i leastB = _mm256_shuffle_epi8(costs, pickB);
     const __m256i reach = _mm256_min_epu8(_mm256_adds_epu8(previousA, leastA), _mm256_adds_epu8(previousB, leastB));
-    const __m256i ahead = Avx2LeastBroadcast(reach);
-    const __m256i least = _mm256_subs_epu8(ahead, previousSub);
+    const __m256i least = _mm256_subs_epu8(Avx2LeastBroadcast(reach), previousSub);
 
     __m256i va, vb;
     Avx2Butterflies(m.lo, m.hi, costs, pickTop0, decisions + 4 * i, va, vb);
     const __m256i above = Avx2AboveTest(va);
-    const __m256i aboveAll = _mm256_shuffle_epi8(_mm256_permute2x128_si256(above, above, 0x11), zero);
+    const __m256i aboveAll = _mm256_shuffle_epi8(_mm256_permute2x128_si256(above, above, 0x11), _mm256_setzero_si256());
     const __m256i sub = _mm256_blendv_epi8(zero, least, aboveAll);
-    usedLeast = _mm256_max_epu8(usedLeast, _mm256_blendv_epi8(zero, ahead, aboveAll));
     m.newLo = _mm256_subs_epu8(_mm256_permute2x128_si256(va, vb, 0x20), sub);
     m.newHi = _mm256_subs_epu8(_mm256_permute2x128_si256(va, vb, 0x31), sub);
     previousA = va;
@@ -290,7 +293,19 @@ __attribute__((target("avx2"))) bool Avx2StepsAhead(Avx2Metrics& m, const uint16
       m.hi = m.newHi;
     }
   }
-  return (_mm_cvtsi128_si32(_mm256_castsi256_si128(usedLeast)) & 0xFF) != 0xFF;
+  return m;
+}
+
+// Whether the steps without a branch are exact on this call: every soft bit in 0..31 and the least
+// metric before it at most 150.
+__attribute__((target("avx2"))) bool Avx2AheadExact(const Avx2Metrics& m, const uint16_t* pairs, int32_t count) {
+  if ((_mm_cvtsi128_si32(_mm256_castsi256_si128(Avx2LeastOf(m.lo, m.hi))) & 0xFF) > NORMALISE_ABOVE) return false;
+  __m256i high = _mm256_setzero_si256();
+  int32_t i = 0;
+  for (; i + 16 <= count; i += 16) high = _mm256_or_si256(high, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(pairs + i)));
+  uint32_t rest = 0;
+  for (; i < count; ++i) rest |= pairs[i];
+  return _mm256_testz_si256(high, _mm256_set1_epi16(static_cast<short>(0xE0E0))) != 0 && (rest & 0xE0E0) == 0;
 }
 
 }  // namespace
@@ -309,9 +324,9 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
     m.hi = _mm256_load_si256(reinterpret_cast<const __m256i*>(old + 32));
     m.newLo = m.lo;
     m.newHi = m.hi;
-    const Avx2Metrics start = m;
     uint16_t* decisions = trellis.decisionHistory + 4 * VITERBI_TRACEBACK;
-    if (!Avx2StepsAhead(m, pairs, count, decisions)) m = Avx2StepsBranching(start, pairs, count, decisions);
+    m = Avx2AheadExact(m, pairs, count) ? Avx2StepsAhead(m, pairs, count, decisions)
+                                        : Avx2StepsBranching(m, pairs, count, decisions);
     if ((count & 1) != 0) bank ^= 1;
     uint8_t* newest = banks + 64 * (bank ^ 1);
     uint8_t* previous = banks + 64 * bank;
