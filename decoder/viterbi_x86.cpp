@@ -241,19 +241,19 @@ __attribute__((target("avx2"))) Avx2Metrics Avx2StepsBranching(Avx2Metrics m, co
   return m;
 }
 
-// The same steps without a branch. The test at position 32 falls irregularly, every few steps on a
-// real signal, and a mispredicted branch costs more than finding the least on every step, as long
-// as that search stays off the chain from one step's metrics to the next. It does, one step ahead:
-// every state leads to two states with complementary outputs, so the least new metric of a step
-// is the least over the states before it of metric plus the cheaper of its two branch costs
-// (saturating); and the metrics before it are those of the step before, less the amount that step
-// subtracted. So the least of step i comes from the unnormalised metrics of step i - 1, searched
-// while step i runs, less what step i - 1 subtracted.
+// The same steps without a branch. The test at position 32 comes out true irregularly, every few
+// steps on a real signal, and a mispredicted branch costs more than finding the least on every
+// step, as long as that search stays off the chain from one step's metrics to the next. It does,
+// one step ahead: every state leads to two states with complementary outputs, so the least new
+// metric of a step is the least over the states before it of metric plus the cheaper of its two
+// branch costs (saturating); and the metrics before it are those of the step before, less the
+// amount that step subtracted. So the least of step i comes from the unnormalised metrics of step
+// i - 1, searched while step i runs, less what step i - 1 subtracted.
 //
 // That is exact as long as the search does not saturate, and it never does when every soft bit
 // lies in 0..31 and the least metric before the call is at most 150: the cheaper branch then costs
 // at most 31, after every step the least metric is 0 (normalised) or at most the metric at
-// position 32, at most 150, and the search, two steps on from such metrics, stays below 150 + 62.
+// position 32, at most 150, and the search, two steps on from such metrics, gives at most 150 + 62.
 // The caller sees to both; only input far outside 0..31 takes the branching steps.
 __attribute__((target("avx2"))) Avx2Metrics Avx2StepsAhead(Avx2Metrics m, const uint16_t* pairs, int32_t count,
                                                            uint16_t* decisions) {
