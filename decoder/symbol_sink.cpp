@@ -8,6 +8,7 @@
 #include "decoder/decoder_stages.h"
 #include "decoder/decoder_state.h"
 #include "decoder/demap_kernels.h"
+#include "decoder/depuncture_kernels.h"
 #include "decoder/viterbi.h"
 #include "shell/device_state.h"
 #include "shell/diagnostics.h"
@@ -313,7 +314,7 @@ const uint16_t* DepunctureAndPack() {
     const int32_t groups = decoder.punctureGroups;
     switch (codeRate) {
       case 1:
-        DepunctureGroups<1>(bits, pairs, groups);
+        DepunctureTwoThirdsWith(ActiveVectorIsa(), bits, pairs, groups);
         break;
       case 2:
         DepunctureGroups<2>(bits, pairs, groups);
