@@ -243,8 +243,32 @@ void DeinterleaveBitsByCarrier(const int32_t* delays, uint8_t* const* lines) {
   }
 }
 
+// QPSK with its one line within a symbol: X of a carrier comes from the carrier delay places back
+// (from the line for the first ones), Y from the carrier itself. Both bytes of a carrier are written
+// in the same pass, so that the compiler moves them many carriers at a time.
+void DeinterleaveBitsQpsk(int32_t delay, uint8_t* __restrict line) {
+  const int32_t ndata = engine.ndata;
+  const uint8_t* __restrict soft = decoder.softBits;
+  uint8_t* __restrict out = decoder.bitStream;
+  for (int32_t n = 0; n < delay; ++n) {
+    out[2 * n] = line[n];
+    out[2 * n + 1] = soft[2 * n + 1];
+  }
+  for (int32_t n = delay; n < ndata; ++n) {
+    out[2 * n] = soft[2 * (n - delay)];
+    out[2 * n + 1] = soft[2 * n + 1];
+  }
+  for (int32_t n = 0; n < delay; ++n) line[n] = soft[2 * (ndata - delay + n)];
+}
+
 template <int32_t BITS>
 void DeinterleaveBitsOf(const int32_t* delays, uint8_t* const* lines) {
+  if constexpr (BITS == 2) {
+    if (delays[0] <= engine.ndata && delays[1] == 0) {
+      DeinterleaveBitsQpsk(delays[0], lines[0]);
+      return;
+    }
+  }
   if constexpr (BITS == 2 || BITS == 4) {
     using Word = std::conditional_t<BITS == 2, uint16_t, uint32_t>;
     if (delays[0] <= engine.ndata) {
