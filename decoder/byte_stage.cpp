@@ -135,7 +135,8 @@ void HandOverPacket() {
     std::memcpy(engine.ringSlots + TS_PACKET_BYTES * engine.ringWrite, decoder.stagedPacket, TS_PACKET_BYTES);
   }
   engine.tsResetRequest = 0;
-  device.packetEvent.Set();
+  // Release: a drain that finds the flag set by this exchange also finds the packet in the ring.
+  if (!device.packetWakePending.exchange(true, std::memory_order_acq_rel)) device.packetEvent.Set();
 }
 
 }  // namespace zfn
