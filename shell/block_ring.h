@@ -30,7 +30,8 @@ int32_t BlockRingFree();
 void BlockRingPublish(const uint8_t* block);
 // The same without the copy, for a writer that runs the reader's pass itself while block stays
 // valid (the synchronous driver): the next slot stands for block until BlockRingEndLend, which
-// copies it into the slot only if the reader has not taken it.
+// copies it into the slot only if the reader has not taken it. A reader that has taken it must not
+// take it again (a jump to the newest) before the next block is written: the slot does not hold it.
 void BlockRingLend(const uint8_t* block);
 void BlockRingEndLend();
 // What the reader does with a block it takes: use(block, context), in the slot, under the ring's
