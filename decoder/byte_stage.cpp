@@ -92,17 +92,35 @@ void Derandomise(uint8_t* block, int32_t length) {
     b = PRBS_START_LOW;
   }
   decoder.packetInFrame = decoder.packetsPerFrame > 0 ? (decoder.packetInFrame + 1) % decoder.packetsPerFrame : 0;
-  // One step yields eight sequence bits in B: B' = A ^ (2A + bit 6 of B), A' = 2B + bit 7 of B'.
-  auto step = [&a, &b]() {
+  // One step yields eight sequence bits in B: B' = A ^ (2A + bit 6 of B), A' = 2B + bit 7 of B'. The
+  // sync position (the last byte) runs the generator but is not XORed.
+  const auto apply = [block, length](int32_t i, uint32_t y) {
+    if (i < length - 1) block[i] = static_cast<uint8_t>(block[i] ^ y);
+  };
+  // The first eight bytes step by step; they fill the history of the last 64 sequence bits, the
+  // oldest at the top.
+  uint64_t history = 0;
+  int32_t i = 0;
+  for (; i < length && i < 8; ++i) {
     const uint32_t nb = (a ^ ((a << 1) + ((b >> 6) & 1))) & 0xFF;
     a = ((b << 1) + (nb >> 7)) & 0xFF;
     b = nb;
-  };
-  for (int32_t i = 0; i < length - 1; ++i) {
-    step();
-    block[i] = static_cast<uint8_t>(block[i] ^ b);
+    history = history << 8 | nb;
+    apply(i, nb);
   }
-  step();  // the sync position runs the generator but is not XORed
+  // From there the bits follow s[n] = s[n-14] ^ s[n-15], squared twice s[n] = s[n-56] ^ s[n-60]:
+  // seven bytes at once from the last eight, instead of a chain of one step per byte.
+  while (i < length) {
+    const uint64_t next = (history ^ (history >> 4)) & 0x00FFFFFFFFFFFFFFull;
+    history = history << 56 | next;
+    const int32_t n = length - i < 7 ? length - i : 7;
+    for (int32_t k = 0; k < n; ++k) apply(i + k, static_cast<uint32_t>(next >> (48 - 8 * k)) & 0xFF);
+    i += n;
+    // The register after the last byte y: B = y, A = 2 * the byte before + bit 7 of y.
+    const uint64_t last = history >> (8 * (7 - n));
+    a = static_cast<uint32_t>(last >> 7) & 0xFF;
+    b = static_cast<uint32_t>(last) & 0xFF;
+  }
   decoder.prbsHigh = static_cast<uint8_t>(a);
   decoder.prbsLow = static_cast<uint8_t>(b);
 }
@@ -117,7 +135,8 @@ void HandOverPacket() {
     std::memcpy(engine.ringSlots + TS_PACKET_BYTES * engine.ringWrite, decoder.stagedPacket, TS_PACKET_BYTES);
   }
   engine.tsResetRequest = 0;
-  device.packetEvent.Set();
+  // Release: a drain that finds the flag set by this exchange also finds the packet in the ring.
+  if (!device.packetWakePending.exchange(true, std::memory_order_acq_rel)) device.packetEvent.Set();
 }
 
 }  // namespace zfn

@@ -68,6 +68,7 @@ int32_t SetUpDecoder() {
   const int32_t bits = BITS_PER_CARRIER[layer.modulation];
   engine.bitsPerCarrier = bits;
   SetUpTimeDeinterleaver();
+  if (decoder.interleaveDepth != 0) decoder.carrierSoftBits = ArenaTakeBytes(ndata * bits);
 
   decoder.bitDelay120 = ArenaTakeBytes(120);
   if (bits == 4) {

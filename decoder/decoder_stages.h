@@ -16,9 +16,14 @@ int32_t SetUpTimeDeinterleaver();
 
 // Per-symbol steps of SymbolSink, in their order.
 void DeinterleaveFrequency();
-void DemapSoft(const float* source);
+void DemapSoft(const float* source);               // into softBits
+void DemapSoftTo(const float* source, uint8_t* soft);
 // Cells of bitsPerCarrier soft bytes per carrier; source may be destination.
 void DeinterleaveTime(const uint8_t* source, uint8_t* destination);
+// The same from the soft bits of the carriers in the equaliser's order, frequency deinterleaved as
+// they are read (destination apart from carrierBits): what DeinterleaveFrequency, DemapSoft and
+// DeinterleaveTime give together.
+void DeinterleaveFrequencyAndTime(const uint8_t* carrierBits, uint8_t* destination);
 void DeinterleaveBits();
 const uint16_t* DepunctureAndPack();  // returns softPairs, depuncturedLength / 2 steps
 void PublishTransportRates();

@@ -40,6 +40,7 @@ struct DecoderState : ViterbiTrellis {
 
   // Soft demapping and bit deinterleaving.
   uint8_t* softBits;  // ndata * bitsPerCarrier soft bits, carrier after carrier
+  uint8_t* carrierSoftBits;  // the same in the equaliser's carrier order, before deinterleaving
   uint8_t* bitDelay120;
   uint8_t* bitDelay96;
   uint8_t* bitDelay80;

@@ -47,30 +47,69 @@ constexpr uint8_t CHIEN_START[POLY] = {1, 2, 4, 8, 0x10, 0x20, 0x40, 0x80, 0x1D,
 
 inline uint8_t Mul(const uint8_t* mul, uint8_t a, uint8_t b) { return mul[a * 256 + b]; }
 
+inline constexpr uint8_t FieldMul(uint8_t a, uint8_t b) {
+  return a == 0 || b == 0 ? 0 : FIELD.exp[(FIELD.log[a] + FIELD.log[b]) % 255];
+}
+
+// Rows u * x^(16 + k) mod g for k = 1..3, 16 bytes each, x^0 first (k = 0 is encodeTable's row u):
+// four data bytes move the register by four places at once, and the four bytes that leave its top
+// (x^12..x^15, each with its data byte added) come back through one row of each.
+struct SliceRows {
+  uint8_t row[3][256][PARITY];
+};
+
+constexpr SliceRows MakeSliceRows() {
+  SliceRows t{};
+  for (int32_t u = 0; u < 256; ++u) {
+    uint8_t r[PARITY]{};
+    for (int32_t j = 0; j < PARITY; ++j) r[j] = FieldMul(static_cast<uint8_t>(u), RS_GENERATOR[j]);
+    for (int32_t k = 0; k < 3; ++k) {
+      const uint8_t top = r[PARITY - 1];
+      for (int32_t j = PARITY - 1; j > 0; --j) r[j] = r[j - 1];
+      r[0] = 0;
+      for (int32_t j = 0; j < PARITY; ++j) r[j] = static_cast<uint8_t>(r[j] ^ FieldMul(top, RS_GENERATOR[j]));
+      for (int32_t j = 0; j < PARITY; ++j) t.row[k][u][j] = r[j];
+    }
+  }
+  return t;
+}
+
+constexpr SliceRows SLICE_ROWS = MakeSliceRows();
+
+// Adds a 16-byte row to the register held as two 64-bit words.
+inline void AddRow(const uint8_t* row, uint64_t& low, uint64_t& high) {
+  uint64_t e[2];
+  std::memcpy(e, row, sizeof e);
+  if constexpr (std::endian::native == std::endian::big) {
+    for (uint64_t& w : e) w = __builtin_bswap64(w);
+  }
+  low ^= e[0];
+  high ^= e[1];
+}
+
 // The 16 parity bytes that the 188 data bytes imply, R[0] the coefficient of x^0, as four words.
+// The same register as one data byte per step (R = x R + byte x^16 mod g), four bytes per step:
+// R = x^4 R + (b0 x^3 + b1 x^2 + b2 x + b3) x^16 mod g, where the top four places of R, each plus
+// its data byte, go through the rows of x^16..x^19; the chain from step to step is a quarter as long.
 void EncodeParity(const uint8_t* packet, uint32_t r[4]) {
   const uint8_t* encode = rsTablesRef->encodeTable;
-  uint32_t r0 = 0, r1 = 0, r2 = 0, r3 = 0;  // bytes 0..3, 4..7, 8..11, 12..15 of R, little end first
-  for (int32_t m = 0; m < DATA; ++m) {
-    const uint32_t t = packet[m] ^ (r3 >> 24);
-    r3 = (r3 << 8) | (r2 >> 24);
-    r2 = (r2 << 8) | (r1 >> 24);
-    r1 = (r1 << 8) | (r0 >> 24);
-    r0 <<= 8;
-    uint32_t e[4];
-    std::memcpy(e, encode + 16 * t, sizeof e);
-    if constexpr (std::endian::native == std::endian::big) {
-      for (uint32_t& w : e) w = __builtin_bswap32(w);
-    }
-    r0 ^= e[0];
-    r1 ^= e[1];
-    r2 ^= e[2];
-    r3 ^= e[3];
+  uint64_t low = 0, high = 0;  // bytes 0..7 and 8..15 of R, little end first
+  static_assert(DATA % 4 == 0);
+  for (int32_t m = 0; m < DATA; m += 4) {
+    const uint32_t in = static_cast<uint32_t>(packet[m]) << 24 | static_cast<uint32_t>(packet[m + 1]) << 16 |
+                        static_cast<uint32_t>(packet[m + 2]) << 8 | packet[m + 3];
+    const uint32_t u = static_cast<uint32_t>(high >> 32) ^ in;  // byte k: what stands at x^(16 + k) after the move
+    high = high << 32 | low >> 32;
+    low <<= 32;
+    AddRow(encode + 16 * (u & 0xFF), low, high);
+    AddRow(SLICE_ROWS.row[0][(u >> 8) & 0xFF], low, high);
+    AddRow(SLICE_ROWS.row[1][(u >> 16) & 0xFF], low, high);
+    AddRow(SLICE_ROWS.row[2][u >> 24], low, high);
   }
-  r[0] = r0;
-  r[1] = r1;
-  r[2] = r2;
-  r[3] = r3;
+  r[0] = static_cast<uint32_t>(low);
+  r[1] = static_cast<uint32_t>(low >> 32);
+  r[2] = static_cast<uint32_t>(high);
+  r[3] = static_cast<uint32_t>(high >> 32);
 }
 
 // Byte i of the register held as four 32-bit words.

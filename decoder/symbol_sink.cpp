@@ -8,6 +8,7 @@
 #include "decoder/decoder_stages.h"
 #include "decoder/decoder_state.h"
 #include "decoder/demap_kernels.h"
+#include "decoder/depuncture_kernels.h"
 #include "decoder/viterbi.h"
 #include "shell/device_state.h"
 #include "shell/diagnostics.h"
@@ -67,9 +68,12 @@ namespace {
 // place in each group has the same delay. The soft bits of a carrier go through the delay as the
 // carrier itself would, since demapping works on each carrier alone; one slot is read and written
 // per carrier place, so a symbol touches 95 places of the store rather than one per carrier.
-template <int32_t Q, int32_t G>
-void DeinterleaveCells(const uint8_t* source, uint8_t* destination) {
+// With order, carrier n of the symbol is cell order[n] of source (the frequency deinterleaving done
+// on the soft bits as they are read); without it, cell n, and source may be destination.
+template <int32_t Q, int32_t G, bool ORDERED>
+void DeinterleaveCells(const uint8_t* source, const int32_t* order, uint8_t* destination) {
   constexpr int32_t SLOT = Q * G;
+  const auto cell = [source, order](int32_t n) { return source + Q * (ORDERED ? order[n] : n); };
   const int32_t step = 5 * SLOT * decoder.interleaveDepth;  // line length falls by 5 * I slots per carrier
   uint8_t* line = decoder.timeDelayStore;
   int32_t* positions = decoder.timeDelayPos;
@@ -82,31 +86,48 @@ void DeinterleaveCells(const uint8_t* source, uint8_t* destination) {
       uint8_t held[SLOT];
       std::memcpy(held, slot, SLOT);
       // Read before the write: source may be destination.
-      for (int32_t g = 0; g < G; ++g) std::memcpy(slot + Q * g, source + Q * (96 * g + c), Q);
+      for (int32_t g = 0; g < G; ++g) std::memcpy(slot + Q * g, cell(96 * g + c), Q);
       for (int32_t g = 0; g < G; ++g) std::memcpy(destination + Q * (96 * g + c), held + Q * g, Q);
       *positions++ = position + SLOT == length ? 0 : position + SLOT;
       line += length;
       length -= step;
     }
   }
-  if (source != destination) {
+  if (ORDERED || source != destination) {
     for (int32_t g = 0; g < G; ++g) {
-      std::memcpy(destination + Q * (96 * g + UNDELAYED_CARRIER), source + Q * (96 * g + UNDELAYED_CARRIER), Q);
+      std::memcpy(destination + Q * (96 * g + UNDELAYED_CARRIER), cell(96 * g + UNDELAYED_CARRIER), Q);
     }
   }
 }
 
-template <int32_t Q>
-void DeinterleaveGroups(const uint8_t* source, uint8_t* destination) {
+template <int32_t Q, bool ORDERED>
+void DeinterleaveGroups(const uint8_t* source, const int32_t* order, uint8_t* destination) {
   switch (decoder.interleaveGroups) {
     case 1:
-      DeinterleaveCells<Q, 1>(source, destination);
+      DeinterleaveCells<Q, 1, ORDERED>(source, order, destination);
       break;
     case 2:
-      DeinterleaveCells<Q, 2>(source, destination);
+      DeinterleaveCells<Q, 2, ORDERED>(source, order, destination);
       break;
     case 4:
-      DeinterleaveCells<Q, 4>(source, destination);
+      DeinterleaveCells<Q, 4, ORDERED>(source, order, destination);
+      break;
+    default:
+      break;
+  }
+}
+
+template <bool ORDERED>
+void DeinterleaveTimeOf(const uint8_t* source, const int32_t* order, uint8_t* destination) {
+  switch (engine.bitsPerCarrier) {
+    case 2:
+      DeinterleaveGroups<2, ORDERED>(source, order, destination);
+      break;
+    case 4:
+      DeinterleaveGroups<4, ORDERED>(source, order, destination);
+      break;
+    case 6:
+      DeinterleaveGroups<6, ORDERED>(source, order, destination);
       break;
     default:
       break;
@@ -116,19 +137,11 @@ void DeinterleaveGroups(const uint8_t* source, uint8_t* destination) {
 }  // namespace
 
 void DeinterleaveTime(const uint8_t* source, uint8_t* destination) {
-  switch (engine.bitsPerCarrier) {
-    case 2:
-      DeinterleaveGroups<2>(source, destination);
-      break;
-    case 4:
-      DeinterleaveGroups<4>(source, destination);
-      break;
-    case 6:
-      DeinterleaveGroups<6>(source, destination);
-      break;
-    default:
-      break;
-  }
+  DeinterleaveTimeOf<false>(source, nullptr, destination);
+}
+
+void DeinterleaveFrequencyAndTime(const uint8_t* carrierBits, uint8_t* destination) {
+  DeinterleaveTimeOf<true>(carrierBits, decoder.freqDeintTable, destination);
 }
 
 namespace {
@@ -150,16 +163,18 @@ void DemapRow(const float* source, uint8_t* soft, int32_t ndata) {
 
 }  // namespace
 
-void DemapSoft(const float* source) {
+void DemapSoft(const float* source) { DemapSoftTo(source, decoder.softBits); }
+
+void DemapSoftTo(const float* source, uint8_t* soft) {
   switch (engine.bitsPerCarrier) {
     case 2:  // each of re and im gives its soft bit alone
-      DemapQpskWith(ActiveVectorIsa(), source, decoder.softBits, 2 * engine.ndata);
+      DemapQpskWith(ActiveVectorIsa(), source, soft, 2 * engine.ndata);
       break;
     case 4:
-      DemapRow<4>(source, decoder.softBits, engine.ndata);
+      DemapRow<4>(source, soft, engine.ndata);
       break;
     case 6:
-      DemapRow<6>(source, decoder.softBits, engine.ndata);
+      DemapRow<6>(source, soft, engine.ndata);
       break;
     default:
       break;
@@ -228,8 +243,32 @@ void DeinterleaveBitsByCarrier(const int32_t* delays, uint8_t* const* lines) {
   }
 }
 
+// QPSK with its one line within a symbol: X of a carrier comes from the carrier delay places back
+// (from the line for the first ones), Y from the carrier itself. Both bytes of a carrier are written
+// in the same pass, so that the compiler moves them many carriers at a time.
+void DeinterleaveBitsQpsk(int32_t delay, uint8_t* __restrict line) {
+  const int32_t ndata = engine.ndata;
+  const uint8_t* __restrict soft = decoder.softBits;
+  uint8_t* __restrict out = decoder.bitStream;
+  for (int32_t n = 0; n < delay; ++n) {
+    out[2 * n] = line[n];
+    out[2 * n + 1] = soft[2 * n + 1];
+  }
+  for (int32_t n = delay; n < ndata; ++n) {
+    out[2 * n] = soft[2 * (n - delay)];
+    out[2 * n + 1] = soft[2 * n + 1];
+  }
+  for (int32_t n = 0; n < delay; ++n) line[n] = soft[2 * (ndata - delay + n)];
+}
+
 template <int32_t BITS>
 void DeinterleaveBitsOf(const int32_t* delays, uint8_t* const* lines) {
+  if constexpr (BITS == 2) {
+    if (delays[0] <= engine.ndata && delays[1] == 0) {
+      DeinterleaveBitsQpsk(delays[0], lines[0]);
+      return;
+    }
+  }
   if constexpr (BITS == 2 || BITS == 4) {
     using Word = std::conditional_t<BITS == 2, uint16_t, uint32_t>;
     if (delays[0] <= engine.ndata) {
@@ -299,7 +338,7 @@ const uint16_t* DepunctureAndPack() {
     const int32_t groups = decoder.punctureGroups;
     switch (codeRate) {
       case 1:
-        DepunctureGroups<1>(bits, pairs, groups);
+        DepunctureTwoThirdsWith(ActiveVectorIsa(), bits, pairs, groups);
         break;
       case 2:
         DepunctureGroups<2>(bits, pairs, groups);
@@ -335,9 +374,16 @@ void PublishTransportRates() {
 }
 
 void SymbolSink() {
-  DeinterleaveFrequency();
-  DemapSoft(decoder.freqDeint);
-  if (decoder.interleaveDepth != 0) DeinterleaveTime(decoder.softBits, decoder.softBits);
+  if (decoder.interleaveDepth != 0) {
+    // Demapping works on each carrier alone, so the carriers are demapped where the equaliser left
+    // them and the frequency deinterleaving moves their soft bits instead, as the time
+    // deinterleaver reads them: the same soft bits, without a pass over the complex values.
+    DemapSoftTo(engine.equalisedCarriers, decoder.carrierSoftBits);
+    DeinterleaveFrequencyAndTime(decoder.carrierSoftBits, decoder.softBits);
+  } else {
+    DeinterleaveFrequency();
+    DemapSoft(decoder.freqDeint);
+  }
   DeinterleaveBits();
   const uint16_t* pairs = DepunctureAndPack();
   ViterbiDecode(pairs, decoder.depuncturedLength / 2, decoder.decodedBytes);

@@ -43,6 +43,7 @@ void ResetPacketStage(bool clearStreamMark) {
 }  // namespace
 
 void SetUpTransportOutput() {
+  device.packetWakePending.store(false);
   engine.tsOutputBlock = ArenaTakeBytes(TS_OUTPUT_BYTES);
   engine.ringSlots = ArenaTakeBytes(TS_RING_BYTES);
   engine.ringWrite = 0;
@@ -65,6 +66,8 @@ void SetUpTransportOutput() {
 }
 
 void DrainPacketRing() {
+  // From here a packet handed over wakes the thread again; one handed over before is drained now.
+  device.packetWakePending.exchange(false, std::memory_order_acq_rel);
   const uint8_t request = engine.tsResetRequest;
   if (request == 1) {
     ResetPacketStage(true);

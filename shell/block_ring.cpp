@@ -12,6 +12,20 @@ BlockRing blockRing;
 
 namespace {
 
+// A lent block still to be taken goes into its slot before the lender's bytes go.
+void BlockRingEndLendLocked() {
+  if (blockRing.lentBlock == nullptr) return;
+  if (blockRing.readIndex != blockRing.writeIndex) {
+    std::memcpy(blockRing.slots[blockRing.writeIndex], blockRing.lentBlock, RAW_BLOCK_BYTES);
+  }
+  blockRing.lentBlock = nullptr;
+}
+
+// The bytes of slot index: the lent block where it stands for the slot.
+const uint8_t* SlotBytes(int32_t index) {
+  return blockRing.lentBlock != nullptr && index == blockRing.writeIndex ? blockRing.lentBlock : blockRing.slots[index];
+}
+
 uint8_t* AllocateBytes(int32_t bytes, ShellFault fault) {
   if (FaultInjected(fault)) return nullptr;
   return static_cast<uint8_t*>(std::malloc(static_cast<size_t>(bytes)));
@@ -33,6 +47,7 @@ int32_t BlockRingAlloc() {
   blockRing.readIndex = 0;
   blockRing.writeCount = 0;
   blockRing.readCount = 0;
+  blockRing.lentBlock = nullptr;
   return 1;
 }
 
@@ -45,14 +60,29 @@ int32_t BlockRingFree() {
   blockRing.readBuffer = nullptr;
   std::free(blockRing.assemblyBuffer);
   blockRing.assemblyBuffer = nullptr;
+  blockRing.lentBlock = nullptr;
   return 1;
 }
 
 void BlockRingPublish(const uint8_t* block) {
   std::lock_guard<std::mutex> lock(blockRing.ringLock);
+  BlockRingEndLendLocked();
   blockRing.writeIndex = (blockRing.writeIndex + 1) & 3;
   std::memcpy(blockRing.slots[blockRing.writeIndex], block, RAW_BLOCK_BYTES);
   blockRing.writeCount += 1;
+}
+
+void BlockRingLend(const uint8_t* block) {
+  std::lock_guard<std::mutex> lock(blockRing.ringLock);
+  BlockRingEndLendLocked();
+  blockRing.writeIndex = (blockRing.writeIndex + 1) & 3;
+  blockRing.lentBlock = block;
+  blockRing.writeCount += 1;
+}
+
+void BlockRingEndLend() {
+  std::lock_guard<std::mutex> lock(blockRing.ringLock);
+  BlockRingEndLendLocked();
 }
 
 bool BlockRingTakeNext(BlockUse use, void* context) {
@@ -61,14 +91,14 @@ bool BlockRingTakeNext(BlockUse use, void* context) {
   std::lock_guard<std::mutex> lock(blockRing.ringLock);
   if (blockRing.readIndex == blockRing.writeIndex) return false;
   blockRing.readIndex = (blockRing.readIndex + 1) & 3;
-  use(blockRing.slots[blockRing.readIndex], context);
+  use(SlotBytes(blockRing.readIndex), context);
   blockRing.readCount += 1;
   return true;
 }
 
 void BlockRingTakeNewest(BlockUse use, void* context) {
   std::lock_guard<std::mutex> lock(blockRing.ringLock);
-  use(blockRing.slots[blockRing.writeIndex], context);
+  use(SlotBytes(blockRing.writeIndex), context);
   blockRing.readIndex = blockRing.writeIndex;
   blockRing.readCount = blockRing.writeCount;
 }

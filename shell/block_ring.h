@@ -14,6 +14,7 @@ struct BlockRing {
   int32_t readIndex;        // slot last taken
   uint32_t writeCount;      // blocks written, for diagnostics only
   uint32_t readCount;       // blocks taken; set to writeCount on a jump
+  const uint8_t* lentBlock;  // while lent: the bytes that stand for slot writeIndex
   std::mutex ringLock;      // the two indices and the copies into and out of a slot
 };
 
@@ -27,6 +28,12 @@ int32_t BlockRingFree();
 
 // Writes a whole block into the next slot (the ring laps without looking at the reader).
 void BlockRingPublish(const uint8_t* block);
+// The same without the copy, for a writer that runs the reader's pass itself while block stays
+// valid (the synchronous driver): the next slot stands for block until BlockRingEndLend, which
+// copies it into the slot only if the reader has not taken it. A reader that has taken it must not
+// take it again (a jump to the newest) before the next block is written: the slot does not hold it.
+void BlockRingLend(const uint8_t* block);
+void BlockRingEndLend();
 // What the reader does with a block it takes: use(block, context), in the slot, under the ring's
 // lock, so that a lapping writer waits for it rather than rewrite the slot under it.
 using BlockUse = void (*)(const uint8_t* block, void* context);

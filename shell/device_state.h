@@ -2,6 +2,7 @@
 // DeviceState: the shell's process-wide record, zero at load, one instance. Beside it the
 // ControlBlock, the five words between the API callers and the demodulation thread, and the
 // ThreadTable of the three engine threads.
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 
@@ -42,6 +43,9 @@ struct DeviceState {
   platform::AutoResetEvent blockEvent;  // reception -> demodulation; named platform::BLOCK_EVENT_NAME
   platform::AutoResetEvent controlLock; // the lock around the ControlBlock: take = wait, release = set
   platform::AutoResetEvent packetEvent; // wakes the packet thread
+  // packetEvent set since the packet thread last started a drain: a packet handed over meanwhile
+  // need not set it again (the event carries no count, and each setting costs a system call).
+  std::atomic<bool> packetWakePending;
   std::mutex packetRingLock;            // guards the TsPacketRing
   RelaxedWord<ZFISDBT_TsCallback> tsCallback;  // read at each delivery on the packet thread
   RelaxedWord<ZFISDBT_AcCallback> acCallback;  // stored, never called

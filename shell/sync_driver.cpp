@@ -29,9 +29,12 @@ void DeliverToConsumer(const uint8_t* data, int32_t length) {
 
 void HandleBlock(const uint8_t* block, void*) {
   driver.blocks += 1;
-  BlockRingPublish(block);
+  // The block is valid for this call, and the pass below takes it (and any jump back to it) before
+  // the call ends: the ring reads it where it lies instead of from a copy in its slot.
+  BlockRingLend(block);
   // The same pass the demodulation thread runs on blockEvent, then the packet thread's drain.
   ProcessPendingBlocks();
+  BlockRingEndLend();
   device.packetEvent.Wait(0);
   DrainPacketRing();
 }

@@ -1,6 +1,7 @@
 // Benchmarks of the channel decoder: Viterbi trellis steps per second of every kernel this processor
 // runs, with the speed-up of each vector kernel over the scalar reference printed at the end of the
-// run, and Reed-Solomon decoding per packet (clean, corrected, uncorrectable).
+// run, Reed-Solomon decoding per packet (clean, corrected, uncorrectable), rate 2/3 depuncturing
+// per variant, and the whole per-symbol decoder.
 //
 // The Viterbi runs read the soft pairs that the engine itself gives the decoder: at start-up the
 // program decodes short captures of our transmitter (the common broadcast, Mode 3, QPSK 2/3, at
@@ -18,6 +19,7 @@
 
 #include "bench/bench_machine.h"
 #include "decoder/decoder_state.h"
+#include "decoder/depuncture_kernels.h"
 #include "decoder/reed_solomon.h"
 #include "decoder/viterbi.h"
 #include "shell/receiver_state.h"
@@ -179,6 +181,28 @@ void BM_DecodeRs(benchmark::State& state) {
   state.SetLabel(result == RS_OK ? "clean" : result == RS_CORRECTED ? "8 errors corrected" : "20 errors, uncorrectable");
 }
 BENCHMARK(BM_DecodeRs)->Arg(0)->Arg(1)->Arg(2);
+
+// Rate 2/3 depuncturing of one symbol of the usual layer (Mode 3 QPSK: 256 periods), each variant;
+// compare the scalar and vector lines.
+void BM_DepunctureTwoThirds(benchmark::State& state, VectorIsa isa) {
+  if (!VectorIsaAvailable(isa)) {
+    state.SkipWithError("variant not available on this processor");
+    return;
+  }
+  constexpr int32_t GROUPS = 256;
+  std::vector<uint8_t> bits(3 * GROUPS);
+  for (size_t i = 0; i < bits.size(); ++i) bits[i] = static_cast<uint8_t>(i * 7 % 32);
+  std::vector<uint16_t> pairs(2 * GROUPS);
+  for (auto _ : state) {
+    DepunctureTwoThirdsWith(isa, bits.data(), pairs.data(), GROUPS);
+    benchmark::DoNotOptimize(pairs.data());
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * GROUPS);
+  state.SetLabel(VectorIsaName(isa));
+}
+BENCHMARK_CAPTURE(BM_DepunctureTwoThirds, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_DepunctureTwoThirds, avx2, VectorIsa::AVX2);
 
 // The whole per-symbol decoder (deinterleaving, demapping, Viterbi, byte stage, ring hand-over) for
 // the largest layer, Mode 3 64QAM 7/8 with the longest time interleaving, and the usual one-segment

@@ -14,6 +14,7 @@
 
 #include "acquisition/acquisition.h"
 #include "decoder/demap_kernels.h"
+#include "decoder/depuncture_kernels.h"
 #include "decoder/viterbi.h"
 #include "numeric/nco_rotation.h"
 #include "numeric/vector_isa.h"
@@ -180,6 +181,18 @@ std::string CompareDemap(VectorIsa isa, Random& random, int trial) {
   return reference == vector ? "" : "count " + std::to_string(count);
 }
 
+// Rate 2/3 depuncturing: any bytes, any number of periods, any alignment.
+std::string CompareDepuncture(VectorIsa isa, Random& random, int trial) {
+  const int32_t groups = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 24 : 600));
+  const size_t offset = random.Below(16), pairOffset = random.Below(8);
+  std::vector<uint8_t> bits(offset + 3 * static_cast<size_t>(groups));
+  for (uint8_t& b : bits) b = static_cast<uint8_t>(random.Below(256));
+  std::vector<uint16_t> reference(pairOffset + 2 * static_cast<size_t>(groups) + 16, 7), vector = reference;
+  DepunctureTwoThirdsWith(VectorIsa::SCALAR, bits.data() + offset, reference.data() + pairOffset, groups);
+  DepunctureTwoThirdsWith(isa, bits.data() + offset, vector.data() + pairOffset, groups);
+  return reference == vector ? "" : "groups " + std::to_string(groups);
+}
+
 // Soft pairs of several kinds: plain random values 0..31, the neutral 16 almost everywhere (ties),
 // random hard extremes, noisy values around random bits, a true code sequence with a few wrong soft
 // bits, and bytes outside 0..31, whose branch costs wrap and drive the metrics into saturation at once
@@ -269,6 +282,7 @@ const Kernel KERNELS[] = {
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 4 + 2 * (trial & 1)); },
      300},
     {"QPSK soft demapping", {VectorIsa::AVX2}, CompareDemap, 300},
+    {"rate 2/3 depuncturing", {VectorIsa::AVX2}, CompareDepuncture, 200},
     {"Viterbi", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareViterbi, 40},
 };
 

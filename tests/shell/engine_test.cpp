@@ -63,6 +63,12 @@ TEST(BlockRing, InOrderLapsAndTheJumpToTheNewest) {
   BlockRingTakeNewest(block.data());
   EXPECT_EQ(block[0], 16);
   EXPECT_EQ(PublishThenTake(17, 17), std::vector<int>{17});
+  // A lent block that the reader left goes into its slot before the lender's bytes go.
+  std::vector<uint8_t> lent(RAW_BLOCK_BYTES, 18);
+  BlockRingLend(lent.data());
+  BlockRingEndLend();
+  lent.assign(RAW_BLOCK_BYTES, 0);
+  EXPECT_EQ(Take(), 18);
   BlockRingFree();
   EXPECT_EQ(BlockRingFree(), 1) << "safe twice";
   EXPECT_EQ(blockRing.slots[3], nullptr);
