@@ -67,6 +67,34 @@ __attribute__((optimize("no-tree-vectorize"))) void MultiplyBanksScalar(const Ba
   }
 }
 
+__attribute__((optimize("no-tree-vectorize"))) void FilterHeldScalar(const HeldTimeFilter& rows) {
+  for (int32_t p = 0; p < rows.groups; ++p) {
+    const float* u = rows.x0 + 8 * p;
+    const float* v = rows.x1 + 8 * p;
+    const float* w = rows.x2 + 8 * p;
+    float* o = rows.out + 8 * p;
+    for (int32_t f = 0; f < 8; ++f)
+      o[f] = ((rows.re[0][f] * u[f] + rows.im[0][f] * u[f ^ 1]) + (rows.re[1][f] * v[f] + rows.im[1][f] * v[f ^ 1])) +
+             (rows.re[2][f] * w[f] + rows.im[2][f] * w[f ^ 1]);
+    o[2 * rows.exact] = u[2 * rows.exact];
+    o[2 * rows.exact + 1] = u[2 * rows.exact + 1];
+  }
+}
+
+void FilterHeldWith(VectorIsa isa, const HeldTimeFilter& rows) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) {
+    FilterHeldAvx2(rows);
+    return;
+  }
+  if (isa != VectorIsa::SCALAR && VectorIsaAvailable(VectorIsa::SSE2)) {
+    FilterHeldSse2(rows);
+    return;
+  }
+#endif
+  FilterHeldScalar(rows);
+}
+
 void MultiplyBanksWith(VectorIsa isa, const BankProducts& rows) {
 #if defined(__x86_64__) || defined(__i386__)
   if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) {

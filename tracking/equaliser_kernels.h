@@ -57,4 +57,27 @@ void MultiplyBanksAvx2(const BankProducts& rows);
 #endif
 void MultiplyBanksWith(VectorIsa isa, const BankProducts& rows);
 
+// The recursive filter along time over pilot groups with its taps held. A group is four complex
+// entries, eight floats in a row; float f of a group takes from each input row k in turn
+// re[k][f] x_k[f] + im[k][f] x_k[f ^ 1] (with im[k][f] = -c.im on a real part, c.im on an imaginary
+// part), and the three are summed (k0 + k1) + k2: the complex filter's products and sums in their
+// order. Entry `exact` of every group takes x0's value unchanged.
+struct HeldTimeFilter {
+  const float* x0;
+  const float* x1;
+  const float* x2;
+  float* out;
+  int32_t groups;
+  int32_t exact;      // entry 0..3
+  float re[3][8];
+  float im[3][8];
+};
+
+void FilterHeldScalar(const HeldTimeFilter& rows);
+#if defined(__x86_64__) || defined(__i386__)
+void FilterHeldSse2(const HeldTimeFilter& rows);
+void FilterHeldAvx2(const HeldTimeFilter& rows);
+#endif
+void FilterHeldWith(VectorIsa isa, const HeldTimeFilter& rows);
+
 }  // namespace zfn

@@ -244,6 +244,55 @@ __attribute__((target("avx2"))) void MultiplyBanksAvx2(const BankProducts& rows)
   MultiplyBanksScalar(BanksFrom(rows, i));
 }
 
+// The held time filter, half a group (SSE2) or a whole group (AVX2) per register: the swapped
+// pairs by an in-lane shuffle, the products and sums as the reference's.
+namespace {
+
+__attribute__((target("sse2"))) inline __m128 HeldTermSse2(const float* x, const float* re, const float* im) {
+  const __m128 v = _mm_loadu_ps(x);
+  const __m128 swapped = _mm_shuffle_ps(v, v, _MM_SHUFFLE(2, 3, 0, 1));
+  return _mm_add_ps(_mm_mul_ps(_mm_loadu_ps(re), v), _mm_mul_ps(_mm_loadu_ps(im), swapped));
+}
+
+__attribute__((target("avx2"))) inline __m256 HeldTermAvx2(const float* x, __m256 re, __m256 im) {
+  const __m256 v = _mm256_loadu_ps(x);
+  return _mm256_add_ps(_mm256_mul_ps(re, v), _mm256_mul_ps(im, _mm256_permute_ps(v, _MM_SHUFFLE(2, 3, 0, 1))));
+}
+
+inline void PassExact(const HeldTimeFilter& rows, int32_t p) {
+  const int32_t at = 8 * p + 2 * rows.exact;
+  rows.out[at] = rows.x0[at];
+  rows.out[at + 1] = rows.x0[at + 1];
+}
+
+}  // namespace
+
+__attribute__((target("sse2"))) void FilterHeldSse2(const HeldTimeFilter& rows) {
+  for (int32_t p = 0; p < rows.groups; ++p) {
+    for (int32_t h = 0; h < 8; h += 4) {
+      const int32_t at = 8 * p + h;
+      const __m128 sum = _mm_add_ps(_mm_add_ps(HeldTermSse2(rows.x0 + at, rows.re[0] + h, rows.im[0] + h),
+                                               HeldTermSse2(rows.x1 + at, rows.re[1] + h, rows.im[1] + h)),
+                                    HeldTermSse2(rows.x2 + at, rows.re[2] + h, rows.im[2] + h));
+      _mm_storeu_ps(rows.out + at, sum);
+    }
+    PassExact(rows, p);
+  }
+}
+
+__attribute__((target("avx2"))) void FilterHeldAvx2(const HeldTimeFilter& rows) {
+  const __m256 re0 = _mm256_loadu_ps(rows.re[0]), im0 = _mm256_loadu_ps(rows.im[0]);
+  const __m256 re1 = _mm256_loadu_ps(rows.re[1]), im1 = _mm256_loadu_ps(rows.im[1]);
+  const __m256 re2 = _mm256_loadu_ps(rows.re[2]), im2 = _mm256_loadu_ps(rows.im[2]);
+  for (int32_t p = 0; p < rows.groups; ++p) {
+    const int32_t at = 8 * p;
+    const __m256 sum = _mm256_add_ps(_mm256_add_ps(HeldTermAvx2(rows.x0 + at, re0, im0), HeldTermAvx2(rows.x1 + at, re1, im1)),
+                                     HeldTermAvx2(rows.x2 + at, re2, im2));
+    _mm256_storeu_ps(rows.out + at, sum);
+    PassExact(rows, p);
+  }
+}
+
 }  // namespace zfn
 
 #endif

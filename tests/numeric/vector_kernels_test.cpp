@@ -164,6 +164,37 @@ std::string CompareBankProducts(VectorIsa isa, Random& random, int trial) {
   return SameBits(reference, vector) ? "" : "count " + std::to_string(count);
 }
 
+// The time filter with held taps, at every alignment, with non-finite entries and signed zeros dropped in.
+std::string CompareHeldTimeFilter(VectorIsa isa, Random& random, int trial) {
+  const int32_t groups = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 3 : 70));
+  const size_t offset = random.Below(8), floats = offset + 8 * static_cast<size_t>(groups);
+  std::vector<float> x[3] = {Noise(random, floats), Noise(random, floats), Noise(random, floats)};
+  if (groups > 0 && trial % 3 == 0) {
+    for (float edge : {NAN, INFINITY, -0.0f}) x[random.Below(3)][offset + random.Below(static_cast<uint32_t>(8 * groups))] = edge;
+  }
+  HeldTimeFilter held{};
+  for (int k = 0; k < 3; ++k) {
+    for (int f = 0; f < 8; ++f) {
+      held.re[k][f] = Gauss(random);
+      held.im[k][f] = Gauss(random);
+    }
+  }
+  held.groups = groups;
+  held.exact = static_cast<int32_t>(random.Below(4));
+  std::vector<float> reference(floats + 8, 5.0f), vector = reference;
+  const auto filter = [&](VectorIsa with, std::vector<float>& out) {
+    HeldTimeFilter rows = held;
+    rows.x0 = x[0].data() + offset;
+    rows.x1 = x[1].data() + offset;
+    rows.x2 = x[2].data() + offset;
+    rows.out = out.data() + offset;
+    FilterHeldWith(with, rows);
+  };
+  filter(VectorIsa::SCALAR, reference);
+  filter(isa, vector);
+  return SameBits(reference, vector) ? "" : "groups " + std::to_string(groups);
+}
+
 // QPSK soft demapping: noisy values over the whole clamp range and beyond, with integers (the floor),
 // signed zeros, NaN and infinities dropped in.
 std::string CompareDemap(VectorIsa isa, Random& random, int trial) {
@@ -257,6 +288,7 @@ const Kernel KERNELS[] = {
     {"QPSK equaliser", {VectorIsa::SSE2, VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 2); }, 300},
     {"interpolation bank products", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareBankProducts, 200},
+    {"time filter with held taps", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareHeldTimeFilter, 200},
     {"16QAM and 64QAM equaliser", {VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 4 + 2 * (trial & 1)); },
      300},
