@@ -1,6 +1,8 @@
 // The equaliser's arithmetic: scalar reference and the choice of variant.
 #include "tracking/equaliser_kernels.h"
 
+#include <bit>
+
 #include "tracking/slicers.h"
 
 namespace zfn {
@@ -93,6 +95,19 @@ void FilterHeldWith(VectorIsa isa, const HeldTimeFilter& rows) {
   }
 #endif
   FilterHeldScalar(rows);
+}
+
+__attribute__((optimize("no-tree-vectorize"))) bool AllFiniteScalar(const float* v, int32_t count) {
+  uint32_t bits = 0;
+  for (int32_t i = 0; i < count; ++i) bits |= std::bit_cast<uint32_t>(v[i] - v[i]);
+  return bits == 0;
+}
+
+bool AllFiniteWith(VectorIsa isa, const float* v, int32_t count) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) return AllFiniteAvx2(v, count);
+#endif
+  return AllFiniteScalar(v, count);
 }
 
 void MultiplyBanksWith(VectorIsa isa, const BankProducts& rows) {

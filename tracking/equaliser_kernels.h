@@ -80,4 +80,12 @@ void FilterHeldAvx2(const HeldTimeFilter& rows);
 #endif
 void FilterHeldWith(VectorIsa isa, const HeldTimeFilter& rows);
 
+// Whether every one of `count` floats is finite: x - x is +0 for a finite x and NaN otherwise, and
+// the bits of those differences are or-ed together.
+bool AllFiniteScalar(const float* v, int32_t count);
+#if defined(__x86_64__) || defined(__i386__)
+bool AllFiniteAvx2(const float* v, int32_t count);
+#endif
+bool AllFiniteWith(VectorIsa isa, const float* v, int32_t count);
+
 }  // namespace zfn

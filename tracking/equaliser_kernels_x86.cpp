@@ -293,6 +293,26 @@ __attribute__((target("avx2"))) void FilterHeldAvx2(const HeldTimeFilter& rows) 
   }
 }
 
+// Thirty-two floats a step in four registers, the rest through the reference.
+__attribute__((target("avx2"))) bool AllFiniteAvx2(const float* v, int32_t count) {
+  __m256 a = _mm256_setzero_ps(), b = a, c = a, d = a;
+  int32_t i = 0;
+  for (; i + 32 <= count; i += 32) {
+    const __m256 x0 = _mm256_loadu_ps(v + i), x1 = _mm256_loadu_ps(v + i + 8);
+    const __m256 x2 = _mm256_loadu_ps(v + i + 16), x3 = _mm256_loadu_ps(v + i + 24);
+    a = _mm256_or_ps(a, _mm256_sub_ps(x0, x0));
+    b = _mm256_or_ps(b, _mm256_sub_ps(x1, x1));
+    c = _mm256_or_ps(c, _mm256_sub_ps(x2, x2));
+    d = _mm256_or_ps(d, _mm256_sub_ps(x3, x3));
+  }
+  for (; i + 8 <= count; i += 8) {
+    const __m256 x = _mm256_loadu_ps(v + i);
+    a = _mm256_or_ps(a, _mm256_sub_ps(x, x));
+  }
+  const __m256i all = _mm256_castps_si256(_mm256_or_ps(_mm256_or_ps(a, b), _mm256_or_ps(c, d)));
+  return _mm256_testz_si256(all, all) != 0 && AllFiniteScalar(v + i, count - i);
+}
+
 }  // namespace zfn
 
 #endif

@@ -13,6 +13,7 @@
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
 #include "tracking/complex32.h"
+#include "tracking/equaliser_kernels.h"
 #include "tracking/probe_fill.h"
 #include "tracking/tracker_state.h"
 
@@ -306,18 +307,7 @@ void RunFrequencyLoop() {
   engine.ncoStep = engine.ncoStep - sum * engine.freqLoopGain * t.levelScale;
 }
 
-bool AllFinite(const float* v, int32_t count) {
-  // x * 0 is 0 for finite values, NaN otherwise. Eight sums side by side, so that the additions do
-  // not wait on each other and the compiler vectorises them.
-  float sums[8] = {};
-  int32_t i = 0;
-  for (; i + 8 <= count; i += 8)
-    for (int32_t j = 0; j < 8; ++j) sums[j] += v[i + j] * 0.0f;
-  for (; i < count; ++i) sums[0] += v[i] * 0.0f;
-  float sum = 0.0f;
-  for (float partial : sums) sum += partial;
-  return sum == 0.0f;
-}
+bool AllFinite(const float* v, int32_t count) { return AllFiniteWith(ActiveVectorIsa(), v, count); }
 
 // A loop whose state went non-finite (an adaptive filter driven past its stability bound, say)
 // would stay so for good, and with it everything downstream. Each such stage restarts from the

@@ -195,6 +195,18 @@ std::string CompareHeldTimeFilter(VectorIsa isa, Random& random, int trial) {
   return SameBits(reference, vector) ? "" : "groups " + std::to_string(groups);
 }
 
+// The finite check: large and tiny finite values, and now and then one non-finite value anywhere.
+std::string CompareAllFinite(VectorIsa isa, Random& random, int trial) {
+  const int32_t count = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 40 : 1000));
+  const size_t offset = random.Below(8);
+  std::vector<float> v = Noise(random, offset + static_cast<size_t>(count) + 8, 3e37f);
+  v[offset + random.Below(static_cast<uint32_t>(count) + 1)] = (trial & 1) ? -0.0f : 1e-44f;
+  constexpr float EDGES[] = {NAN, INFINITY, -INFINITY};
+  if (trial % 3 != 0) v[offset + random.Below(static_cast<uint32_t>(count) + 8)] = EDGES[random.Below(3)];
+  const bool reference = AllFiniteWith(VectorIsa::SCALAR, v.data() + offset, count);
+  return AllFiniteWith(isa, v.data() + offset, count) == reference ? "" : "count " + std::to_string(count);
+}
+
 // QPSK soft demapping: noisy values over the whole clamp range and beyond, with integers (the floor),
 // signed zeros, NaN and infinities dropped in.
 std::string CompareDemap(VectorIsa isa, Random& random, int trial) {
@@ -289,6 +301,7 @@ const Kernel KERNELS[] = {
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 2); }, 300},
     {"interpolation bank products", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareBankProducts, 200},
     {"time filter with held taps", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareHeldTimeFilter, 200},
+    {"finite check", {VectorIsa::AVX2}, CompareAllFinite, 300},
     {"16QAM and 64QAM equaliser", {VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 4 + 2 * (trial & 1)); },
      300},
