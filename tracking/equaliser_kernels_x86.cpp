@@ -108,7 +108,8 @@ __attribute__((target("sse2"))) void QpskFourSse2(const EqualiserRows& rows, int
 }  // namespace
 
 // Blocks of eight carriers as two steps of four, lanes 0-3 and 4-7 of the sums apart.
-__attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& rows) {
+__attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& given) {
+  const EqualiserRows rows = given;  // a copy the stores cannot touch: its pointers stay in registers
   __m128 powerLow = _mm_setzero_ps(), powerHigh = powerLow, noiseLow = powerLow, noiseHigh = powerLow;
   int32_t i = 0;
   for (; i + 8 <= rows.count; i += 8) {
@@ -126,7 +127,8 @@ __attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& rows)
 
 // Eight carriers at a time: the QPSK decision by selection, or the QAM levels stepped through.
 template <bool Qam>
-__attribute__((target("avx2"))) void EqualiseAvx2(const EqualiserRows& rows) {
+__attribute__((target("avx2"))) void EqualiseAvx2(const EqualiserRows& given) {
+  const EqualiserRows rows = given;  // a copy the stores cannot touch: its pointers stay in registers
   const __m256 zero = _mm256_setzero_ps();
   const __m256 plus = _mm256_set1_ps(QPSK_LEVEL);
   const __m256 minus = _mm256_set1_ps(-QPSK_LEVEL);
@@ -267,7 +269,8 @@ inline void PassExact(const HeldTimeFilter& rows, int32_t p) {
 
 }  // namespace
 
-__attribute__((target("sse2"))) void FilterHeldSse2(const HeldTimeFilter& rows) {
+__attribute__((target("sse2"))) void FilterHeldSse2(const HeldTimeFilter& given) {
+  const HeldTimeFilter rows = given;
   for (int32_t p = 0; p < rows.groups; ++p) {
     for (int32_t h = 0; h < 8; h += 4) {
       const int32_t at = 8 * p + h;
@@ -280,7 +283,8 @@ __attribute__((target("sse2"))) void FilterHeldSse2(const HeldTimeFilter& rows) 
   }
 }
 
-__attribute__((target("avx2"))) void FilterHeldAvx2(const HeldTimeFilter& rows) {
+__attribute__((target("avx2"))) void FilterHeldAvx2(const HeldTimeFilter& given) {
+  const HeldTimeFilter rows = given;
   const __m256 re0 = _mm256_loadu_ps(rows.re[0]), im0 = _mm256_loadu_ps(rows.im[0]);
   const __m256 re1 = _mm256_loadu_ps(rows.re[1]), im1 = _mm256_loadu_ps(rows.im[1]);
   const __m256 re2 = _mm256_loadu_ps(rows.re[2]), im2 = _mm256_loadu_ps(rows.im[2]);

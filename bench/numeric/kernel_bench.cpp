@@ -1,6 +1,7 @@
 // The hand-vectorised kernels of the symbol path, every variant this processor runs, on the sizes
 // of the common broadcast (Mode 3): the rotation of one symbol's span, the filter across carriers
-// over one row, the QPSK equaliser over one symbol's data carriers, the QPSK soft demapping of one
+// over one row, the QPSK equaliser over one symbol's data carriers, the time filter with held taps
+// over one row of pilot groups, the finite check of the loop state, the QPSK soft demapping of one
 // symbol. Prints each variant's speed-up
 // over the scalar reference at the end of the run. The Viterbi kernels are in decoder_bench.
 #include <benchmark/benchmark.h>
@@ -118,6 +119,33 @@ void BM_BankProducts(benchmark::State& state, VectorIsa isa) {  // nquarter of m
   state.SetItemsProcessed(state.iterations() * ENTRIES);
 }
 
+void BM_HeldTimeFilter(benchmark::State& state, VectorIsa isa) {  // one row of pilot groups
+  if (Skip(state, isa)) return;
+  constexpr int32_t GROUPS = 60;
+  const std::vector<float> x0 = Values(8 * GROUPS, 10), x1 = Values(8 * GROUPS, 11), x2 = Values(8 * GROUPS, 12);
+  std::vector<float> out(8 * GROUPS);
+  HeldTimeFilter rows{x0.data(), x1.data(), x2.data(), out.data(), GROUPS, 1, {}, {}};
+  const std::vector<float> taps = Values(48, 13);
+  for (int32_t k = 0; k < 3; ++k) {
+    for (int32_t f = 0; f < 8; ++f) {
+      rows.re[k][f] = taps[8 * k + f];
+      rows.im[k][f] = taps[24 + 8 * k + f];
+    }
+  }
+  for (auto _ : state) {
+    FilterHeldWith(isa, rows);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * GROUPS);
+}
+
+void BM_FiniteCheck(benchmark::State& state, VectorIsa isa) {  // the loop state checked every symbol
+  if (Skip(state, isa)) return;
+  const std::vector<float> v = Values(1650, 14);
+  for (auto _ : state) benchmark::DoNotOptimize(AllFiniteWith(isa, v.data(), static_cast<int32_t>(v.size())));
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(v.size()));
+}
+
 void BM_QpskDemap(benchmark::State& state, VectorIsa isa) {
   if (Skip(state, isa)) return;
   std::vector<float> values = Values(2 * DATA_CARRIERS, 6);
@@ -144,6 +172,11 @@ BENCHMARK_CAPTURE(BM_QamEqualiser, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_BankProducts, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_BankProducts, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_BankProducts, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_HeldTimeFilter, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_HeldTimeFilter, sse2, VectorIsa::SSE2);
+BENCHMARK_CAPTURE(BM_HeldTimeFilter, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_FiniteCheck, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_FiniteCheck, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_QpskDemap, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_QpskDemap, avx2, VectorIsa::AVX2);
 
