@@ -71,18 +71,28 @@ void RebaseAfterJump() {
 }
 
 // One LMS tap per lag, each predicting this symbol's pilots from those of the symbol `lag` scattered
-// periods back and clamped to [0, 1] after every group. The lags are independent chains, so they
-// advance side by side in one pass over the groups.
+// periods back and clamped to [0, 1] after every group. The step
+// w + mu ((y - w x) conj(x)).re is taken as w (1 - mu |x|^2) + mu (y conj(x)).re: the factors depend
+// on the pilots alone and are formed for all groups first, so the chain from group to group is one
+// product and one sum. The lags are independent chains and advance side by side.
 template <int32_t LAGS>
 void AdaptLagTaps(const float* y, const float* const* x, int32_t groups, float* lagTap) {
   const float step = engine.lmsStep;
+  float keep[LAGS][MAX_ROW / 4];
+  float pull[LAGS][MAX_ROW / 4];
+  for (int32_t l = 0; l < LAGS; ++l) {
+    const float* __restrict xr = x[l];
+    const float* __restrict xi = x[l] + groups;
+    for (int32_t p = 0; p < groups; ++p) {
+      keep[l][p] = 1.0f - step * (xr[p] * xr[p] + xi[p] * xi[p]);
+      pull[l][p] = step * (y[p] * xr[p] + y[groups + p] * xi[p]);
+    }
+  }
   float w[LAGS];
   for (int32_t l = 0; l < LAGS; ++l) w[l] = lagTap[l];
   for (int32_t p = 0; p < groups; ++p) {
-    const float yr = y[p], yi = y[groups + p];
     for (int32_t l = 0; l < LAGS; ++l) {
-      const float xr = x[l][p], xi = x[l][groups + p];
-      float v = w[l] + step * ((yr - w[l] * xr) * xr + (yi - w[l] * xi) * xi);
+      float v = w[l] * keep[l][p] + pull[l][p];
       if (v < 0.0f) v = 0.0f;
       if (v > 1.0f) v = 1.0f;
       w[l] = v;
