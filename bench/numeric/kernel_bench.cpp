@@ -1,7 +1,7 @@
 // The hand-vectorised kernels of the symbol path, every variant this processor runs, on the sizes
 // of the common broadcast (Mode 3): the rotation of one symbol's span, the filter across carriers
 // over one row, the QPSK equaliser over one symbol's data carriers, the time filter with held taps
-// over one row of pilot groups, the finite check of the loop state, the QPSK soft demapping of one
+// over one row of pilot groups, the finite check of the loop state, one side of the timing gate, the QPSK soft demapping of one
 // symbol. Prints each variant's speed-up
 // over the scalar reference at the end of the run. The Viterbi kernels are in decoder_bench.
 #include <benchmark/benchmark.h>
@@ -18,6 +18,7 @@
 #include "numeric/vector_isa.h"
 #include "tracking/carrier_filter.h"
 #include "tracking/equaliser_kernels.h"
+#include "tracking/timing_gate_kernels.h"
 
 namespace zfn {
 namespace {
@@ -146,6 +147,23 @@ void BM_FiniteCheck(benchmark::State& state, VectorIsa isa) {  // the loop state
   state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(v.size()));
 }
 
+void BM_GateSide(benchmark::State& state, VectorIsa isa) {  // one side of the timing gate, Mode 3 guard 1/8
+  if (Skip(state, isa)) return;
+  constexpr int32_t SPAN = 64;
+  const std::vector<float> wRe = Values(GATE_MAX_SPAN * GATE_CARRIERS, 15), wIm = Values(GATE_MAX_SPAN * GATE_CARRIERS, 16);
+  const std::vector<float> start = Values(2 * GATE_CARRIERS, 17), x = Values(2 * 1200, 18), sign(GATE_CARRIERS, 1.0f);
+  std::vector<float> rows = Values(2 * SPAN * GATE_CARRIERS, 19), profile(SPAN);
+  using Row = const float(*)[GATE_CARRIERS];
+  const GateSide side{reinterpret_cast<Row>(wRe.data()), reinterpret_cast<Row>(wIm.data()), start.data(),
+                      start.data() + GATE_CARRIERS, sign.data(), x.data(), SPAN, 1088, 64, 1, rows.data(),
+                      rows.data() + SPAN * GATE_CARRIERS, GATE_CARRIERS, profile.data()};
+  for (auto _ : state) {
+    SlideGateSideWith(isa, side);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * SPAN);
+}
+
 void BM_QpskDemap(benchmark::State& state, VectorIsa isa) {
   if (Skip(state, isa)) return;
   std::vector<float> values = Values(2 * DATA_CARRIERS, 6);
@@ -177,6 +195,8 @@ BENCHMARK_CAPTURE(BM_HeldTimeFilter, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_HeldTimeFilter, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_FiniteCheck, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_FiniteCheck, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_GateSide, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_GateSide, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_QpskDemap, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_QpskDemap, avx2, VectorIsa::AVX2);
 

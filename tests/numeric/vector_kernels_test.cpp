@@ -22,6 +22,7 @@
 #include "tests/decoder/decoder_test_support.h"
 #include "tracking/carrier_filter.h"
 #include "tracking/equaliser_kernels.h"
+#include "tracking/timing_gate_kernels.h"
 
 namespace zfn {
 namespace {
@@ -207,6 +208,32 @@ std::string CompareAllFinite(VectorIsa isa, Random& random, int trial) {
   return AllFiniteWith(isa, v.data() + offset, count) == reference ? "" : "count " + std::to_string(count);
 }
 
+// One side of the timing gate, both directions, every span up to the largest, with a non-finite
+// sample now and then; the rows it updates are compared too.
+std::string CompareGateSide(VectorIsa isa, Random& random, int trial) {
+  const int32_t span = static_cast<int32_t>(random.Below(GATE_MAX_SPAN + 1));
+  const int32_t direction = (trial & 1) ? 1 : -1;
+  std::vector<float> wRe = Noise(random, GATE_MAX_SPAN * GATE_CARRIERS), wIm = Noise(random, GATE_MAX_SPAN * GATE_CARRIERS);
+  const std::vector<float> startRe = Noise(random, GATE_CARRIERS, 30.0f), startIm = Noise(random, GATE_CARRIERS, 30.0f);
+  std::vector<float> sign(GATE_CARRIERS);
+  for (float& s : sign) s = random.Below(2) ? 1.0f : -1.0f;
+  std::vector<float> x = Noise(random, 2 * (3 * GATE_MAX_SPAN + 2), 20.0f);
+  if (trial % 5 == 0) x[random.Below(static_cast<uint32_t>(x.size()))] = (trial & 2) ? NAN : INFINITY;
+  const int32_t inAt = direction > 0 ? GATE_MAX_SPAN : GATE_MAX_SPAN - 1, outAt = inAt + direction * GATE_MAX_SPAN;
+  const std::vector<float> rows = Noise(random, 2 * GATE_MAX_SPAN * GATE_CARRIERS, 30.0f);
+  std::vector<float> reference = rows, vector = rows;
+  std::vector<float> profileReference(2 * GATE_MAX_SPAN + 1, 5.0f), profileVector = profileReference;
+  const auto slide = [&](VectorIsa with, std::vector<float>& r, std::vector<float>& profile) {
+    using Row = const float(*)[GATE_CARRIERS];
+    SlideGateSideWith(with, {reinterpret_cast<Row>(wRe.data()), reinterpret_cast<Row>(wIm.data()), startRe.data(),
+                             startIm.data(), sign.data(), x.data(), span, inAt, outAt, direction, r.data(),
+                             r.data() + GATE_MAX_SPAN * GATE_CARRIERS, GATE_CARRIERS, profile.data() + GATE_MAX_SPAN});
+  };
+  slide(VectorIsa::SCALAR, reference, profileReference);
+  slide(isa, vector, profileVector);
+  return SameBits(reference, vector) && SameBits(profileReference, profileVector) ? "" : "span " + std::to_string(span);
+}
+
 // QPSK soft demapping: noisy values over the whole clamp range and beyond, with integers (the floor),
 // signed zeros, NaN and infinities dropped in.
 std::string CompareDemap(VectorIsa isa, Random& random, int trial) {
@@ -302,6 +329,7 @@ const Kernel KERNELS[] = {
     {"interpolation bank products", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareBankProducts, 200},
     {"time filter with held taps", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareHeldTimeFilter, 200},
     {"finite check", {VectorIsa::AVX2}, CompareAllFinite, 300},
+    {"timing gate side", {VectorIsa::AVX2}, CompareGateSide, 100},
     {"16QAM and 64QAM equaliser", {VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 4 + 2 * (trial & 1)); },
      300},
