@@ -216,17 +216,22 @@ void EstimatePilots() {
     rot = Rotator(perCarrier * (3 * s + t.spanCentre));
     groupStep = Rotator(-75.398223686148 * t.jumpAmount / engine.nfft);
   }
+  // The pilot of group p is span carrier 12 p + 3 s.
+  const float* __restrict signs = engine.pilotSign + t.pilotStart + 3 * s;
+  const float* __restrict carriers = t.carrierSlotNow + 6 * s;
+  float* __restrict historyRe = t.pilotHistoryNow;
+  float* __restrict historyIm = t.pilotHistoryNow + groups;
+  float* __restrict pilots = t.pilotRow + 2 * s;
   for (int32_t p = 0; p < groups; ++p) {
-    const int32_t idx = 12 * p + 3 * s;
-    const float sign = engine.pilotSign[t.pilotStart + idx];
-    const Cx v = sign * Load(t.carrierSlotNow, idx);
-    t.pilotHistoryNow[p] = v.re;
-    t.pilotHistoryNow[groups + p] = v.im;
+    const float sign = signs[12 * p];
+    const Cx v{sign * carriers[24 * p], sign * carriers[24 * p + 1]};
+    historyRe[p] = v.re;
+    historyIm[p] = v.im;
     if (derotate) {
-      Store(t.pilotRow, 4 * p + s, v * rot);
+      Store(pilots, 4 * p, v * rot);
       rot = rot * groupStep;
     } else {
-      Store(t.pilotRow, 4 * p + s, v);
+      Store(pilots, 4 * p, v);
     }
   }
   if (derotate) {
