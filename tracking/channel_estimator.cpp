@@ -31,25 +31,83 @@ float* HistoryRow(int32_t slot) {
 
 Cx HistoryPilot(const float* row, int32_t p) { return {row[p], row[engine.nspanGrid + p]}; }
 
+// The rotators of a timing jump depend on its amount and the mode alone, and jumps of the same
+// amount come back again and again: they are made on a jump's first use, by the same products in
+// the same order, and kept for the last two amounts, so the jump's symbols need no chain of
+// rotator products.
+struct JumpRotators {
+  int32_t amount;
+  int32_t nfft;
+  int32_t spanCentre;
+  int32_t groups;
+  int32_t entries;
+  bool made;
+  Cx back[4][MAX_ROW / 4];  // to the old timing, by the pilot phase of the symbol, group by group
+  Cx ahead[4][MAX_ROW / 4]; // phases 1..3 of the filtered row onto the new timing, group by group
+  Cx entry[MAX_ROW];        // the re-based copy, entry by entry
+};
+
+JumpRotators jumpRotators[2];
+int32_t jumpRotatorsNext = 0;
+
+void MakeJumpRotators(JumpRotators& j, int32_t amount) {
+  const TrackerState& t = tracker;
+  j = JumpRotators{amount, engine.nfft, t.spanCentre, engine.nspanGrid, engine.nspan / 3, true, {}, {}, {}};
+  const double perCarrierBack = -TWO_PI * amount / engine.nfft;
+  const Cx groupStepBack = Rotator(-75.398223686148 * amount / engine.nfft);
+  for (int32_t s = 0; s < 4; ++s) {
+    Cx rot = Rotator(perCarrierBack * (3 * s + t.spanCentre));
+    for (int32_t p = 0; p < j.groups; ++p) {
+      j.back[s][p] = rot;
+      rot = rot * groupStepBack;
+    }
+  }
+  // Phases 1..3 onto the new timing; the rotator steps 12 carriers per group.
+  const double perCarrier = TWO_PI * amount / engine.nfft;
+  const Cx groupStep = Rotator(perCarrier * 12.0);
+  for (int32_t i = 1; i <= 3; ++i) {
+    Cx rot = Rotator(perCarrier * (3 * i + t.spanCentre));
+    for (int32_t p = 0; p < j.groups; ++p) {
+      j.ahead[i][p] = rot;
+      rot = rot * groupStep;
+    }
+  }
+  const Cx entryStep = Rotator(perCarrier * 3.0);
+  Cx rot = Rotator(perCarrier * t.spanCentre);
+  for (int32_t m = 0; m < j.entries; ++m) {
+    j.entry[m] = rot;
+    rot = rot * entryStep;
+  }
+}
+
+const JumpRotators& RotatorsOfJump(int32_t amount) {
+  for (const JumpRotators& j : jumpRotators) {
+    if (j.made && j.amount == amount && j.nfft == engine.nfft && j.spanCentre == tracker.spanCentre &&
+        j.groups == engine.nspanGrid && j.entries == engine.nspan / 3)
+      return j;
+  }
+  JumpRotators& j = jumpRotators[jumpRotatorsNext];
+  jumpRotatorsNext ^= 1;
+  MakeJumpRotators(j, amount);
+  return j;
+}
+
 // The re-basing of the rows on the new timing, in the symbol whose output time is the first symbol
 // read at the new position.
 void RebaseAfterJump() {
   TrackerState& t = tracker;
   const int32_t groups = engine.nspanGrid;
-  const double perCarrier = TWO_PI * t.jumpAmount / engine.nfft;
+  const JumpRotators& j = RotatorsOfJump(t.jumpAmount);
 
   // Phase 0 of the output time: its raw pilots, three rows back.
   const float* back3 = HistoryRow((t.pilotHistorySlot + 10) % PILOT_HISTORY_ROWS);
   for (int32_t p = 0; p < groups; ++p) Store(t.filteredRow, 4 * p, HistoryPilot(back3, p));
 
-  // Phases 1..3 onto the new timing; the rotator steps 12 carriers per group.
-  const Cx groupStep = Rotator(perCarrier * 12.0);
+  // Phases 1..3 onto the new timing.
   for (int32_t i = 1; i <= 3; ++i) {
-    Cx rot = Rotator(perCarrier * (3 * i + t.spanCentre));
     for (int32_t p = 0; p < groups; ++p) {
       const int32_t e = 4 * p + i;
-      Store(t.filteredRow, e, Load(t.filteredRow, e) * rot);
-      rot = rot * groupStep;
+      Store(t.filteredRow, e, Load(t.filteredRow, e) * j.ahead[i][p]);
     }
   }
 
@@ -62,12 +120,7 @@ void RebaseAfterJump() {
 
   // The copy that stands in for pastRow2 in the next symbol.
   const int32_t n = engine.nspan / 3;
-  const Cx entryStep = Rotator(perCarrier * 3.0);
-  Cx rot = Rotator(perCarrier * t.spanCentre);
-  for (int32_t m = 0; m < n; ++m) {
-    Store(t.rebasedRow, m, Load(t.pastRow1, m) * rot);
-    rot = rot * entryStep;
-  }
+  for (int32_t m = 0; m < n; ++m) Store(t.rebasedRow, m, Load(t.pastRow1, m) * j.entry[m]);
 }
 
 // One LMS tap per lag, each predicting this symbol's pilots from those of the symbol `lag` scattered
@@ -208,14 +261,6 @@ void EstimatePilots() {
   // Pilots of this symbol, sign and boost removed.
   const float* past2 = t.pastRow2;
   const bool derotate = t.jumpStage >= JUMP_DEROTATE_FIRST && t.jumpStage <= JUMP_DEROTATE_LAST;
-  Cx rot{1.0f, 0.0f};
-  Cx groupStep{1.0f, 0.0f};
-  if (derotate) {
-    // Back to the old timing: the output of these symbols belongs to symbols read before the jump.
-    const double perCarrier = -TWO_PI * t.jumpAmount / engine.nfft;
-    rot = Rotator(perCarrier * (3 * s + t.spanCentre));
-    groupStep = Rotator(-75.398223686148 * t.jumpAmount / engine.nfft);
-  }
   // The pilot of group p is span carrier 12 p + 3 s.
   const float* __restrict signs = engine.pilotSign + t.pilotStart + 3 * s;
   const float* __restrict carriers = t.carrierSlotNow + 6 * s;
@@ -227,12 +272,12 @@ void EstimatePilots() {
     const Cx v{sign * carriers[24 * p], sign * carriers[24 * p + 1]};
     historyRe[p] = v.re;
     historyIm[p] = v.im;
-    if (derotate) {
-      Store(pilots, 4 * p, v * rot);
-      rot = rot * groupStep;
-    } else {
-      Store(pilots, 4 * p, v);
-    }
+    Store(pilots, 4 * p, v);
+  }
+  if (derotate) {
+    // Back to the old timing: the output of these symbols belongs to symbols read before the jump.
+    const Cx* rot = RotatorsOfJump(t.jumpAmount).back[s];
+    for (int32_t p = 0; p < groups; ++p) Store(pilots, 4 * p, Load(pilots, 4 * p) * rot[p]);
   }
   if (derotate) {
     ++t.jumpStage;
