@@ -97,6 +97,26 @@ void FilterHeldWith(VectorIsa isa, const HeldTimeFilter& rows) {
   FilterHeldScalar(rows);
 }
 
+__attribute__((optimize("no-tree-vectorize"))) void WeighCarriersScalar(const float* power, float ratio, float* weight,
+                                                                        float* eq, int32_t count) {
+  for (int32_t i = 0; i < count; ++i) {
+    const float w = power[i] * ratio;
+    weight[i] = w;
+    eq[2 * i] *= w;
+    eq[2 * i + 1] *= w;
+  }
+}
+
+void WeighCarriersWith(VectorIsa isa, const float* power, float ratio, float* weight, float* eq, int32_t count) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) {
+    WeighCarriersAvx2(power, ratio, weight, eq, count);
+    return;
+  }
+#endif
+  WeighCarriersScalar(power, ratio, weight, eq, count);
+}
+
 __attribute__((optimize("no-tree-vectorize"))) bool AllFiniteScalar(const float* v, int32_t count) {
   uint32_t bits = 0;
   for (int32_t i = 0; i < count; ++i) bits |= std::bit_cast<uint32_t>(v[i] - v[i]);

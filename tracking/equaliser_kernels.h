@@ -80,6 +80,14 @@ void FilterHeldAvx2(const HeldTimeFilter& rows);
 #endif
 void FilterHeldWith(VectorIsa isa, const HeldTimeFilter& rows);
 
+// The QPSK soft weighting: weight[i] = power[i] * ratio, and equalised carrier i (interleaved re, im)
+// times weight[i].
+void WeighCarriersScalar(const float* power, float ratio, float* weight, float* eq, int32_t count);
+#if defined(__x86_64__) || defined(__i386__)
+void WeighCarriersAvx2(const float* power, float ratio, float* weight, float* eq, int32_t count);
+#endif
+void WeighCarriersWith(VectorIsa isa, const float* power, float ratio, float* weight, float* eq, int32_t count);
+
 // Whether every one of `count` floats is finite: x - x is +0 for a finite x and NaN otherwise, and
 // the bits of those differences are or-ed together.
 bool AllFiniteScalar(const float* v, int32_t count);

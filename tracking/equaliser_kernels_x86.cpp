@@ -297,6 +297,22 @@ __attribute__((target("avx2"))) void FilterHeldAvx2(const HeldTimeFilter& given)
   }
 }
 
+// Eight carriers a step: their weights spread onto the interleaved pairs by in-lane unpacks and one
+// lane exchange (the order that the equaliser's stores undo).
+__attribute__((target("avx2"))) void WeighCarriersAvx2(const float* power, float ratio, float* weight, float* eq,
+                                                      int32_t count) {
+  const __m256 r = _mm256_set1_ps(ratio);
+  int32_t i = 0;
+  for (; i + 8 <= count; i += 8) {
+    const __m256 w = _mm256_mul_ps(_mm256_loadu_ps(power + i), r);
+    _mm256_storeu_ps(weight + i, w);
+    const __m256 low = _mm256_unpacklo_ps(w, w), high = _mm256_unpackhi_ps(w, w);  // 0 0 1 1 4 4 5 5 | 2 2 3 3 6 6 7 7
+    _mm256_storeu_ps(eq + 2 * i, _mm256_mul_ps(_mm256_loadu_ps(eq + 2 * i), _mm256_permute2f128_ps(low, high, 0x20)));
+    _mm256_storeu_ps(eq + 2 * i + 8, _mm256_mul_ps(_mm256_loadu_ps(eq + 2 * i + 8), _mm256_permute2f128_ps(low, high, 0x31)));
+  }
+  WeighCarriersScalar(power + i, ratio, weight + i, eq + 2 * i, count - i);
+}
+
 // Thirty-two floats a step in four registers, the rest through the reference.
 __attribute__((target("avx2"))) bool AllFiniteAvx2(const float* v, int32_t count) {
   __m256 a = _mm256_setzero_ps(), b = a, c = a, d = a;

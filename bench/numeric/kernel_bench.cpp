@@ -1,7 +1,7 @@
 // The hand-vectorised kernels of the symbol path, every variant this processor runs, on the sizes
 // of the common broadcast (Mode 3): the rotation of one symbol's span, the filter across carriers
 // over one row, the QPSK equaliser over one symbol's data carriers, the time filter with held taps
-// over one row of pilot groups, the finite check of the loop state, one side of the timing gate, the QPSK soft demapping of one
+// over one row of pilot groups, the QPSK soft weighting, the finite check of the loop state, one side of the timing gate, the QPSK soft demapping of one
 // symbol. Prints each variant's speed-up
 // over the scalar reference at the end of the run. The Viterbi kernels are in decoder_bench.
 #include <benchmark/benchmark.h>
@@ -140,6 +140,17 @@ void BM_HeldTimeFilter(benchmark::State& state, VectorIsa isa) {  // one row of 
   state.SetItemsProcessed(state.iterations() * GROUPS);
 }
 
+void BM_SoftWeighting(benchmark::State& state, VectorIsa isa) {  // one symbol's data carriers
+  if (Skip(state, isa)) return;
+  const std::vector<float> power = Values(DATA_CARRIERS, 20);
+  std::vector<float> weight(DATA_CARRIERS), eq = Values(2 * DATA_CARRIERS, 21);
+  for (auto _ : state) {
+    WeighCarriersWith(isa, power.data(), 1.0f, weight.data(), eq.data(), DATA_CARRIERS);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);
+}
+
 void BM_FiniteCheck(benchmark::State& state, VectorIsa isa) {  // the loop state checked every symbol
   if (Skip(state, isa)) return;
   const std::vector<float> v = Values(1650, 14);
@@ -193,6 +204,8 @@ BENCHMARK_CAPTURE(BM_BankProducts, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_HeldTimeFilter, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_HeldTimeFilter, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_HeldTimeFilter, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_SoftWeighting, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_SoftWeighting, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_FiniteCheck, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_FiniteCheck, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_GateSide, scalar, VectorIsa::SCALAR);

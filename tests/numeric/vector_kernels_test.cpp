@@ -196,6 +196,22 @@ std::string CompareHeldTimeFilter(VectorIsa isa, Random& random, int trial) {
   return SameBits(reference, vector) ? "" : "groups " + std::to_string(groups);
 }
 
+// The QPSK soft weighting, at every alignment, with non-finite powers and signed zeros dropped in.
+std::string CompareWeighting(VectorIsa isa, Random& random, int trial) {
+  const int32_t count = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 20 : 400));
+  const size_t offset = random.Below(8), floats = offset + 2 * static_cast<size_t>(count) + 8;
+  std::vector<float> power = Noise(random, floats, 3.0f);
+  const std::vector<float> eq = Noise(random, floats);
+  if (count > 0 && trial % 3 == 0) {
+    for (float edge : {NAN, INFINITY, -0.0f}) power[offset + random.Below(static_cast<uint32_t>(count))] = edge;
+  }
+  const float ratio = trial % 7 == 0 ? INFINITY : 0.1f + Uniform(random);
+  std::vector<float> weightReference(floats, 5.0f), weightVector = weightReference, eqReference = eq, eqVector = eq;
+  WeighCarriersWith(VectorIsa::SCALAR, power.data() + offset, ratio, weightReference.data() + offset, eqReference.data() + offset, count);
+  WeighCarriersWith(isa, power.data() + offset, ratio, weightVector.data() + offset, eqVector.data() + offset, count);
+  return SameBits(weightReference, weightVector) && SameBits(eqReference, eqVector) ? "" : "count " + std::to_string(count);
+}
+
 // The finite check: large and tiny finite values, and now and then one non-finite value anywhere.
 std::string CompareAllFinite(VectorIsa isa, Random& random, int trial) {
   const int32_t count = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 40 : 1000));
@@ -329,6 +345,7 @@ const Kernel KERNELS[] = {
     {"interpolation bank products", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareBankProducts, 200},
     {"time filter with held taps", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareHeldTimeFilter, 200},
     {"finite check", {VectorIsa::AVX2}, CompareAllFinite, 300},
+    {"QPSK soft weighting", {VectorIsa::AVX2}, CompareWeighting, 200},
     {"timing gate side", {VectorIsa::AVX2}, CompareGateSide, 100},
     {"16QAM and 64QAM equaliser", {VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 4 + 2 * (trial & 1)); },
