@@ -1,4 +1,4 @@
-// The equaliser's arithmetic: scalar reference and the choice of variant.
+// The element-wise kernels of estimation and equalisation: scalar references and the choice of variant.
 #include "tracking/equaliser_kernels.h"
 
 #include <bit>

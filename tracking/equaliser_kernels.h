@@ -1,4 +1,8 @@
 #pragma once
+// The element-wise kernels of channel estimation and equalisation: the equaliser, the interpolation's
+// bank products, the time filter with held taps, the soft weighting and the finite check of the
+// loop state.
+//
 // The equaliser's arithmetic over the data carriers of a symbol, each read with its channel through
 // a table: r * conj(h) / |h|^2, the channel power |h|^2, and the power of the decision error
 // |r - d h|^2, for QPSK and for 16QAM and 64QAM. Element by element, so every variant gives the
