@@ -288,12 +288,15 @@ __attribute__((target("avx2"))) void FilterHeldAvx2(const HeldTimeFilter& given)
   const __m256 re0 = _mm256_loadu_ps(rows.re[0]), im0 = _mm256_loadu_ps(rows.im[0]);
   const __m256 re1 = _mm256_loadu_ps(rows.re[1]), im1 = _mm256_loadu_ps(rows.im[1]);
   const __m256 re2 = _mm256_loadu_ps(rows.re[2]), im2 = _mm256_loadu_ps(rows.im[2]);
+  // The floats of the exact entry take x0's by selection.
+  const __m256i lane = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3);
+  const __m256 exact = _mm256_castsi256_ps(_mm256_cmpeq_epi32(lane, _mm256_set1_epi32(rows.exact)));
   for (int32_t p = 0; p < rows.groups; ++p) {
     const int32_t at = 8 * p;
+    const __m256 x0 = _mm256_loadu_ps(rows.x0 + at);
     const __m256 sum = _mm256_add_ps(_mm256_add_ps(HeldTermAvx2(rows.x0 + at, re0, im0), HeldTermAvx2(rows.x1 + at, re1, im1)),
                                      HeldTermAvx2(rows.x2 + at, re2, im2));
-    _mm256_storeu_ps(rows.out + at, sum);
-    PassExact(rows, p);
+    _mm256_storeu_ps(rows.out + at, _mm256_blendv_ps(sum, x0, exact));
   }
 }
 
