@@ -300,9 +300,9 @@ void RunFrequencyLoop() {
     const int32_t bin = engine.trackBins[c];
     const Cx a = Load(t.spectrumNow, bin);
     const Cx b = Load(t.spectrumPrev, bin);
-    float e = a.im * b.re - a.re * b.im;
-    if (!(a.re * b.re + a.im * b.im > 0.0f)) e = -e;
-    sum += e;
+    // The fold by the sign bit, without a branch: the fixed carriers flip at random.
+    const uint32_t flip = static_cast<uint32_t>(!(a.re * b.re + a.im * b.im > 0.0f)) << 31;
+    sum += std::bit_cast<float>(std::bit_cast<uint32_t>(a.im * b.re - a.re * b.im) ^ flip);
   }
   engine.ncoStep = engine.ncoStep - sum * engine.freqLoopGain * t.levelScale;
 }

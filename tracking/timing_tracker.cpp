@@ -1,5 +1,6 @@
 // Symbol timing: an early-late gate on the fixed carriers, formed by a sliding DFT over the samples
 // just outside the transform span, and the sample clock estimate drawn from the steps it takes.
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -125,7 +126,10 @@ void TrackTiming() {
     const Cx b = Load(t.spectrumPrev, bin);
     aRe[c] = now.re;
     aIm[c] = now.im;
-    sign[c] = (now.re * b.re + now.im * b.im > 0.0f) ? 1.0f : -1.0f;
+    // +1 or -1 by the turn from the last symbol, without a branch: the fixed carriers' differential
+    // modulation flips them at random.
+    const uint32_t flip = static_cast<uint32_t>(!(now.re * b.re + now.im * b.im > 0.0f)) << 31;
+    sign[c] = std::bit_cast<float>(std::bit_cast<uint32_t>(1.0f) | flip);
     const float dr = now.re - sign[c] * b.re;
     const float di = now.im - sign[c] * b.im;
     centre += dr * dr + di * di;
