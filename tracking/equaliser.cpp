@@ -89,14 +89,7 @@ void EqualiseCarriers() {
     if (engine.qpskSoftTarget > 0.0f) {
       // A weak carrier counts less: R * conj(H) scaled by the noise.
       t.noiseAvg = 0.5f * t.noiseAvg + 0.5f * (noiseSum / static_cast<float>(engine.ndata));
-      const float ratio = engine.qpskSoftTarget / t.noiseAvg;
-      float* __restrict weight = t.softWeight;
-      for (int32_t i = 0; i < k; ++i) {
-        const float w = power[i] * ratio;
-        weight[i] = w;
-        eq[2 * i] *= w;
-        eq[2 * i + 1] *= w;
-      }
+      WeighCarriersWith(ActiveVectorIsa(), power, engine.qpskSoftTarget / t.noiseAvg, t.softWeight, eq, k);
     } else {
       for (int32_t i = 0; i < 2 * k; ++i) eq[i] *= 8.0f;
     }

@@ -1,5 +1,7 @@
-// The equaliser's arithmetic: scalar reference and the choice of variant.
+// The element-wise kernels of estimation and equalisation: scalar references and the choice of variant.
 #include "tracking/equaliser_kernels.h"
+
+#include <bit>
 
 #include "tracking/slicers.h"
 
@@ -65,6 +67,67 @@ __attribute__((optimize("no-tree-vectorize"))) void MultiplyBanksScalar(const Ba
     rows.zHigh[2 * i] = xr * hr - xi * hi;
     rows.zHigh[2 * i + 1] = xr * hi + xi * hr;
   }
+}
+
+__attribute__((optimize("no-tree-vectorize"))) void FilterHeldScalar(const HeldTimeFilter& rows) {
+  for (int32_t p = 0; p < rows.groups; ++p) {
+    const float* u = rows.x0 + 8 * p;
+    const float* v = rows.x1 + 8 * p;
+    const float* w = rows.x2 + 8 * p;
+    float* o = rows.out + 8 * p;
+    for (int32_t f = 0; f < 8; ++f)
+      o[f] = ((rows.re[0][f] * u[f] + rows.im[0][f] * u[f ^ 1]) + (rows.re[1][f] * v[f] + rows.im[1][f] * v[f ^ 1])) +
+             (rows.re[2][f] * w[f] + rows.im[2][f] * w[f ^ 1]);
+    o[2 * rows.exact] = u[2 * rows.exact];
+    o[2 * rows.exact + 1] = u[2 * rows.exact + 1];
+  }
+}
+
+void FilterHeldWith(VectorIsa isa, const HeldTimeFilter& rows) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) {
+    FilterHeldAvx2(rows);
+    return;
+  }
+  if (isa != VectorIsa::SCALAR && VectorIsaAvailable(VectorIsa::SSE2)) {
+    FilterHeldSse2(rows);
+    return;
+  }
+#endif
+  FilterHeldScalar(rows);
+}
+
+__attribute__((optimize("no-tree-vectorize"))) void WeighCarriersScalar(const float* power, float ratio, float* weight,
+                                                                        float* eq, int32_t count) {
+  for (int32_t i = 0; i < count; ++i) {
+    const float w = power[i] * ratio;
+    weight[i] = w;
+    eq[2 * i] *= w;
+    eq[2 * i + 1] *= w;
+  }
+}
+
+void WeighCarriersWith(VectorIsa isa, const float* power, float ratio, float* weight, float* eq, int32_t count) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) {
+    WeighCarriersAvx2(power, ratio, weight, eq, count);
+    return;
+  }
+#endif
+  WeighCarriersScalar(power, ratio, weight, eq, count);
+}
+
+__attribute__((optimize("no-tree-vectorize"))) bool AllFiniteScalar(const float* v, int32_t count) {
+  uint32_t bits = 0;
+  for (int32_t i = 0; i < count; ++i) bits |= std::bit_cast<uint32_t>(v[i] - v[i]);
+  return bits == 0;
+}
+
+bool AllFiniteWith(VectorIsa isa, const float* v, int32_t count) {
+#if defined(__x86_64__) || defined(__i386__)
+  if (isa == VectorIsa::AVX2 && VectorIsaAvailable(VectorIsa::AVX2)) return AllFiniteAvx2(v, count);
+#endif
+  return AllFiniteScalar(v, count);
 }
 
 void MultiplyBanksWith(VectorIsa isa, const BankProducts& rows) {

@@ -1,4 +1,8 @@
 #pragma once
+// The element-wise kernels of channel estimation and equalisation: the equaliser, the interpolation's
+// bank products, the time filter with held taps, the soft weighting and the finite check of the
+// loop state.
+//
 // The equaliser's arithmetic over the data carriers of a symbol, each read with its channel through
 // a table: r * conj(h) / |h|^2, the channel power |h|^2, and the power of the decision error
 // |r - d h|^2, for QPSK and for 16QAM and 64QAM. Element by element, so every variant gives the
@@ -56,5 +60,44 @@ void MultiplyBanksSse2(const BankProducts& rows);
 void MultiplyBanksAvx2(const BankProducts& rows);
 #endif
 void MultiplyBanksWith(VectorIsa isa, const BankProducts& rows);
+
+// The recursive filter along time over pilot groups with its taps held. A group is four complex
+// entries, eight floats in a row; float f of a group takes from each input row k in turn
+// re[k][f] x_k[f] + im[k][f] x_k[f ^ 1] (with im[k][f] = -c.im on a real part, c.im on an imaginary
+// part), and the three are summed (k0 + k1) + k2: the complex filter's products and sums in their
+// order. Entry `exact` of every group takes x0's value unchanged.
+struct HeldTimeFilter {
+  const float* x0;
+  const float* x1;
+  const float* x2;
+  float* out;
+  int32_t groups;
+  int32_t exact;      // entry 0..3
+  float re[3][8];
+  float im[3][8];
+};
+
+void FilterHeldScalar(const HeldTimeFilter& rows);
+#if defined(__x86_64__) || defined(__i386__)
+void FilterHeldSse2(const HeldTimeFilter& rows);
+void FilterHeldAvx2(const HeldTimeFilter& rows);
+#endif
+void FilterHeldWith(VectorIsa isa, const HeldTimeFilter& rows);
+
+// The QPSK soft weighting: weight[i] = power[i] * ratio, and equalised carrier i (interleaved re, im)
+// times weight[i].
+void WeighCarriersScalar(const float* power, float ratio, float* weight, float* eq, int32_t count);
+#if defined(__x86_64__) || defined(__i386__)
+void WeighCarriersAvx2(const float* power, float ratio, float* weight, float* eq, int32_t count);
+#endif
+void WeighCarriersWith(VectorIsa isa, const float* power, float ratio, float* weight, float* eq, int32_t count);
+
+// Whether every one of `count` floats is finite: x - x is +0 for a finite x and NaN otherwise, and
+// the bits of those differences are or-ed together.
+bool AllFiniteScalar(const float* v, int32_t count);
+#if defined(__x86_64__) || defined(__i386__)
+bool AllFiniteAvx2(const float* v, int32_t count);
+#endif
+bool AllFiniteWith(VectorIsa isa, const float* v, int32_t count);
 
 }  // namespace zfn

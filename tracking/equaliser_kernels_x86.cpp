@@ -108,7 +108,8 @@ __attribute__((target("sse2"))) void QpskFourSse2(const EqualiserRows& rows, int
 }  // namespace
 
 // Blocks of eight carriers as two steps of four, lanes 0-3 and 4-7 of the sums apart.
-__attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& rows) {
+__attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& given) {
+  const EqualiserRows rows = given;  // a copy the stores cannot touch: its pointers stay in registers
   __m128 powerLow = _mm_setzero_ps(), powerHigh = powerLow, noiseLow = powerLow, noiseHigh = powerLow;
   int32_t i = 0;
   for (; i + 8 <= rows.count; i += 8) {
@@ -126,7 +127,8 @@ __attribute__((target("sse2"))) void EqualiseQpskSse2(const EqualiserRows& rows)
 
 // Eight carriers at a time: the QPSK decision by selection, or the QAM levels stepped through.
 template <bool Qam>
-__attribute__((target("avx2"))) void EqualiseAvx2(const EqualiserRows& rows) {
+__attribute__((target("avx2"))) void EqualiseAvx2(const EqualiserRows& given) {
+  const EqualiserRows rows = given;  // a copy the stores cannot touch: its pointers stay in registers
   const __m256 zero = _mm256_setzero_ps();
   const __m256 plus = _mm256_set1_ps(QPSK_LEVEL);
   const __m256 minus = _mm256_set1_ps(-QPSK_LEVEL);
@@ -242,6 +244,96 @@ __attribute__((target("avx2"))) void MultiplyBanksAvx2(const BankProducts& rows)
     ProductAvx2(xr, xi, rows.high + 2 * i, rows.zHigh + 2 * i);
   }
   MultiplyBanksScalar(BanksFrom(rows, i));
+}
+
+// The held time filter, half a group (SSE2) or a whole group (AVX2) per register: the swapped
+// pairs by an in-lane shuffle, the products and sums as the reference's.
+namespace {
+
+__attribute__((target("sse2"))) inline __m128 HeldTermSse2(const float* x, const float* re, const float* im) {
+  const __m128 v = _mm_loadu_ps(x);
+  const __m128 swapped = _mm_shuffle_ps(v, v, _MM_SHUFFLE(2, 3, 0, 1));
+  return _mm_add_ps(_mm_mul_ps(_mm_loadu_ps(re), v), _mm_mul_ps(_mm_loadu_ps(im), swapped));
+}
+
+__attribute__((target("avx2"))) inline __m256 HeldTermAvx2(const float* x, __m256 re, __m256 im) {
+  const __m256 v = _mm256_loadu_ps(x);
+  return _mm256_add_ps(_mm256_mul_ps(re, v), _mm256_mul_ps(im, _mm256_permute_ps(v, _MM_SHUFFLE(2, 3, 0, 1))));
+}
+
+inline void PassExact(const HeldTimeFilter& rows, int32_t p) {
+  const int32_t at = 8 * p + 2 * rows.exact;
+  rows.out[at] = rows.x0[at];
+  rows.out[at + 1] = rows.x0[at + 1];
+}
+
+}  // namespace
+
+__attribute__((target("sse2"))) void FilterHeldSse2(const HeldTimeFilter& given) {
+  const HeldTimeFilter rows = given;
+  for (int32_t p = 0; p < rows.groups; ++p) {
+    for (int32_t h = 0; h < 8; h += 4) {
+      const int32_t at = 8 * p + h;
+      const __m128 sum = _mm_add_ps(_mm_add_ps(HeldTermSse2(rows.x0 + at, rows.re[0] + h, rows.im[0] + h),
+                                               HeldTermSse2(rows.x1 + at, rows.re[1] + h, rows.im[1] + h)),
+                                    HeldTermSse2(rows.x2 + at, rows.re[2] + h, rows.im[2] + h));
+      _mm_storeu_ps(rows.out + at, sum);
+    }
+    PassExact(rows, p);
+  }
+}
+
+__attribute__((target("avx2"))) void FilterHeldAvx2(const HeldTimeFilter& given) {
+  const HeldTimeFilter rows = given;
+  const __m256 re0 = _mm256_loadu_ps(rows.re[0]), im0 = _mm256_loadu_ps(rows.im[0]);
+  const __m256 re1 = _mm256_loadu_ps(rows.re[1]), im1 = _mm256_loadu_ps(rows.im[1]);
+  const __m256 re2 = _mm256_loadu_ps(rows.re[2]), im2 = _mm256_loadu_ps(rows.im[2]);
+  // The floats of the exact entry take x0's by selection.
+  const __m256i lane = _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3);
+  const __m256 exact = _mm256_castsi256_ps(_mm256_cmpeq_epi32(lane, _mm256_set1_epi32(rows.exact)));
+  for (int32_t p = 0; p < rows.groups; ++p) {
+    const int32_t at = 8 * p;
+    const __m256 x0 = _mm256_loadu_ps(rows.x0 + at);
+    const __m256 sum = _mm256_add_ps(_mm256_add_ps(HeldTermAvx2(rows.x0 + at, re0, im0), HeldTermAvx2(rows.x1 + at, re1, im1)),
+                                     HeldTermAvx2(rows.x2 + at, re2, im2));
+    _mm256_storeu_ps(rows.out + at, _mm256_blendv_ps(sum, x0, exact));
+  }
+}
+
+// Eight carriers a step: their weights spread onto the interleaved pairs by in-lane unpacks and one
+// lane exchange (the order that the equaliser's stores undo).
+__attribute__((target("avx2"))) void WeighCarriersAvx2(const float* power, float ratio, float* weight, float* eq,
+                                                      int32_t count) {
+  const __m256 r = _mm256_set1_ps(ratio);
+  int32_t i = 0;
+  for (; i + 8 <= count; i += 8) {
+    const __m256 w = _mm256_mul_ps(_mm256_loadu_ps(power + i), r);
+    _mm256_storeu_ps(weight + i, w);
+    const __m256 low = _mm256_unpacklo_ps(w, w), high = _mm256_unpackhi_ps(w, w);  // 0 0 1 1 4 4 5 5 | 2 2 3 3 6 6 7 7
+    _mm256_storeu_ps(eq + 2 * i, _mm256_mul_ps(_mm256_loadu_ps(eq + 2 * i), _mm256_permute2f128_ps(low, high, 0x20)));
+    _mm256_storeu_ps(eq + 2 * i + 8, _mm256_mul_ps(_mm256_loadu_ps(eq + 2 * i + 8), _mm256_permute2f128_ps(low, high, 0x31)));
+  }
+  WeighCarriersScalar(power + i, ratio, weight + i, eq + 2 * i, count - i);
+}
+
+// Thirty-two floats a step in four registers, the rest through the reference.
+__attribute__((target("avx2"))) bool AllFiniteAvx2(const float* v, int32_t count) {
+  __m256 a = _mm256_setzero_ps(), b = a, c = a, d = a;
+  int32_t i = 0;
+  for (; i + 32 <= count; i += 32) {
+    const __m256 x0 = _mm256_loadu_ps(v + i), x1 = _mm256_loadu_ps(v + i + 8);
+    const __m256 x2 = _mm256_loadu_ps(v + i + 16), x3 = _mm256_loadu_ps(v + i + 24);
+    a = _mm256_or_ps(a, _mm256_sub_ps(x0, x0));
+    b = _mm256_or_ps(b, _mm256_sub_ps(x1, x1));
+    c = _mm256_or_ps(c, _mm256_sub_ps(x2, x2));
+    d = _mm256_or_ps(d, _mm256_sub_ps(x3, x3));
+  }
+  for (; i + 8 <= count; i += 8) {
+    const __m256 x = _mm256_loadu_ps(v + i);
+    a = _mm256_or_ps(a, _mm256_sub_ps(x, x));
+  }
+  const __m256i all = _mm256_castps_si256(_mm256_or_ps(_mm256_or_ps(a, b), _mm256_or_ps(c, d)));
+  return _mm256_testz_si256(all, all) != 0 && AllFiniteScalar(v + i, count - i);
 }
 
 }  // namespace zfn

@@ -11,6 +11,9 @@
 
 namespace zfn {
 
+// The QPSK levels are +-QPSK_DECISION_LEVEL on each component.
+constexpr float QPSK_DECISION_LEVEL = 0.707107f;
+
 // Each level is picked by counting the boundaries the value lies beyond: the comparisons give 0
 // or 1 and no branch depends on the (random) data. Every comparison fails for a NaN, which thus
 // takes the positive outer level.
@@ -20,9 +23,9 @@ namespace zfn {
 inline float SliceQpsk(float v) {
 #if defined(__SSE2__)
   const __m128 beyond = _mm_cmple_ss(_mm_set_ss(v), _mm_setzero_ps());
-  return _mm_cvtss_f32(_mm_xor_ps(_mm_set_ss(0.707107f), _mm_and_ps(beyond, _mm_set_ss(-0.0f))));
+  return _mm_cvtss_f32(_mm_xor_ps(_mm_set_ss(QPSK_DECISION_LEVEL), _mm_and_ps(beyond, _mm_set_ss(-0.0f))));
 #else
-  constexpr float LEVELS[2] = {-0.707107f, 0.707107f};
+  constexpr float LEVELS[2] = {-QPSK_DECISION_LEVEL, QPSK_DECISION_LEVEL};
   return LEVELS[1 - (v <= 0.0f)];
 #endif
 }

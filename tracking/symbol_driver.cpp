@@ -13,6 +13,7 @@
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
 #include "tracking/complex32.h"
+#include "tracking/equaliser_kernels.h"
 #include "tracking/probe_fill.h"
 #include "tracking/tracker_state.h"
 
@@ -299,25 +300,14 @@ void RunFrequencyLoop() {
     const int32_t bin = engine.trackBins[c];
     const Cx a = Load(t.spectrumNow, bin);
     const Cx b = Load(t.spectrumPrev, bin);
-    float e = a.im * b.re - a.re * b.im;
-    if (!(a.re * b.re + a.im * b.im > 0.0f)) e = -e;
-    sum += e;
+    // The fold by the sign bit, without a branch: the fixed carriers flip at random.
+    const uint32_t flip = static_cast<uint32_t>(!(a.re * b.re + a.im * b.im > 0.0f)) << 31;
+    sum += std::bit_cast<float>(std::bit_cast<uint32_t>(a.im * b.re - a.re * b.im) ^ flip);
   }
   engine.ncoStep = engine.ncoStep - sum * engine.freqLoopGain * t.levelScale;
 }
 
-bool AllFinite(const float* v, int32_t count) {
-  // x * 0 is 0 for finite values, NaN otherwise. Eight sums side by side, so that the additions do
-  // not wait on each other and the compiler vectorises them.
-  float sums[8] = {};
-  int32_t i = 0;
-  for (; i + 8 <= count; i += 8)
-    for (int32_t j = 0; j < 8; ++j) sums[j] += v[i + j] * 0.0f;
-  for (; i < count; ++i) sums[0] += v[i] * 0.0f;
-  float sum = 0.0f;
-  for (float partial : sums) sum += partial;
-  return sum == 0.0f;
-}
+bool AllFinite(const float* v, int32_t count) { return AllFiniteWith(ActiveVectorIsa(), v, count); }
 
 // A loop whose state went non-finite (an adaptive filter driven past its stability bound, say)
 // would stay so for good, and with it everything downstream. Each such stage restarts from the

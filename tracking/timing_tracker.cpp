@@ -1,5 +1,6 @@
 // Symbol timing: an early-late gate on the fixed carriers, formed by a sliding DFT over the samples
 // just outside the transform span, and the sample clock estimate drawn from the steps it takes.
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -7,13 +8,14 @@
 #include "shell/receiver_state.h"
 #include "shell/stages.h"
 #include "tracking/complex32.h"
+#include "tracking/timing_gate_kernels.h"
 #include "tracking/tracker_state.h"
 
 namespace zfn {
 
 namespace {
 
-constexpr int32_t MAX_TRACK = 12;
+constexpr int32_t MAX_TRACK = GATE_CARRIERS;
 
 // Truncation toward zero that stays defined for any float: saturates, NaN gives 0.
 int32_t TruncateToInt(float v) {
@@ -23,7 +25,8 @@ int32_t TruncateToInt(float v) {
   return static_cast<int32_t>(v);
 }
 
-constexpr int32_t MAX_GATE_SPAN = TIMING_ACC_SIZE / 2;  // the largest nmargin
+constexpr int32_t MAX_GATE_SPAN = GATE_MAX_SPAN;
+static_assert(MAX_GATE_SPAN == TIMING_ACC_SIZE / 2, "the largest nmargin");
 
 // The multipliers of the gate's sliding sums, carrier by carrier: entry d - 1 is the one that the
 // sample d away from the span's edge is weighed with. They depend only on the tracked bins and the
@@ -80,51 +83,6 @@ const GateMultipliers& CurrentGateMultipliers(bool sliding) {
   return g;
 }
 
-// One side of the gate: the sums T start at the carriers' values a and take, at step d, the
-// difference of the sample entering and the one leaving times the multiplier of d. The profile at
-// d is the sum over the fixed carriers of |T - S*P|^2 against the values P of the last symbol, which
-// row firstRow + d holds; the row then takes T. The carriers' terms of all steps are kept, and the
-// sums, each in carrier order, follow for all steps at once, so that they do not wait on each other.
-void SlideGateSide(const float (*wRe)[MAX_TRACK], const float (*wIm)[MAX_TRACK], const float* a, const float* sign,
-                   int32_t span, int32_t inAt, int32_t outAt, int32_t direction, int32_t firstRow,
-                   float* profileAt) {
-  const int32_t ntrack = engine.ntrack;
-  const float* x = engine.symbolBuffer;
-  float terms[MAX_GATE_SPAN][MAX_TRACK];
-  float tr[MAX_TRACK];
-  float ti[MAX_TRACK];
-  for (int32_t c = 0; c < MAX_TRACK; ++c) {
-    tr[c] = a[2 * c];
-    ti[c] = a[2 * c + 1];
-  }
-  for (int32_t d = 0; d < span; ++d) {
-    const int32_t at = d * direction;
-    const float dr = x[2 * (inAt + at)] - x[2 * (outAt + at)];
-    const float di = x[2 * (inAt + at) + 1] - x[2 * (outAt + at) + 1];
-    const float* wr = wRe[d];
-    const float* wi = wIm[d];
-    for (int32_t c = 0; c < MAX_TRACK; ++c) {
-      const float nr = tr[c] + (dr * wr[c] - di * wi[c]);
-      ti[c] = ti[c] + (dr * wi[c] + di * wr[c]);
-      tr[c] = nr;
-    }
-    float* pr = engine.marginRe + (firstRow + d) * ntrack;
-    float* pi = engine.marginIm + (firstRow + d) * ntrack;
-    for (int32_t c = 0; c < ntrack; ++c) {
-      const float er = tr[c] - sign[c] * pr[c];
-      const float ei = ti[c] - sign[c] * pi[c];
-      terms[d][c] = er * er + ei * ei;
-      pr[c] = tr[c];
-      pi[c] = ti[c];
-    }
-  }
-  for (int32_t d = 0; d < span; ++d) {
-    float sum = 0.0f;
-    for (int32_t c = 0; c < ntrack; ++c) sum += terms[d][c];
-    profileAt[d * direction] = sum;
-  }
-}
-
 // Refinement: the span is held a few samples inside the guard interval. Where the guard is free of
 // interference the gate sees the same on both sides and lets the span wander over all of it, and
 // a slow clock carries it past the guard's end. The channel's mean delay behind the span's start
@@ -158,16 +116,20 @@ void TrackTiming() {
   const int32_t ntrack = engine.ntrack;
   float* profile = engine.marginProfile;
 
-  float a[2 * MAX_TRACK] = {};
-  float sign[MAX_TRACK];
+  float aRe[MAX_TRACK] = {};
+  float aIm[MAX_TRACK] = {};
+  float sign[MAX_TRACK] = {};
   float centre = 0.0f;
   for (int32_t c = 0; c < ntrack; ++c) {
     const int32_t bin = engine.trackBins[c];
     const Cx now = Load(t.spectrumNow, bin);
     const Cx b = Load(t.spectrumPrev, bin);
-    a[2 * c] = now.re;
-    a[2 * c + 1] = now.im;
-    sign[c] = (now.re * b.re + now.im * b.im > 0.0f) ? 1.0f : -1.0f;
+    aRe[c] = now.re;
+    aIm[c] = now.im;
+    // +1 or -1 by the turn from the last symbol, without a branch: the fixed carriers' differential
+    // modulation flips them at random.
+    const uint32_t flip = static_cast<uint32_t>(!(now.re * b.re + now.im * b.im > 0.0f)) << 31;
+    sign[c] = std::bit_cast<float>(std::bit_cast<uint32_t>(1.0f) | flip);
     const float dr = now.re - sign[c] * b.re;
     const float di = now.im - sign[c] * b.im;
     centre += dr * dr + di * di;
@@ -181,8 +143,11 @@ void TrackTiming() {
   // its sums add to the interference of a span that lies before the guard instead of taking it
   // out, and the gate pushes such a span further out.
   const GateMultipliers& g = CurrentGateMultipliers(engine.refined != 0);
-  SlideGateSide(g.earlyRe, g.earlyIm, a, sign, k, h - 1, h - 1 + n, -1, 0, profile + h - 1);
-  SlideGateSide(g.lateRe, g.lateIm, a, sign, k, h + n, h, 1, k, profile + h + 1);
+  const VectorIsa isa = ActiveVectorIsa();
+  SlideGateSideWith(isa, {g.earlyRe, g.earlyIm, aRe, aIm, sign, engine.symbolBuffer, k, h - 1, h - 1 + n, -1,
+                          engine.marginRe, engine.marginIm, ntrack, profile + h - 1});
+  SlideGateSideWith(isa, {g.lateRe, g.lateIm, aRe, aIm, sign, engine.symbolBuffer, k, h + n, h, 1,
+                          engine.marginRe + k * ntrack, engine.marginIm + k * ntrack, ntrack, profile + h + 1});
 
   // Accumulate since the last jump; the symbol read at a new position restarts the sum.
   if (t.jumpPending == 0) {

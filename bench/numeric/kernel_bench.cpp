@@ -1,6 +1,7 @@
 // The hand-vectorised kernels of the symbol path, every variant this processor runs, on the sizes
 // of the common broadcast (Mode 3): the rotation of one symbol's span, the filter across carriers
-// over one row, the QPSK equaliser over one symbol's data carriers, the QPSK soft demapping of one
+// over one row, the QPSK equaliser over one symbol's data carriers, the time filter with held taps
+// over one row of pilot groups, the QPSK soft weighting, the finite check of the loop state, one side of the timing gate, the QPSK soft demapping of one
 // symbol. Prints each variant's speed-up
 // over the scalar reference at the end of the run. The Viterbi kernels are in decoder_bench.
 #include <benchmark/benchmark.h>
@@ -17,6 +18,7 @@
 #include "numeric/vector_isa.h"
 #include "tracking/carrier_filter.h"
 #include "tracking/equaliser_kernels.h"
+#include "tracking/timing_gate_kernels.h"
 
 namespace zfn {
 namespace {
@@ -118,6 +120,61 @@ void BM_BankProducts(benchmark::State& state, VectorIsa isa) {  // nquarter of m
   state.SetItemsProcessed(state.iterations() * ENTRIES);
 }
 
+void BM_HeldTimeFilter(benchmark::State& state, VectorIsa isa) {  // one row of pilot groups
+  if (Skip(state, isa)) return;
+  constexpr int32_t GROUPS = 60;
+  const std::vector<float> x0 = Values(8 * GROUPS, 10), x1 = Values(8 * GROUPS, 11), x2 = Values(8 * GROUPS, 12);
+  std::vector<float> out(8 * GROUPS);
+  HeldTimeFilter rows{x0.data(), x1.data(), x2.data(), out.data(), GROUPS, 1, {}, {}};
+  const std::vector<float> taps = Values(48, 13);
+  for (int32_t k = 0; k < 3; ++k) {
+    for (int32_t f = 0; f < 8; ++f) {
+      rows.re[k][f] = taps[8 * k + f];
+      rows.im[k][f] = taps[24 + 8 * k + f];
+    }
+  }
+  for (auto _ : state) {
+    FilterHeldWith(isa, rows);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * GROUPS);
+}
+
+void BM_SoftWeighting(benchmark::State& state, VectorIsa isa) {  // one symbol's data carriers
+  if (Skip(state, isa)) return;
+  const std::vector<float> power = Values(DATA_CARRIERS, 20);
+  std::vector<float> weight(DATA_CARRIERS), eq = Values(2 * DATA_CARRIERS, 21);
+  for (auto _ : state) {
+    WeighCarriersWith(isa, power.data(), 1.0f, weight.data(), eq.data(), DATA_CARRIERS);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * DATA_CARRIERS);
+}
+
+void BM_FiniteCheck(benchmark::State& state, VectorIsa isa) {  // the loop state checked every symbol
+  if (Skip(state, isa)) return;
+  const std::vector<float> v = Values(1650, 14);
+  for (auto _ : state) benchmark::DoNotOptimize(AllFiniteWith(isa, v.data(), static_cast<int32_t>(v.size())));
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(v.size()));
+}
+
+void BM_GateSide(benchmark::State& state, VectorIsa isa) {  // one side of the timing gate, Mode 3 guard 1/8
+  if (Skip(state, isa)) return;
+  constexpr int32_t SPAN = 64;
+  const std::vector<float> wRe = Values(GATE_MAX_SPAN * GATE_CARRIERS, 15), wIm = Values(GATE_MAX_SPAN * GATE_CARRIERS, 16);
+  const std::vector<float> start = Values(2 * GATE_CARRIERS, 17), x = Values(2 * 1200, 18), sign(GATE_CARRIERS, 1.0f);
+  std::vector<float> rows = Values(2 * SPAN * GATE_CARRIERS, 19), profile(SPAN);
+  using Row = const float(*)[GATE_CARRIERS];
+  const GateSide side{reinterpret_cast<Row>(wRe.data()), reinterpret_cast<Row>(wIm.data()), start.data(),
+                      start.data() + GATE_CARRIERS, sign.data(), x.data(), SPAN, 1088, 64, 1, rows.data(),
+                      rows.data() + SPAN * GATE_CARRIERS, GATE_CARRIERS, profile.data()};
+  for (auto _ : state) {
+    SlideGateSideWith(isa, side);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(state.iterations() * SPAN);
+}
+
 void BM_QpskDemap(benchmark::State& state, VectorIsa isa) {
   if (Skip(state, isa)) return;
   std::vector<float> values = Values(2 * DATA_CARRIERS, 6);
@@ -144,6 +201,15 @@ BENCHMARK_CAPTURE(BM_QamEqualiser, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_BankProducts, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_BankProducts, sse2, VectorIsa::SSE2);
 BENCHMARK_CAPTURE(BM_BankProducts, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_HeldTimeFilter, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_HeldTimeFilter, sse2, VectorIsa::SSE2);
+BENCHMARK_CAPTURE(BM_HeldTimeFilter, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_SoftWeighting, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_SoftWeighting, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_FiniteCheck, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_FiniteCheck, avx2, VectorIsa::AVX2);
+BENCHMARK_CAPTURE(BM_GateSide, scalar, VectorIsa::SCALAR);
+BENCHMARK_CAPTURE(BM_GateSide, avx2, VectorIsa::AVX2);
 BENCHMARK_CAPTURE(BM_QpskDemap, scalar, VectorIsa::SCALAR);
 BENCHMARK_CAPTURE(BM_QpskDemap, avx2, VectorIsa::AVX2);
 

@@ -23,6 +23,7 @@
 #include "tests/decoder/decoder_test_support.h"
 #include "tracking/carrier_filter.h"
 #include "tracking/equaliser_kernels.h"
+#include "tracking/timing_gate_kernels.h"
 
 namespace zfn {
 namespace {
@@ -165,6 +166,91 @@ std::string CompareBankProducts(VectorIsa isa, Random& random, int trial) {
   return SameBits(reference, vector) ? "" : "count " + std::to_string(count);
 }
 
+// The time filter with held taps, at every alignment, with non-finite entries and signed zeros dropped in.
+std::string CompareHeldTimeFilter(VectorIsa isa, Random& random, int trial) {
+  const int32_t groups = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 3 : 70));
+  const size_t offset = random.Below(8), floats = offset + 8 * static_cast<size_t>(groups);
+  std::vector<float> x[3] = {Noise(random, floats), Noise(random, floats), Noise(random, floats)};
+  if (groups > 0 && trial % 3 == 0) {
+    for (float edge : {NAN, INFINITY, -0.0f}) x[random.Below(3)][offset + random.Below(static_cast<uint32_t>(8 * groups))] = edge;
+  }
+  HeldTimeFilter held{};
+  for (int k = 0; k < 3; ++k) {
+    for (int f = 0; f < 8; ++f) {
+      held.re[k][f] = Gauss(random);
+      held.im[k][f] = Gauss(random);
+    }
+  }
+  held.groups = groups;
+  held.exact = static_cast<int32_t>(random.Below(4));
+  std::vector<float> reference(floats + 8, 5.0f), vector = reference;
+  const auto filter = [&](VectorIsa with, std::vector<float>& out) {
+    HeldTimeFilter rows = held;
+    rows.x0 = x[0].data() + offset;
+    rows.x1 = x[1].data() + offset;
+    rows.x2 = x[2].data() + offset;
+    rows.out = out.data() + offset;
+    FilterHeldWith(with, rows);
+  };
+  filter(VectorIsa::SCALAR, reference);
+  filter(isa, vector);
+  return SameBits(reference, vector) ? "" : "groups " + std::to_string(groups);
+}
+
+// The QPSK soft weighting, at every alignment, with non-finite powers and signed zeros dropped in.
+std::string CompareWeighting(VectorIsa isa, Random& random, int trial) {
+  const int32_t count = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 20 : 400));
+  const size_t offset = random.Below(8), floats = offset + 2 * static_cast<size_t>(count) + 8;
+  std::vector<float> power = Noise(random, floats, 3.0f);
+  const std::vector<float> eq = Noise(random, floats);
+  if (count > 0 && trial % 3 == 0) {
+    for (float edge : {NAN, INFINITY, -0.0f}) power[offset + random.Below(static_cast<uint32_t>(count))] = edge;
+  }
+  const float ratio = trial % 7 == 0 ? INFINITY : 0.1f + Uniform(random);
+  std::vector<float> weightReference(floats, 5.0f), weightVector = weightReference, eqReference = eq, eqVector = eq;
+  WeighCarriersWith(VectorIsa::SCALAR, power.data() + offset, ratio, weightReference.data() + offset, eqReference.data() + offset, count);
+  WeighCarriersWith(isa, power.data() + offset, ratio, weightVector.data() + offset, eqVector.data() + offset, count);
+  return SameBits(weightReference, weightVector) && SameBits(eqReference, eqVector) ? "" : "count " + std::to_string(count);
+}
+
+// The finite check: large and tiny finite values, and now and then one non-finite value anywhere.
+std::string CompareAllFinite(VectorIsa isa, Random& random, int trial) {
+  const int32_t count = static_cast<int32_t>(random.Below(trial % 4 == 0 ? 40 : 1000));
+  const size_t offset = random.Below(8);
+  std::vector<float> v = Noise(random, offset + static_cast<size_t>(count) + 8, 3e37f);
+  v[offset + random.Below(static_cast<uint32_t>(count) + 1)] = (trial & 1) ? -0.0f : 1e-44f;
+  constexpr float EDGES[] = {NAN, INFINITY, -INFINITY};
+  if (trial % 3 != 0) v[offset + random.Below(static_cast<uint32_t>(count) + 8)] = EDGES[random.Below(3)];
+  const bool reference = AllFiniteWith(VectorIsa::SCALAR, v.data() + offset, count);
+  return AllFiniteWith(isa, v.data() + offset, count) == reference ? "" : "count " + std::to_string(count);
+}
+
+// One side of the timing gate, both directions, every span up to the largest, with a non-finite
+// sample now and then; the rows it updates are compared too.
+std::string CompareGateSide(VectorIsa isa, Random& random, int trial) {
+  const int32_t span = static_cast<int32_t>(random.Below(GATE_MAX_SPAN + 1));
+  const int32_t direction = (trial & 1) ? 1 : -1;
+  std::vector<float> wRe = Noise(random, GATE_MAX_SPAN * GATE_CARRIERS), wIm = Noise(random, GATE_MAX_SPAN * GATE_CARRIERS);
+  const std::vector<float> startRe = Noise(random, GATE_CARRIERS, 30.0f), startIm = Noise(random, GATE_CARRIERS, 30.0f);
+  std::vector<float> sign(GATE_CARRIERS);
+  for (float& s : sign) s = random.Below(2) ? 1.0f : -1.0f;
+  std::vector<float> x = Noise(random, 2 * (3 * GATE_MAX_SPAN + 2), 20.0f);
+  if (trial % 5 == 0) x[random.Below(static_cast<uint32_t>(x.size()))] = (trial & 2) ? NAN : INFINITY;
+  const int32_t inAt = direction > 0 ? GATE_MAX_SPAN : GATE_MAX_SPAN - 1, outAt = inAt + direction * GATE_MAX_SPAN;
+  const std::vector<float> rows = Noise(random, 2 * GATE_MAX_SPAN * GATE_CARRIERS, 30.0f);
+  std::vector<float> reference = rows, vector = rows;
+  std::vector<float> profileReference(2 * GATE_MAX_SPAN + 1, 5.0f), profileVector = profileReference;
+  const auto slide = [&](VectorIsa with, std::vector<float>& r, std::vector<float>& profile) {
+    using Row = const float(*)[GATE_CARRIERS];
+    SlideGateSideWith(with, {reinterpret_cast<Row>(wRe.data()), reinterpret_cast<Row>(wIm.data()), startRe.data(),
+                             startIm.data(), sign.data(), x.data(), span, inAt, outAt, direction, r.data(),
+                             r.data() + GATE_MAX_SPAN * GATE_CARRIERS, GATE_CARRIERS, profile.data() + GATE_MAX_SPAN});
+  };
+  slide(VectorIsa::SCALAR, reference, profileReference);
+  slide(isa, vector, profileVector);
+  return SameBits(reference, vector) && SameBits(profileReference, profileVector) ? "" : "span " + std::to_string(span);
+}
+
 // QPSK soft demapping: noisy values over the whole clamp range and beyond, with integers (the floor),
 // signed zeros, NaN and infinities dropped in.
 std::string CompareDemap(VectorIsa isa, Random& random, int trial) {
@@ -278,6 +364,10 @@ const Kernel KERNELS[] = {
     {"QPSK equaliser", {VectorIsa::SSE2, VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 2); }, 300},
     {"interpolation bank products", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareBankProducts, 200},
+    {"time filter with held taps", {VectorIsa::SSE2, VectorIsa::AVX2}, CompareHeldTimeFilter, 200},
+    {"finite check", {VectorIsa::AVX2}, CompareAllFinite, 300},
+    {"QPSK soft weighting", {VectorIsa::AVX2}, CompareWeighting, 200},
+    {"timing gate side", {VectorIsa::AVX2}, CompareGateSide, 100},
     {"16QAM and 64QAM equaliser", {VectorIsa::AVX2},
      [](VectorIsa isa, Random& random, int trial) { return CompareEqualiser(isa, random, trial, 4 + 2 * (trial & 1)); },
      300},
