@@ -28,35 +28,45 @@ struct RowLayout {
   alignas(32) float re2[ROW_FLOATS];   // (re, re) of every entry
   alignas(32) float im2[ROW_FLOATS];   // (-im, im)
   alignas(32) float lags[ROW_FLOATS];  // row[j] * conj(row[j - lag]) at j, zeros past the row
-  // The correlation of entry m's window with the window `lag` entries before, (re, re) and
-  // (-im, im), plain ([lag - 1]) and times -step.
-  alignas(32) float corrRe[2][ROW_FLOATS], corrIm[2][ROW_FLOATS];
-  alignas(32) float gainRe[2][ROW_FLOATS], gainIm[2][ROW_FLOATS];
+  // The correlation c of entry m's window with the window `lag` entries before ([lag - 1]), and
+  // g = -step c, four floats per entry at 4m: (c.re, c.re, g.re, g.re) and (-c.im, c.im, -g.im,
+  // g.im). The output and the error of an entry are then formed side by side in one register.
+  alignas(32) float corrRe[2][2 * ROW_FLOATS], corrIm[2][2 * ROW_FLOATS];
   alignas(32) float targets[ROW_FLOATS];
 };
 
 // One entry's correlation into the layout, as the vector passes store it.
 void StoreCorrelation(RowLayout& layout, int32_t lag, int32_t m, Cx c, float negativeStep) {
-  float* re = layout.corrRe[lag - 1] + 2 * m;
-  float* im = layout.corrIm[lag - 1] + 2 * m;
+  const Cx g = negativeStep * c;
+  float* re = layout.corrRe[lag - 1] + 4 * m;
+  float* im = layout.corrIm[lag - 1] + 4 * m;
   re[0] = re[1] = c.re;
+  re[2] = re[3] = g.re;
   im[0] = -c.im;
   im[1] = c.im;
-  const Cx g = negativeStep * c;
-  float* gr = layout.gainRe[lag - 1] + 2 * m;
-  float* gi = layout.gainIm[lag - 1] + 2 * m;
-  gr[0] = gr[1] = g.re;
-  gi[0] = -g.im;
-  gi[1] = g.im;
+  im[2] = -g.im;
+  im[3] = g.im;
 }
 
 __attribute__((target("sse2"))) inline __m128 LoadPair(const float* at) {
   return _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(at)));
 }
 
-// b * e as the reference forms it, from the pairs (b.re, b.re), (-b.im, b.im), e and e swapped.
+// b * e as the reference forms it, from (b.re, b.re), (-b.im, b.im), e and e swapped, for the two
+// complex values b of the register (the correlation and the gain of the layout) with the same e.
 __attribute__((target("sse2"))) inline __m128 ProductPairs(const float* re, const float* im, __m128 e, __m128 swapped) {
-  return _mm_add_ps(_mm_mul_ps(LoadPair(re), e), _mm_mul_ps(LoadPair(im), swapped));
+  return _mm_add_ps(_mm_mul_ps(_mm_load_ps(re), e), _mm_mul_ps(_mm_load_ps(im), swapped));
+}
+
+// The output (lanes 0, 1) and the error (lanes 2, 3) of entry m from the tap product q, the
+// target-side term s (lanes 0, 1) and the errors of the two entries before, each as (re, im, re,
+// im) and swapped: (x + p2) + p1.
+__attribute__((target("sse2"))) inline __m128 OutputAndError(const RowLayout& layout, int32_t m, __m128 q, __m128 s, __m128 err1,
+                                                             __m128 swapped1, __m128 err2, __m128 swapped2) {
+  const __m128 x = _mm_movelh_ps(q, s);
+  const __m128 p2 = ProductPairs(layout.corrRe[1] + 4 * m, layout.corrIm[1] + 4 * m, err2, swapped2);
+  const __m128 p1 = ProductPairs(layout.corrRe[0] + 4 * m, layout.corrIm[0] + 4 * m, err1, swapped1);
+  return _mm_add_ps(_mm_add_ps(x, p2), p1);
 }
 
 // a * b for the two complex values of each register.
@@ -108,10 +118,16 @@ __attribute__((target("sse2"))) void LayOutRowSse2(RowLayout& layout, const floa
       const __m128 c = _mm_add_ps(_mm_add_ps(_mm_add_ps(p[0], p[4]), _mm_add_ps(p[2], p[6])),
                                   _mm_add_ps(_mm_add_ps(p[1], p[5]), p[3]));
       const __m128 g = _mm_mul_ps(gain, c);
-      _mm_storeu_ps(layout.corrRe[lag - 1] + 2 * m, _mm_shuffle_ps(c, c, _MM_SHUFFLE(2, 2, 0, 0)));
-      _mm_storeu_ps(layout.corrIm[lag - 1] + 2 * m, _mm_xor_ps(_mm_shuffle_ps(c, c, _MM_SHUFFLE(3, 3, 1, 1)), signEven));
-      _mm_storeu_ps(layout.gainRe[lag - 1] + 2 * m, _mm_shuffle_ps(g, g, _MM_SHUFFLE(2, 2, 0, 0)));
-      _mm_storeu_ps(layout.gainIm[lag - 1] + 2 * m, _mm_xor_ps(_mm_shuffle_ps(g, g, _MM_SHUFFLE(3, 3, 1, 1)), signEven));
+      // (c.re, c.re) of both entries beside (g.re, g.re), and the imaginary parts.
+      const __m128 cr = _mm_shuffle_ps(c, c, _MM_SHUFFLE(2, 2, 0, 0)), gr = _mm_shuffle_ps(g, g, _MM_SHUFFLE(2, 2, 0, 0));
+      const __m128 ci = _mm_xor_ps(_mm_shuffle_ps(c, c, _MM_SHUFFLE(3, 3, 1, 1)), signEven);
+      const __m128 gi = _mm_xor_ps(_mm_shuffle_ps(g, g, _MM_SHUFFLE(3, 3, 1, 1)), signEven);
+      float* re = layout.corrRe[lag - 1] + 4 * m;
+      float* im = layout.corrIm[lag - 1] + 4 * m;
+      _mm_store_ps(re, _mm_movelh_ps(cr, gr));
+      _mm_store_ps(re + 4, _mm_movehl_ps(gr, cr));
+      _mm_store_ps(im, _mm_movelh_ps(ci, gi));
+      _mm_store_ps(im + 4, _mm_movehl_ps(gi, ci));
     }
   }
 }
@@ -142,24 +158,25 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
     for (int32_t v = 0; v < 4; ++v) in[v] = _mm_loadu_ps(row + 4 * v);
     for (int32_t v = 0; v < 4; ++v) prod[v] = MulPairs(in[v], before2[v], signEven);
     const __m128 q = TreeSumPairs(prod, lowPair, negativeZeroHigh);
-    const int32_t at = 2 * m;
-    const __m128 w = _mm_add_ps(_mm_add_ps(q, ProductPairs(layout.corrRe[1] + at, layout.corrIm[1] + at, err2, swapped2)),
-                                ProductPairs(layout.corrRe[0] + at, layout.corrIm[0] + at, err1, swapped1));
-    _mm_storel_pi(reinterpret_cast<__m64*>(pass.out + at), w);
     for (int32_t v = 0; v < 4; ++v) {
       before2[v] = before1[v];
       before1[v] = tp[v];
     }
-    __m128 err = _mm_setzero_ps(), swapped = err;
-    if ((m & 3) != pass.pilotPhase) {  // carrier 3*m of the oldest symbol is no pilot
+    const bool adapts = (m & 3) != pass.pilotPhase;  // carrier 3*m of the oldest symbol is no pilot
+    __m128 s = _mm_setzero_ps();
+    if (adapts) {
       const Cx target = DecisionTarget(Load(pass.oldest, 3 * m), Load(pass.in, m), pass.bitsPerCarrier);
-      const __m128 s = _mm_mul_ps(step, _mm_sub_ps(_mm_setr_ps(target.re, target.im, 0.0f, 0.0f), q));
-      err = _mm_add_ps(_mm_add_ps(s, ProductPairs(layout.gainRe[1] + at, layout.gainIm[1] + at, err2, swapped2)),
-                       ProductPairs(layout.gainRe[0] + at, layout.gainIm[0] + at, err1, swapped1));
-      swapped = _mm_shuffle_ps(err, err, _MM_SHUFFLE(2, 3, 0, 1));
+      s = _mm_mul_ps(step, _mm_sub_ps(_mm_setr_ps(target.re, target.im, 0.0f, 0.0f), q));
+    }
+    const __m128 both = OutputAndError(layout, m, q, s, err1, swapped1, err2, swapped2);
+    _mm_storel_pi(reinterpret_cast<__m64*>(pass.out + 2 * m), both);
+    __m128 err = _mm_setzero_ps(), swapped = err;
+    if (adapts) {
+      err = _mm_shuffle_ps(both, both, _MM_SHUFFLE(3, 2, 3, 2));
+      swapped = _mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3));
       // taps + conj(in) * err: (ir er + ii ei, ir ei - ii er)
-      const __m128 er = _mm_shuffle_ps(err, err, _MM_SHUFFLE(1, 0, 1, 0));
-      const __m128 ei = _mm_shuffle_ps(err, err, _MM_SHUFFLE(0, 1, 0, 1));
+      const __m128 er = err;
+      const __m128 ei = swapped;
       for (int32_t v = 0; v < 4; ++v) {
         const __m128 ar = _mm_shuffle_ps(in[v], in[v], _MM_SHUFFLE(2, 2, 0, 0));
         const __m128 ai = _mm_shuffle_ps(in[v], in[v], _MM_SHUFFLE(3, 3, 1, 1));
@@ -230,10 +247,20 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
       const __m256 c = _mm256_add_ps(_mm256_add_ps(_mm256_add_ps(p[0], p[4]), _mm256_add_ps(p[2], p[6])),
                                      _mm256_add_ps(_mm256_add_ps(p[1], p[5]), p[3]));
       const __m256 g = _mm256_mul_ps(gain, c);
-      _mm256_storeu_ps(layout.corrRe[lag - 1] + 2 * m, _mm256_moveldup_ps(c));
-      _mm256_storeu_ps(layout.corrIm[lag - 1] + 2 * m, _mm256_xor_ps(_mm256_movehdup_ps(c), signEven));
-      _mm256_storeu_ps(layout.gainRe[lag - 1] + 2 * m, _mm256_moveldup_ps(g));
-      _mm256_storeu_ps(layout.gainIm[lag - 1] + 2 * m, _mm256_xor_ps(_mm256_movehdup_ps(g), signEven));
+      // (c.re, c.re) of each entry beside (g.re, g.re), and the imaginary parts: the unpacks give
+      // entries (m, m+2) and (m+1, m+3).
+      const __m256 cr = _mm256_moveldup_ps(c), gr = _mm256_moveldup_ps(g);
+      const __m256 ci = _mm256_xor_ps(_mm256_movehdup_ps(c), signEven), gi = _mm256_xor_ps(_mm256_movehdup_ps(g), signEven);
+      const __m256 rEven = _mm256_castpd_ps(_mm256_unpacklo_pd(_mm256_castps_pd(cr), _mm256_castps_pd(gr)));
+      const __m256 rOdd = _mm256_castpd_ps(_mm256_unpackhi_pd(_mm256_castps_pd(cr), _mm256_castps_pd(gr)));
+      const __m256 iEven = _mm256_castpd_ps(_mm256_unpacklo_pd(_mm256_castps_pd(ci), _mm256_castps_pd(gi)));
+      const __m256 iOdd = _mm256_castpd_ps(_mm256_unpackhi_pd(_mm256_castps_pd(ci), _mm256_castps_pd(gi)));
+      float* re = layout.corrRe[lag - 1] + 4 * m;
+      float* im = layout.corrIm[lag - 1] + 4 * m;
+      _mm256_storeu_ps(re, _mm256_permute2f128_ps(rEven, rOdd, 0x20));
+      _mm256_storeu_ps(re + 8, _mm256_permute2f128_ps(rEven, rOdd, 0x31));
+      _mm256_storeu_ps(im, _mm256_permute2f128_ps(iEven, iOdd, 0x20));
+      _mm256_storeu_ps(im + 8, _mm256_permute2f128_ps(iEven, iOdd, 0x31));
     }
   }
   // Decision targets of entries m .. m+3: the QPSK ones four at a time, as DecisionTarget forms them.
@@ -252,7 +279,8 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
     }
   }
   for (int32_t m = m0; m <= n - 5; ++m) {
-    if ((m & 3) != pass.pilotPhase) Store(layout.targets, m, DecisionTarget(Load(pass.oldest, 3 * m), Load(in, m), bits));
+    const bool adapts = (m & 3) != pass.pilotPhase;
+    Store(layout.targets, m, adapts ? DecisionTarget(Load(pass.oldest, 3 * m), Load(in, m), bits) : Cx{0.0f, 0.0f});
   }
 }
 
@@ -281,19 +309,18 @@ __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPas
     const __m256 prod0 = _mm256_add_ps(_mm256_mul_ps(ar0, before20), _mm256_mul_ps(ai0, _mm256_permute_ps(before20, _MM_SHUFFLE(2, 3, 0, 1))));
     const __m256 prod1 = _mm256_add_ps(_mm256_mul_ps(ar1, before21), _mm256_mul_ps(ai1, _mm256_permute_ps(before21, _MM_SHUFFLE(2, 3, 0, 1))));
     const __m128 q = TreeSumWindow(prod0, prod1, negativeZero);
-    const __m128 w = _mm_add_ps(_mm_add_ps(q, ProductPairs(layout.corrRe[1] + at, layout.corrIm[1] + at, err2, swapped2)),
-                                ProductPairs(layout.corrRe[0] + at, layout.corrIm[0] + at, err1, swapped1));
-    _mm_storel_pi(reinterpret_cast<__m64*>(out + at), w);
+    // The target of a pilot entry is not laid out; its error lanes are not used.
+    const __m128 s = _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q));
+    const __m128 both = OutputAndError(layout, m, q, s, err1, swapped1, err2, swapped2);
+    _mm_storel_pi(reinterpret_cast<__m64*>(out + at), both);
     before20 = before10;
     before21 = before11;
     before10 = tp0;
     before11 = tp1;
     __m128 err = _mm_setzero_ps(), swapped = err;
     if ((m & 3) != pilotPhase) {  // carrier 3*m of the oldest symbol is no pilot
-      const __m128 s = _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q));
-      err = _mm_add_ps(_mm_add_ps(s, ProductPairs(layout.gainRe[1] + at, layout.gainIm[1] + at, err2, swapped2)),
-                       ProductPairs(layout.gainRe[0] + at, layout.gainIm[0] + at, err1, swapped1));
-      swapped = _mm_shuffle_ps(err, err, _MM_SHUFFLE(2, 3, 0, 1));
+      err = _mm_shuffle_ps(both, both, _MM_SHUFFLE(3, 2, 3, 2));
+      swapped = _mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3));
       // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er))
       const __m256 er = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(err)));
       const __m256 ei = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(_mm_xor_ps(swapped, signAll))));
