@@ -35,19 +35,6 @@ struct RowLayout {
   alignas(32) float targets[ROW_FLOATS];
 };
 
-// One entry's correlation into the layout, as the vector passes store it.
-void StoreCorrelation(RowLayout& layout, int32_t lag, int32_t m, Cx c, float negativeStep) {
-  const Cx g = negativeStep * c;
-  float* re = layout.corrRe[lag - 1] + 4 * m;
-  float* im = layout.corrIm[lag - 1] + 4 * m;
-  re[0] = re[1] = c.re;
-  re[2] = re[3] = g.re;
-  im[0] = -c.im;
-  im[1] = c.im;
-  im[2] = -g.im;
-  im[3] = g.im;
-}
-
 __attribute__((target("sse2"))) inline __m128 LoadPair(const float* at) {
   return _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(at)));
 }
@@ -60,13 +47,14 @@ __attribute__((target("sse2"))) inline __m128 ProductPairs(const float* re, cons
 
 // The output (lanes 0, 1) and the error (lanes 2, 3) of entry m from the tap product q, the
 // target-side term s (lanes 0, 1) and the errors of the two entries before, each as (re, im, re,
-// im) and swapped: (x + p2) + p1.
-__attribute__((target("sse2"))) inline __m128 OutputAndError(const RowLayout& layout, int32_t m, __m128 q, __m128 s, __m128 err1,
-                                                             __m128 swapped1, __m128 err2, __m128 swapped2) {
-  const __m128 x = _mm_movelh_ps(q, s);
-  const __m128 p2 = ProductPairs(layout.corrRe[1] + 4 * m, layout.corrIm[1] + 4 * m, err2, swapped2);
-  const __m128 p1 = ProductPairs(layout.corrRe[0] + 4 * m, layout.corrIm[0] + 4 * m, err1, swapped1);
-  return _mm_add_ps(_mm_add_ps(x, p2), p1);
+// im) and swapped: (x + p2) + p1, each term only if that entry adapted.
+__attribute__((target("sse2"), always_inline)) inline __m128 OutputAndError(bool adapted1, bool adapted2, const RowLayout& layout, int32_t m,
+                                                                            __m128 q, __m128 s, __m128 err1, __m128 swapped1, __m128 err2,
+                                                                            __m128 swapped2) {
+  __m128 x = _mm_movelh_ps(q, s);
+  if (adapted2) x = _mm_add_ps(x, ProductPairs(layout.corrRe[1] + 4 * m, layout.corrIm[1] + 4 * m, err2, swapped2));
+  if (adapted1) x = _mm_add_ps(x, ProductPairs(layout.corrRe[0] + 4 * m, layout.corrIm[0] + 4 * m, err1, swapped1));
+  return x;
 }
 
 // a * b for the two complex values of each register.
@@ -110,7 +98,6 @@ __attribute__((target("sse2"))) void LayOutRowSse2(RowLayout& layout, const floa
     }
     for (; j < n; ++j) Store(lags, j, MulConj(Load(in, j), Load(in, j - lag)));
     for (j = n; j < n + 4; ++j) Store(lags, j, Cx{0.0f, 0.0f});
-    for (int32_t m = 3; m < 3 + lag; ++m) StoreCorrelation(layout, lag, m, Cx{0.0f, 0.0f}, negativeStep);
     for (int32_t m = 3 + lag; m <= n - 5; m += 2) {
       const float* q = lags + 2 * (m - 3);
       __m128 p[7];
@@ -149,8 +136,10 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
   for (int32_t v = 0; v < 3; ++v) tp[v] = _mm_loadu_ps(pass.taps + 4 * v);
   tp[3] = _mm_setr_ps(pass.taps[12], pass.taps[13], 0.0f, 0.0f);
   __m128 before1[4] = {tp[0], tp[1], tp[2], tp[3]}, before2[4] = {tp[0], tp[1], tp[2], tp[3]};
-  // The errors of the two entries before, and each swapped (im, re).
+  // The errors of the two entries before, each as (re, im, re, im) and swapped, and whether they
+  // adapted.
   __m128 err1 = _mm_setzero_ps(), swapped1 = err1, err2 = err1, swapped2 = err1;
+  bool adapted1 = false, adapted2 = false;
   for (int32_t m = 3; m <= n - 5; ++m) {
     // Entries m-3 .. m+4; m+4 <= n-1 stays inside the row.
     const float* row = pass.in + 2 * (m - 3);
@@ -168,7 +157,7 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
       const Cx target = DecisionTarget(Load(pass.oldest, 3 * m), Load(pass.in, m), pass.bitsPerCarrier);
       s = _mm_mul_ps(step, _mm_sub_ps(_mm_setr_ps(target.re, target.im, 0.0f, 0.0f), q));
     }
-    const __m128 both = OutputAndError(layout, m, q, s, err1, swapped1, err2, swapped2);
+    const __m128 both = OutputAndError(adapted1, adapted2, layout, m, q, s, err1, swapped1, err2, swapped2);
     _mm_storel_pi(reinterpret_cast<__m64*>(pass.out + 2 * m), both);
     __m128 err = _mm_setzero_ps(), swapped = err;
     if (adapts) {
@@ -185,8 +174,10 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
     }
     err2 = err1;
     swapped2 = swapped1;
+    adapted2 = adapted1;
     err1 = err;
     swapped1 = swapped;
+    adapted1 = adapts;
   }
   for (int32_t v = 0; v < 3; ++v) _mm_storeu_ps(pass.taps + 4 * v, tp[v]);
   pass.taps[12] = _mm_cvtss_f32(tp[3]);
@@ -238,7 +229,6 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
     }
     for (; j < n; ++j) Store(lags, j, MulConj(Load(in, j), Load(in, j - lag)));
     for (j = n; j < n + 8; ++j) Store(lags, j, Cx{0.0f, 0.0f});
-    for (int32_t m = 3; m < 3 + lag; ++m) StoreCorrelation(layout, lag, m, Cx{0.0f, 0.0f}, negativeStep);
     // Entries m .. m+3; the windows past the last filtered entry read the zeros.
     for (int32_t m = 3 + lag; m <= n - 5; m += 4) {
       const float* q = lags + 2 * (m - 3);
@@ -286,55 +276,88 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
 
 }  // namespace
 
+namespace {
+
+// The state carried from entry to entry: the taps (0, 1, 2, 3) and (4, 5, 6, pad) now, one
+// adaption behind and two behind; the errors of the two entries before, each as (re, im, re, im)
+// and swapped.
+struct ChainAvx2 {
+  __m256 taps0, taps1, before10, before11, before20, before21;
+  __m128 err1, swapped1, err2, swapped2;
+};
+
+// One entry m. Whether it adapts and whether the two before it did are constants where the caller
+// unrolls a pilot period, so that no product with an error that is not there is formed.
+__attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool adapts, bool adapted1, bool adapted2, ChainAvx2& c,
+                                                                           const RowLayout& layout, float* out, int32_t m, __m128 step) {
+  const int32_t b = 2 * (m - 3), at = 2 * m;
+  const __m256 ar0 = _mm256_loadu_ps(layout.re2 + b), ar1 = _mm256_loadu_ps(layout.re2 + b + 8);
+  const __m256 ai0 = _mm256_loadu_ps(layout.im2 + b), ai1 = _mm256_loadu_ps(layout.im2 + b + 8);
+  // in * taps: (ar tr + (-ai) ti, ar ti + ai tr)
+  const __m256 prod0 = _mm256_add_ps(_mm256_mul_ps(ar0, c.before20), _mm256_mul_ps(ai0, _mm256_permute_ps(c.before20, _MM_SHUFFLE(2, 3, 0, 1))));
+  const __m256 prod1 = _mm256_add_ps(_mm256_mul_ps(ar1, c.before21), _mm256_mul_ps(ai1, _mm256_permute_ps(c.before21, _MM_SHUFFLE(2, 3, 0, 1))));
+  const __m128 q = TreeSumWindow(prod0, prod1, _mm256_set1_ps(-0.0f));
+  // A pilot entry forms its output only; its error lanes are not used.
+  const __m128 s = adapts ? _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q)) : q;
+  const __m128 both = OutputAndError(adapted1, adapted2, layout, m, q, s, c.err1, c.swapped1, c.err2, c.swapped2);
+  _mm_storel_pi(reinterpret_cast<__m64*>(out + at), both);
+  c.before20 = c.before10;
+  c.before21 = c.before11;
+  c.before10 = c.taps0;
+  c.before11 = c.taps1;
+  c.err2 = c.err1;
+  c.swapped2 = c.swapped1;
+  if (!adapts) return;
+  c.err1 = _mm_shuffle_ps(both, both, _MM_SHUFFLE(3, 2, 3, 2));
+  c.swapped1 = _mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3));
+  // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er))
+  const __m256 er = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(c.err1)));
+  const __m256 ei = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(_mm_xor_ps(c.swapped1, _mm_set1_ps(-0.0f)))));
+  c.taps0 = _mm256_add_ps(c.taps0, _mm256_add_ps(_mm256_mul_ps(ar0, er), _mm256_mul_ps(ai0, ei)));
+  c.taps1 = _mm256_add_ps(c.taps1, _mm256_add_ps(_mm256_mul_ps(ar1, er), _mm256_mul_ps(ai1, ei)));
+}
+
+}  // namespace
+
 __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPass& pass) {
-  const __m256 negativeZero = _mm256_set1_ps(-0.0f);
-  const __m128 signAll = _mm_set1_ps(-0.0f);
   const __m128 step = _mm_set1_ps(pass.step);
-  float* out = pass.out;
   const int32_t n = pass.n, pilotPhase = pass.pilotPhase;
   RowLayout layout;
   LayOutRowAvx2(layout, pass);
 
-  // Taps (0, 1, 2, 3) and (4, 5, 6, 0): now, one adaption behind and two behind.
-  __m256 tp0 = _mm256_loadu_ps(pass.taps);
-  __m256 tp1 = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(pass.taps + 8)), LoadPair(pass.taps + 12), 1);
-  __m256 before10 = tp0, before11 = tp1, before20 = tp0, before21 = tp1;
-  // The errors of the two entries before, and each swapped (im, re).
-  __m128 err1 = _mm_setzero_ps(), swapped1 = err1, err2 = err1, swapped2 = err1;
-  for (int32_t m = 3; m <= n - 5; ++m) {
-    const int32_t b = 2 * (m - 3), at = 2 * m;
-    const __m256 ar0 = _mm256_loadu_ps(layout.re2 + b), ar1 = _mm256_loadu_ps(layout.re2 + b + 8);
-    const __m256 ai0 = _mm256_loadu_ps(layout.im2 + b), ai1 = _mm256_loadu_ps(layout.im2 + b + 8);
-    // in * taps: (ar tr + (-ai) ti, ar ti + ai tr)
-    const __m256 prod0 = _mm256_add_ps(_mm256_mul_ps(ar0, before20), _mm256_mul_ps(ai0, _mm256_permute_ps(before20, _MM_SHUFFLE(2, 3, 0, 1))));
-    const __m256 prod1 = _mm256_add_ps(_mm256_mul_ps(ar1, before21), _mm256_mul_ps(ai1, _mm256_permute_ps(before21, _MM_SHUFFLE(2, 3, 0, 1))));
-    const __m128 q = TreeSumWindow(prod0, prod1, negativeZero);
-    // The target of a pilot entry is not laid out; its error lanes are not used.
-    const __m128 s = _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q));
-    const __m128 both = OutputAndError(layout, m, q, s, err1, swapped1, err2, swapped2);
-    _mm_storel_pi(reinterpret_cast<__m64*>(out + at), both);
-    before20 = before10;
-    before21 = before11;
-    before10 = tp0;
-    before11 = tp1;
-    __m128 err = _mm_setzero_ps(), swapped = err;
-    if ((m & 3) != pilotPhase) {  // carrier 3*m of the oldest symbol is no pilot
-      err = _mm_shuffle_ps(both, both, _MM_SHUFFLE(3, 2, 3, 2));
-      swapped = _mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3));
-      // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er))
-      const __m256 er = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(err)));
-      const __m256 ei = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(_mm_xor_ps(swapped, signAll))));
-      tp0 = _mm256_add_ps(tp0, _mm256_add_ps(_mm256_mul_ps(ar0, er), _mm256_mul_ps(ai0, ei)));
-      tp1 = _mm256_add_ps(tp1, _mm256_add_ps(_mm256_mul_ps(ar1, er), _mm256_mul_ps(ai1, ei)));
-    }
-    err2 = err1;
-    swapped2 = swapped1;
-    err1 = err;
-    swapped1 = swapped;
+  ChainAvx2 c;
+  c.taps0 = _mm256_loadu_ps(pass.taps);
+  c.taps1 = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(pass.taps + 8)), LoadPair(pass.taps + 12), 1);
+  c.before10 = c.before20 = c.taps0;
+  c.before11 = c.before21 = c.taps1;
+  c.err1 = c.swapped1 = c.err2 = c.swapped2 = _mm_setzero_ps();
+  // Entry by entry up to the first that follows a pilot with an adapting entry before the pilot;
+  // then whole pilot periods (adapt, adapt, adapt, pilot); then the rest entry by entry.
+  int32_t m = 3;
+  bool adapted1 = false, adapted2 = false;
+  for (; m <= n - 5 && !(m >= 5 && (m & 3) == ((pilotPhase + 1) & 3)); ++m) {
+    const bool adapts = (m & 3) != pilotPhase;  // carrier 3*m of the oldest symbol is no pilot
+    FilterEntryAvx2(adapts, adapted1, adapted2, c, layout, pass.out, m, step);
+    adapted2 = adapted1;
+    adapted1 = adapts;
   }
-  _mm256_storeu_ps(pass.taps, tp0);
-  _mm_storeu_ps(pass.taps + 8, _mm256_castps256_ps128(tp1));
-  _mm_storel_pi(reinterpret_cast<__m64*>(pass.taps + 12), _mm256_extractf128_ps(tp1, 1));
+  for (; m + 3 <= n - 5; m += 4) {
+    FilterEntryAvx2(true, false, true, c, layout, pass.out, m, step);
+    FilterEntryAvx2(true, true, false, c, layout, pass.out, m + 1, step);
+    FilterEntryAvx2(true, true, true, c, layout, pass.out, m + 2, step);
+    FilterEntryAvx2(false, true, true, c, layout, pass.out, m + 3, step);
+    adapted1 = false;
+    adapted2 = true;
+  }
+  for (; m <= n - 5; ++m) {
+    const bool adapts = (m & 3) != pilotPhase;
+    FilterEntryAvx2(adapts, adapted1, adapted2, c, layout, pass.out, m, step);
+    adapted2 = adapted1;
+    adapted1 = adapts;
+  }
+  _mm256_storeu_ps(pass.taps, c.taps0);
+  _mm_storeu_ps(pass.taps + 8, _mm256_castps256_ps128(c.taps1));
+  _mm_storel_pi(reinterpret_cast<__m64*>(pass.taps + 12), _mm256_extractf128_ps(c.taps1, 1));
 }
 
 }  // namespace zfn
