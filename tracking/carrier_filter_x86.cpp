@@ -207,8 +207,13 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
   const __m256 signEven = _mm256_castsi256_ps(_mm256_set1_epi64x(static_cast<int64_t>(0x80000000u)));
   const __m256 signOdd = _mm256_castsi256_ps(_mm256_set1_epi64x(INT64_MIN));
   const __m256 negativeZero = _mm256_set1_ps(-0.0f);
-  const float negativeStep = -pass.step;
-  const __m256 gain = _mm256_set1_ps(negativeStep);
+  const float ns = -pass.step;
+  // The correlation c of an entry spread over four lanes times these gives (c.re, c.re, g.re,
+  // g.re) and (-c.im, c.im, -g.im, g.im) with g = -step c, each lane one exact or the same rounding.
+  const __m256 gainRe = _mm256_setr_ps(1.0f, 1.0f, ns, ns, 1.0f, 1.0f, ns, ns);
+  const __m256 gainIm = _mm256_setr_ps(-1.0f, 1.0f, -ns, ns, -1.0f, 1.0f, -ns, ns);
+  const __m256i spreadRe01 = _mm256_setr_epi32(0, 0, 0, 0, 2, 2, 2, 2), spreadRe23 = _mm256_setr_epi32(4, 4, 4, 4, 6, 6, 6, 6);
+  const __m256i spreadIm01 = _mm256_setr_epi32(1, 1, 1, 1, 3, 3, 3, 3), spreadIm23 = _mm256_setr_epi32(5, 5, 5, 5, 7, 7, 7, 7);
   const float* in = pass.in;
   const int32_t n = pass.n, bits = pass.bitsPerCarrier;
   int32_t j = 0;
@@ -224,8 +229,12 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
   }
   for (int32_t lag = 1; lag <= 2; ++lag) {
     float* lags = layout.lags;
+    // a * conj(b) = (a.re, a.re) * (b.re, -b.im) + (-a.im, a.im) * (-b.im, b.re), from the laid-out a.
     for (j = lag; j + 4 <= n; j += 4) {
-      _mm256_storeu_ps(lags + 2 * j, MulConjQuad(_mm256_loadu_ps(in + 2 * j), _mm256_loadu_ps(in + 2 * (j - lag)), signOdd));
+      const __m256 b = _mm256_xor_ps(_mm256_loadu_ps(in + 2 * (j - lag)), signOdd);
+      const __m256 product = _mm256_add_ps(_mm256_mul_ps(_mm256_loadu_ps(layout.re2 + 2 * j), b),
+                                           _mm256_mul_ps(_mm256_loadu_ps(layout.im2 + 2 * j), _mm256_permute_ps(b, _MM_SHUFFLE(2, 3, 0, 1))));
+      _mm256_storeu_ps(lags + 2 * j, product);
     }
     for (; j < n; ++j) Store(lags, j, MulConj(Load(in, j), Load(in, j - lag)));
     for (j = n; j < n + 8; ++j) Store(lags, j, Cx{0.0f, 0.0f});
@@ -236,21 +245,12 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
       for (int32_t k = 0; k < 7; ++k) p[k] = _mm256_loadu_ps(q + 2 * k);
       const __m256 c = _mm256_add_ps(_mm256_add_ps(_mm256_add_ps(p[0], p[4]), _mm256_add_ps(p[2], p[6])),
                                      _mm256_add_ps(_mm256_add_ps(p[1], p[5]), p[3]));
-      const __m256 g = _mm256_mul_ps(gain, c);
-      // (c.re, c.re) of each entry beside (g.re, g.re), and the imaginary parts: the unpacks give
-      // entries (m, m+2) and (m+1, m+3).
-      const __m256 cr = _mm256_moveldup_ps(c), gr = _mm256_moveldup_ps(g);
-      const __m256 ci = _mm256_xor_ps(_mm256_movehdup_ps(c), signEven), gi = _mm256_xor_ps(_mm256_movehdup_ps(g), signEven);
-      const __m256 rEven = _mm256_castpd_ps(_mm256_unpacklo_pd(_mm256_castps_pd(cr), _mm256_castps_pd(gr)));
-      const __m256 rOdd = _mm256_castpd_ps(_mm256_unpackhi_pd(_mm256_castps_pd(cr), _mm256_castps_pd(gr)));
-      const __m256 iEven = _mm256_castpd_ps(_mm256_unpacklo_pd(_mm256_castps_pd(ci), _mm256_castps_pd(gi)));
-      const __m256 iOdd = _mm256_castpd_ps(_mm256_unpackhi_pd(_mm256_castps_pd(ci), _mm256_castps_pd(gi)));
       float* re = layout.corrRe[lag - 1] + 4 * m;
       float* im = layout.corrIm[lag - 1] + 4 * m;
-      _mm256_storeu_ps(re, _mm256_permute2f128_ps(rEven, rOdd, 0x20));
-      _mm256_storeu_ps(re + 8, _mm256_permute2f128_ps(rEven, rOdd, 0x31));
-      _mm256_storeu_ps(im, _mm256_permute2f128_ps(iEven, iOdd, 0x20));
-      _mm256_storeu_ps(im + 8, _mm256_permute2f128_ps(iEven, iOdd, 0x31));
+      _mm256_storeu_ps(re, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadRe01), gainRe));
+      _mm256_storeu_ps(re + 8, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadRe23), gainRe));
+      _mm256_storeu_ps(im, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadIm01), gainIm));
+      _mm256_storeu_ps(im + 8, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadIm23), gainIm));
     }
   }
   // Decision targets of entries m .. m+3: the QPSK ones four at a time, as DecisionTarget forms them.
