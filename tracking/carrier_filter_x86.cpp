@@ -279,11 +279,10 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
 namespace {
 
 // The state carried from entry to entry: the taps (0, 1, 2, 3) and (4, 5, 6, pad) now, one
-// adaption behind and two behind; the errors of the two entries before, each as (re, im, re, im)
-// and swapped.
+// adaption behind and two behind; the errors of the two entries before, each as (re, im, re, im).
 struct ChainAvx2 {
   __m256 taps0, taps1, before10, before11, before20, before21;
-  __m128 err1, swapped1, err2, swapped2;
+  __m128 err1, err2;
 };
 
 // One entry m. Whether it adapts and whether the two before it did are constants where the caller
@@ -299,20 +298,20 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
   const __m128 q = TreeSumWindow(prod0, prod1, _mm256_set1_ps(-0.0f));
   // A pilot entry forms its output only; its error lanes are not used.
   const __m128 s = adapts ? _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q)) : q;
-  const __m128 both = OutputAndError(adapted1, adapted2, layout, m, q, s, c.err1, c.swapped1, c.err2, c.swapped2);
+  const __m128 both = OutputAndError(adapted1, adapted2, layout, m, q, s, c.err1, _mm_shuffle_ps(c.err1, c.err1, _MM_SHUFFLE(2, 3, 0, 1)), c.err2,
+                                     _mm_shuffle_ps(c.err2, c.err2, _MM_SHUFFLE(2, 3, 0, 1)));
   _mm_storel_pi(reinterpret_cast<__m64*>(out + at), both);
   c.before20 = c.before10;
   c.before21 = c.before11;
   c.before10 = c.taps0;
   c.before11 = c.taps1;
   c.err2 = c.err1;
-  c.swapped2 = c.swapped1;
   if (!adapts) return;
   c.err1 = _mm_shuffle_ps(both, both, _MM_SHUFFLE(3, 2, 3, 2));
-  c.swapped1 = _mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3));
+  const __m128 swapped = _mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3));
   // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er))
   const __m256 er = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(c.err1)));
-  const __m256 ei = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(_mm_xor_ps(c.swapped1, _mm_set1_ps(-0.0f)))));
+  const __m256 ei = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(_mm_xor_ps(swapped, _mm_set1_ps(-0.0f)))));
   c.taps0 = _mm256_add_ps(c.taps0, _mm256_add_ps(_mm256_mul_ps(ar0, er), _mm256_mul_ps(ai0, ei)));
   c.taps1 = _mm256_add_ps(c.taps1, _mm256_add_ps(_mm256_mul_ps(ar1, er), _mm256_mul_ps(ai1, ei)));
 }
@@ -330,7 +329,7 @@ __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPas
   c.taps1 = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(pass.taps + 8)), LoadPair(pass.taps + 12), 1);
   c.before10 = c.before20 = c.taps0;
   c.before11 = c.before21 = c.taps1;
-  c.err1 = c.swapped1 = c.err2 = c.swapped2 = _mm_setzero_ps();
+  c.err1 = c.err2 = _mm_setzero_ps();
   // Entry by entry up to the first that follows a pilot with an adapting entry before the pilot;
   // then whole pilot periods (adapt, adapt, adapt, pilot); then the rest entry by entry.
   int32_t m = 3;
