@@ -3,10 +3,13 @@
 // the same order; a - b is computed as a + (-b), which is exact in IEEE arithmetic. Both variants
 // first lay out, once per row, everything that does not depend on the taps: the real parts of the
 // row duplicated and the imaginary parts as (-im, im), so that a product with the taps is two
-// multiplications and one addition; the correlations of every window with the windows one and two
-// entries before, as (re, re) and (-im, im) pairs, plain and times -step; and (AVX2) the QPSK
-// decision targets. The chain from entry to entry then holds the error's two complex
-// multiply-adds only, and the taps it multiplies are those of three entries back.
+// multiplications and one addition; the correlations c of every window with the windows one and
+// two entries before, beside g = -step c, so that an entry's output (lanes 0, 1) and error (lanes
+// 2, 3) are formed side by side in one register; and (AVX2) the QPSK decision targets. The chain
+// from entry to entry then holds one complex multiply-add and one addition, and the taps an entry's
+// window multiplies are those from before the two entries before it. The AVX2 variant runs whole
+// pilot periods (adapt, adapt, adapt, pilot) unrolled, so that it neither branches on the pilot
+// nor forms products with the error of an entry that did not adapt.
 #if defined(__x86_64__) || defined(__i386__)
 
 #include <immintrin.h>
