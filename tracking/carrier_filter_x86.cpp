@@ -60,15 +60,6 @@ __attribute__((target("sse2"), always_inline)) inline __m128 OutputAndError(bool
   return x;
 }
 
-// a * b for the two complex values of each register.
-__attribute__((target("sse2"))) inline __m128 MulPairs(__m128 a, __m128 b, __m128 signEven) {
-  const __m128 ar = _mm_shuffle_ps(a, a, _MM_SHUFFLE(2, 2, 0, 0));
-  const __m128 ai = _mm_shuffle_ps(a, a, _MM_SHUFFLE(3, 3, 1, 1));
-  const __m128 bs = _mm_shuffle_ps(b, b, _MM_SHUFFLE(2, 3, 0, 1));
-  // (ar br - ai bi, ar bi + ai br)
-  return _mm_add_ps(_mm_mul_ps(ar, b), _mm_xor_ps(_mm_mul_ps(ai, bs), signEven));
-}
-
 // The tree of seven products held two per register in v[0..3], the pad of v[3] still to be set:
 // lanes 0 and 1 of the result. The pad is -0, which leaves p3 exactly as it is (x + -0 = x).
 __attribute__((target("sse2"))) inline __m128 TreeSumPairs(const __m128 (&v)[4], __m128 lowPair, __m128 negativeZeroHigh) {
@@ -125,9 +116,8 @@ __attribute__((target("sse2"))) void LayOutRowSse2(RowLayout& layout, const floa
 }  // namespace
 
 __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPass& pass) {
-  const __m128 signEven = _mm_castsi128_ps(_mm_set_epi32(0, INT32_MIN, 0, INT32_MIN));
-  const __m128 signOdd = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, 0, INT32_MIN, 0));
   const __m128 lowPair = _mm_castsi128_ps(_mm_set_epi32(0, 0, -1, -1));
+  const __m128 negativeZero = _mm_set1_ps(-0.0f);
   const __m128 negativeZeroHigh = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, INT32_MIN, 0, 0));
   const __m128 step = _mm_set1_ps(pass.step);
   const int32_t n = pass.n;
@@ -144,11 +134,15 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
   __m128 err1 = _mm_setzero_ps(), swapped1 = err1, err2 = err1, swapped2 = err1;
   bool adapted1 = false, adapted2 = false;
   for (int32_t m = 3; m <= n - 5; ++m) {
-    // Entries m-3 .. m+4; m+4 <= n-1 stays inside the row.
-    const float* row = pass.in + 2 * (m - 3);
-    __m128 in[4], prod[4];
-    for (int32_t v = 0; v < 4; ++v) in[v] = _mm_loadu_ps(row + 4 * v);
-    for (int32_t v = 0; v < 4; ++v) prod[v] = MulPairs(in[v], before2[v], signEven);
+    // Entries m-3 .. m+4 laid out; m+4 <= n-1 stays inside the row. in * taps: (ar tr + (-ai) ti,
+    // ar ti + ai tr)
+    const int32_t b = 2 * (m - 3);
+    __m128 ar[4], ai[4], prod[4];
+    for (int32_t v = 0; v < 4; ++v) {
+      ar[v] = _mm_loadu_ps(layout.re2 + b + 4 * v);
+      ai[v] = _mm_loadu_ps(layout.im2 + b + 4 * v);
+      prod[v] = _mm_add_ps(_mm_mul_ps(ar[v], before2[v]), _mm_mul_ps(ai[v], _mm_shuffle_ps(before2[v], before2[v], _MM_SHUFFLE(2, 3, 0, 1))));
+    }
     const __m128 q = TreeSumPairs(prod, lowPair, negativeZeroHigh);
     for (int32_t v = 0; v < 4; ++v) {
       before2[v] = before1[v];
@@ -166,14 +160,9 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
     if (adapts) {
       err = _mm_shuffle_ps(both, both, _MM_SHUFFLE(3, 2, 3, 2));
       swapped = _mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3));
-      // taps + conj(in) * err: (ir er + ii ei, ir ei - ii er)
-      const __m128 er = err;
-      const __m128 ei = swapped;
-      for (int32_t v = 0; v < 4; ++v) {
-        const __m128 ar = _mm_shuffle_ps(in[v], in[v], _MM_SHUFFLE(2, 2, 0, 0));
-        const __m128 ai = _mm_shuffle_ps(in[v], in[v], _MM_SHUFFLE(3, 3, 1, 1));
-        tp[v] = _mm_add_ps(tp[v], _mm_add_ps(_mm_mul_ps(ar, er), _mm_xor_ps(_mm_mul_ps(ai, ei), signOdd)));
-      }
+      // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er))
+      const __m128 ei = _mm_xor_ps(swapped, negativeZero);
+      for (int32_t v = 0; v < 4; ++v) tp[v] = _mm_add_ps(tp[v], _mm_add_ps(_mm_mul_ps(ar[v], err), _mm_mul_ps(ai[v], ei)));
     }
     err2 = err1;
     swapped2 = swapped1;
