@@ -69,14 +69,25 @@ __attribute__((target("sse2"))) inline __m128 TreeSumPairs(const __m128 (&v)[4],
 }
 
 // The correlations of one lag, two entries per register, and the row's duplicated parts.
-__attribute__((target("sse2"))) void LayOutRowSse2(RowLayout& layout, const float* in, int32_t n, float negativeStep) {
+__attribute__((target("sse2"))) void LayOutRowSse2(RowLayout& layout, const CarrierFilterPass& pass) {
   const __m128 signEven = _mm_castsi128_ps(_mm_set_epi32(0, INT32_MIN, 0, INT32_MIN));
   const __m128 signOdd = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, 0, INT32_MIN, 0));
-  const __m128 gain = _mm_set1_ps(negativeStep);
-  for (int32_t j = 0; j < n; ++j) {
-    layout.re2[2 * j] = layout.re2[2 * j + 1] = in[2 * j];
-    layout.im2[2 * j] = -in[2 * j + 1];
-    layout.im2[2 * j + 1] = in[2 * j + 1];
+  const __m128 gain = _mm_set1_ps(-pass.step);
+  const float* in = pass.in;
+  const int32_t n = pass.n;
+  for (int32_t j = 0; j + 2 <= n; j += 2) {
+    const __m128 a = _mm_loadu_ps(in + 2 * j);
+    _mm_store_ps(layout.re2 + 2 * j, _mm_shuffle_ps(a, a, _MM_SHUFFLE(2, 2, 0, 0)));
+    _mm_store_ps(layout.im2 + 2 * j, _mm_xor_ps(_mm_shuffle_ps(a, a, _MM_SHUFFLE(3, 3, 1, 1)), signEven));
+  }
+  if (n % 2 != 0) {
+    layout.re2[2 * n - 2] = layout.re2[2 * n - 1] = in[2 * n - 2];
+    layout.im2[2 * n - 2] = -in[2 * n - 1];
+    layout.im2[2 * n - 1] = in[2 * n - 1];
+  }
+  for (int32_t m = 3; m <= n - 5; ++m) {
+    const bool adapts = (m & 3) != pass.pilotPhase;
+    Store(layout.targets, m, adapts ? DecisionTarget(Load(pass.oldest, 3 * m), Load(in, m), pass.bitsPerCarrier) : Cx{0.0f, 0.0f});
   }
   for (int32_t lag = 1; lag <= 2; ++lag) {
     float* lags = layout.lags;
@@ -113,67 +124,84 @@ __attribute__((target("sse2"))) void LayOutRowSse2(RowLayout& layout, const floa
   }
 }
 
+// The state carried from entry to entry: the taps two per register now, one adaption behind and
+// two behind (tap 7 is never stored); the errors of the two entries before, as (re, im, re, im).
+struct ChainSse2 {
+  __m128 taps[4], before1[4], before2[4];
+  __m128 err1, err2;
+};
+
+// One entry m, as FilterEntryAvx2 below.
+__attribute__((target("sse2"), always_inline)) inline void FilterEntrySse2(bool adapts, bool adapted1, bool adapted2, ChainSse2& c,
+                                                                           const RowLayout& layout, float* out, int32_t m, __m128 step) {
+  const __m128 lowPair = _mm_castsi128_ps(_mm_set_epi32(0, 0, -1, -1));
+  const __m128 negativeZeroHigh = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, INT32_MIN, 0, 0));
+  // Entries m-3 .. m+4 laid out; m+4 <= n-1 stays inside the row. in * taps: (ar tr + (-ai) ti,
+  // ar ti + ai tr)
+  const int32_t b = 2 * (m - 3);
+  __m128 ar[4], ai[4], prod[4];
+  for (int32_t v = 0; v < 4; ++v) {
+    ar[v] = _mm_loadu_ps(layout.re2 + b + 4 * v);
+    ai[v] = _mm_loadu_ps(layout.im2 + b + 4 * v);
+    prod[v] = _mm_add_ps(_mm_mul_ps(ar[v], c.before2[v]), _mm_mul_ps(ai[v], _mm_shuffle_ps(c.before2[v], c.before2[v], _MM_SHUFFLE(2, 3, 0, 1))));
+  }
+  const __m128 q = TreeSumPairs(prod, lowPair, negativeZeroHigh);
+  // A pilot entry forms its output only; its error lanes are not used.
+  const __m128 s = adapts ? _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + 2 * m), q)) : q;
+  const __m128 both = OutputAndError(adapted1, adapted2, layout, m, q, s, c.err1, _mm_shuffle_ps(c.err1, c.err1, _MM_SHUFFLE(2, 3, 0, 1)),
+                                     c.err2, _mm_shuffle_ps(c.err2, c.err2, _MM_SHUFFLE(2, 3, 0, 1)));
+  _mm_storel_pi(reinterpret_cast<__m64*>(out + 2 * m), both);
+  for (int32_t v = 0; v < 4; ++v) {
+    c.before2[v] = c.before1[v];
+    c.before1[v] = c.taps[v];
+  }
+  c.err2 = c.err1;
+  if (!adapts) return;
+  c.err1 = _mm_shuffle_ps(both, both, _MM_SHUFFLE(3, 2, 3, 2));
+  // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er))
+  const __m128 ei = _mm_xor_ps(_mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3)), _mm_set1_ps(-0.0f));
+  for (int32_t v = 0; v < 4; ++v) c.taps[v] = _mm_add_ps(c.taps[v], _mm_add_ps(_mm_mul_ps(ar[v], c.err1), _mm_mul_ps(ai[v], ei)));
+}
+
 }  // namespace
 
 __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPass& pass) {
-  const __m128 lowPair = _mm_castsi128_ps(_mm_set_epi32(0, 0, -1, -1));
-  const __m128 negativeZero = _mm_set1_ps(-0.0f);
-  const __m128 negativeZeroHigh = _mm_castsi128_ps(_mm_set_epi32(INT32_MIN, INT32_MIN, 0, 0));
   const __m128 step = _mm_set1_ps(pass.step);
-  const int32_t n = pass.n;
+  const int32_t n = pass.n, pilotPhase = pass.pilotPhase;
   RowLayout layout;
-  LayOutRowSse2(layout, pass.in, n, -pass.step);
+  LayOutRowSse2(layout, pass);
 
-  // Taps now, one adaption behind and two behind; tap 7 is never stored.
-  __m128 tp[4];
-  for (int32_t v = 0; v < 3; ++v) tp[v] = _mm_loadu_ps(pass.taps + 4 * v);
-  tp[3] = _mm_setr_ps(pass.taps[12], pass.taps[13], 0.0f, 0.0f);
-  __m128 before1[4] = {tp[0], tp[1], tp[2], tp[3]}, before2[4] = {tp[0], tp[1], tp[2], tp[3]};
-  // The errors of the two entries before, each as (re, im, re, im) and swapped, and whether they
-  // adapted.
-  __m128 err1 = _mm_setzero_ps(), swapped1 = err1, err2 = err1, swapped2 = err1;
+  ChainSse2 c;
+  for (int32_t v = 0; v < 3; ++v) c.taps[v] = _mm_loadu_ps(pass.taps + 4 * v);
+  c.taps[3] = _mm_setr_ps(pass.taps[12], pass.taps[13], 0.0f, 0.0f);
+  for (int32_t v = 0; v < 4; ++v) c.before1[v] = c.before2[v] = c.taps[v];
+  c.err1 = c.err2 = _mm_setzero_ps();
+  // As FilterCarrierRowAvx2 below: single entries, whole pilot periods, single entries.
+  int32_t m = 3;
   bool adapted1 = false, adapted2 = false;
-  for (int32_t m = 3; m <= n - 5; ++m) {
-    // Entries m-3 .. m+4 laid out; m+4 <= n-1 stays inside the row. in * taps: (ar tr + (-ai) ti,
-    // ar ti + ai tr)
-    const int32_t b = 2 * (m - 3);
-    __m128 ar[4], ai[4], prod[4];
-    for (int32_t v = 0; v < 4; ++v) {
-      ar[v] = _mm_loadu_ps(layout.re2 + b + 4 * v);
-      ai[v] = _mm_loadu_ps(layout.im2 + b + 4 * v);
-      prod[v] = _mm_add_ps(_mm_mul_ps(ar[v], before2[v]), _mm_mul_ps(ai[v], _mm_shuffle_ps(before2[v], before2[v], _MM_SHUFFLE(2, 3, 0, 1))));
-    }
-    const __m128 q = TreeSumPairs(prod, lowPair, negativeZeroHigh);
-    for (int32_t v = 0; v < 4; ++v) {
-      before2[v] = before1[v];
-      before1[v] = tp[v];
-    }
-    const bool adapts = (m & 3) != pass.pilotPhase;  // carrier 3*m of the oldest symbol is no pilot
-    __m128 s = _mm_setzero_ps();
-    if (adapts) {
-      const Cx target = DecisionTarget(Load(pass.oldest, 3 * m), Load(pass.in, m), pass.bitsPerCarrier);
-      s = _mm_mul_ps(step, _mm_sub_ps(_mm_setr_ps(target.re, target.im, 0.0f, 0.0f), q));
-    }
-    const __m128 both = OutputAndError(adapted1, adapted2, layout, m, q, s, err1, swapped1, err2, swapped2);
-    _mm_storel_pi(reinterpret_cast<__m64*>(pass.out + 2 * m), both);
-    __m128 err = _mm_setzero_ps(), swapped = err;
-    if (adapts) {
-      err = _mm_shuffle_ps(both, both, _MM_SHUFFLE(3, 2, 3, 2));
-      swapped = _mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3));
-      // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er))
-      const __m128 ei = _mm_xor_ps(swapped, negativeZero);
-      for (int32_t v = 0; v < 4; ++v) tp[v] = _mm_add_ps(tp[v], _mm_add_ps(_mm_mul_ps(ar[v], err), _mm_mul_ps(ai[v], ei)));
-    }
-    err2 = err1;
-    swapped2 = swapped1;
+  for (; m <= n - 5 && !(m >= 5 && (m & 3) == ((pilotPhase + 1) & 3)); ++m) {
+    const bool adapts = (m & 3) != pilotPhase;  // carrier 3*m of the oldest symbol is no pilot
+    FilterEntrySse2(adapts, adapted1, adapted2, c, layout, pass.out, m, step);
     adapted2 = adapted1;
-    err1 = err;
-    swapped1 = swapped;
     adapted1 = adapts;
   }
-  for (int32_t v = 0; v < 3; ++v) _mm_storeu_ps(pass.taps + 4 * v, tp[v]);
-  pass.taps[12] = _mm_cvtss_f32(tp[3]);
-  pass.taps[13] = _mm_cvtss_f32(_mm_shuffle_ps(tp[3], tp[3], _MM_SHUFFLE(1, 1, 1, 1)));
+  for (; m + 3 <= n - 5; m += 4) {
+    FilterEntrySse2(true, false, true, c, layout, pass.out, m, step);
+    FilterEntrySse2(true, true, false, c, layout, pass.out, m + 1, step);
+    FilterEntrySse2(true, true, true, c, layout, pass.out, m + 2, step);
+    FilterEntrySse2(false, true, true, c, layout, pass.out, m + 3, step);
+    adapted1 = false;
+    adapted2 = true;
+  }
+  for (; m <= n - 5; ++m) {
+    const bool adapts = (m & 3) != pilotPhase;
+    FilterEntrySse2(adapts, adapted1, adapted2, c, layout, pass.out, m, step);
+    adapted2 = adapted1;
+    adapted1 = adapts;
+  }
+  for (int32_t v = 0; v < 3; ++v) _mm_storeu_ps(pass.taps + 4 * v, c.taps[v]);
+  pass.taps[12] = _mm_cvtss_f32(c.taps[3]);
+  pass.taps[13] = _mm_cvtss_f32(_mm_shuffle_ps(c.taps[3], c.taps[3], _MM_SHUFFLE(1, 1, 1, 1)));
 }
 
 // Four complex values per AVX2 register. The seven entries of a window are held as (0, 1, 2, 3) and
