@@ -2,12 +2,15 @@
 // The adaptive filter across carriers: seven complex taps over the row of channel estimates on every
 // third carrier, adapted after each entry whose carrier is a data carrier of the oldest symbol. The
 // taps change from entry to entry, so the pass is one chain. To keep that chain short, an entry's
-// output is formed from the taps one adaption behind plus the last error times the lag-one
-// correlation of the row over the window, sum in(m)[k] conj(in(m-1)[k]): both sums lie off the
-// chain, which keeps one complex multiply-add, the subtraction from the target and the step. Every
-// sum of seven products is taken as ((p0 + p2) + (p4 + p6)) + ((p1 + p3) + p5), the tree that two
-// values per register give; the vector variants keep every product and sum of the scalar
-// reference in its order.
+// output is formed from the taps as they stood before the two entries before it, plus the errors
+// of those entries times the correlations of the row over the window with their windows,
+// c_l = sum in(m)[k] conj(in(m-l)[k]); the error, step * (target - output), is expanded the same
+// way: err(m) = (step (target - P) - step c2 err(m-2)) - step c1 err(m-1), the terms of entries
+// that did not adapt left out. The taps, their products and the correlations then lie off the
+// chain from entry to entry, which keeps one complex multiply-add and one addition. Every sum of
+// seven products is taken as ((p0 + p4) + (p2 + p6)) + ((p1 + p5) + p3), the tree that a window
+// held as entries (0..3) and (4..6, pad) gives; the vector variants keep every product and sum of
+// the scalar reference in its order.
 #include <cstdint>
 
 #include "numeric/vector_isa.h"
