@@ -313,7 +313,7 @@ int Run(int argc, char** argv) {
   }
   while (mapped && !out.failed && stopRequested == 0 && inputShrank == 0 && bytesRead < expectedBytes) {
     const size_t length = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(MAP_WINDOW), expectedBytes - bytesRead));
-    void* window = mmap(nullptr, length, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, static_cast<off_t>(bytesRead));
+    void* window = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd, static_cast<off_t>(bytesRead));
     if (window == MAP_FAILED) break;
     decoder.Feed(static_cast<const uint8_t*>(window), length);
     munmap(window, length);
