@@ -1,9 +1,9 @@
 // zfnisdbt decode: offline decoding of a capture (the device byte stream that capture files and
-// `zfnisdbt generate` write) through the synchronous driver, as fast as the processor goes. The file
-// is read in chunks; a summary goes to standard error, and with --json one JSON object to the last
-// line of standard output (of standard error when the stream itself goes to standard output).
-// A capture file is mapped a few blocks at a time and the engine converts each block where it lies
-// in the page cache; standard input and SDR recordings are read in chunks.
+// `zfnisdbt generate` write) through the synchronous driver, as fast as the processor goes. A capture
+// file is mapped one block at a time and the engine converts each block where it lies in the page
+// cache; standard input and SDR recordings are read in chunks. A summary goes to standard error, and
+// with --json one JSON object to the last line of standard output (of standard error when the stream
+// itself goes to standard output).
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
