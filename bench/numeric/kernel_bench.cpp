@@ -24,7 +24,7 @@ namespace zfn {
 namespace {
 
 constexpr int32_t ROTATED_SAMPLES = 1152;
-constexpr int32_t FILTER_ENTRIES = 145;
+constexpr int32_t FILTER_ENTRIES = 240;  // the row of the whole span of Mode 3 (720 carriers), as the engine filters it
 constexpr int32_t DATA_CARRIERS = 384;
 constexpr int32_t DATA_SPAN = 432;  // carriers of the segment, the scattered pilots among them
 
