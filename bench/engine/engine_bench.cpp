@@ -95,9 +95,10 @@ void PrintStageShares() {
   const auto& t = s.ticks;
   const double transform = static_cast<double>(t[STAGE_TRANSFORM_TRACKING]);
   const double estimation = static_cast<double>(t[STAGE_ESTIMATION]);
+  const double equalisation = static_cast<double>(t[STAGE_EQUALISATION]);
   const double rotation = static_cast<double>(t[STAGE_ROTATION]);
   const double timing = static_cast<double>(t[STAGE_TIMING]);
-  const double symbolRest = static_cast<double>(t[STAGE_PROCESS_SYMBOL]) - transform - estimation - rotation - timing;
+  const double symbolRest = static_cast<double>(t[STAGE_PROCESS_SYMBOL]) - transform - estimation - equalisation - rotation - timing;
   const double viterbi = static_cast<double>(t[STAGE_VITERBI]);
   const double byteStage = static_cast<double>(t[STAGE_BYTE_STAGE]);
   const double sinkRest = static_cast<double>(t[STAGE_SYMBOL_SINK]) - viterbi - byteStage;
@@ -110,7 +111,8 @@ void PrintStageShares() {
   };
   const Row rows[] = {
       {"transform (symbol DFT)", transform},
-      {"channel estimation and equalisation", estimation},
+      {"channel estimation (pilots, filters)", estimation},
+      {"interpolation and equalisation", equalisation},
       {"carrier rotation", rotation},
       {"timing loop", timing},
       {"rest of the symbol driver", symbolRest},

@@ -60,8 +60,8 @@ namespace zfn::bench {
 
 ZFN_TIMED_STAGE(void, EstimatePilots, (), (), STAGE_ESTIMATION)
 ZFN_TIMED_STAGE(void, FilterAcrossCarriers, (), (), STAGE_ESTIMATION)
-ZFN_TIMED_STAGE(void, InterpolateChannel, (), (), STAGE_ESTIMATION)
-ZFN_TIMED_STAGE(void, EqualiseCarriers, (), (), STAGE_ESTIMATION)
+ZFN_TIMED_STAGE(void, InterpolateChannel, (), (), STAGE_EQUALISATION)
+ZFN_TIMED_STAGE(void, EqualiseCarriers, (), (), STAGE_EQUALISATION)
 ZFN_TIMED_STAGE(void, TrackTiming, (), (), STAGE_TIMING)
 ZFN_TIMED_STAGE(void, RunByteStage, (), (), STAGE_BYTE_STAGE)
 ZFN_TIMED_STAGE(void, SymbolSink, (), (), STAGE_SYMBOL_SINK)

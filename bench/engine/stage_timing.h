@@ -9,7 +9,8 @@ enum StageClock : int {
   STAGE_TRANSFORM_TRACKING,  // the symbol transform inside ProcessSymbol
   STAGE_TRANSFORM_OTHER,     // transforms of acquisition
   STAGE_ROTATION,            // carrier rotator
-  STAGE_ESTIMATION,          // pilots, filters in time and across carriers, interpolation, equalisation
+  STAGE_ESTIMATION,          // channel estimation: pilots, filters in time and across carriers
+  STAGE_EQUALISATION,        // interpolation of the channel between the pilots, equalisation
   STAGE_TIMING,              // timing loop
   STAGE_PROCESS_SYMBOL,      // all of ProcessSymbol (inclusive)
   STAGE_VITERBI,
