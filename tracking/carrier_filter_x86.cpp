@@ -38,8 +38,9 @@ struct RowLayout {
   alignas(32) float targets[ROW_FLOATS];
 };
 
+// One complex value, the upper half zero. The load takes any alignment of a float.
 __attribute__((target("sse2"))) inline __m128 LoadPair(const float* at) {
-  return _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(at)));
+  return _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(at)));
 }
 
 // b * e as the reference forms it, from (b.re, b.re), (-b.im, b.im), e and e swapped, for the two

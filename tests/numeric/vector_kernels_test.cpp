@@ -238,7 +238,7 @@ std::string CompareGateSide(VectorIsa isa, Random& random, int trial) {
   for (float& s : sign) s = random.Below(2) ? 1.0f : -1.0f;
   std::vector<float> x = Noise(random, 2 * (3 * GATE_MAX_SPAN + 2), 20.0f);
   if (trial % 5 == 0) x[random.Below(static_cast<uint32_t>(x.size()))] = (trial & 2) ? NAN : INFINITY;
-  const int32_t inAt = direction > 0 ? GATE_MAX_SPAN : GATE_MAX_SPAN - 1, outAt = inAt + direction * GATE_MAX_SPAN;
+  const int32_t inAt = direction > 0 ? GATE_MAX_SPAN : 2 * GATE_MAX_SPAN + 1, outAt = inAt + direction * GATE_MAX_SPAN;
   const std::vector<float> rows = Noise(random, 2 * GATE_MAX_SPAN * GATE_CARRIERS, 30.0f);
   std::vector<float> reference = rows, vector = rows;
   std::vector<float> profileReference(2 * GATE_MAX_SPAN + 1, 5.0f), profileVector = profileReference;
