@@ -207,9 +207,23 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
 
 // Four complex values per AVX2 register. The seven entries of a window are held as (0, 1, 2, 3) and
 // (4, 5, 6, pad): the sum of the two registers gives (p0 + p4, p1 + p5 | p2 + p6, p3 + pad), the sum
-// of its halves the two inner sums of the tree, in the same order as above. The row is laid out
-// four entries at a time.
+// of its halves the two inner sums of the tree, in the same order as above. The error of an entry
+// is formed in all four complex lanes of a register at once, so that the tap update takes it as it
+// is; the correlations and gains it is multiplied with are then single floats broadcast as they
+// are loaded, and the layout holds them as plain complex values, four entries to a register.
 namespace {
+
+// The AVX2 layout, two floats per entry at 2m: the row as (re, re), (-im, im) and (-im, -im), the
+// correlations c of entry m's window with the windows one and two entries before, g = -step c, and
+// the decision targets.
+struct RowLayoutAvx2 {
+  alignas(32) float re2[ROW_FLOATS];
+  alignas(32) float im2[ROW_FLOATS];
+  alignas(32) float imNeg2[ROW_FLOATS];
+  alignas(32) float lags[ROW_FLOATS];  // row[j] * conj(row[j - lag]) at j, zeros past the row
+  alignas(32) float corr[2][ROW_FLOATS], gain[2][ROW_FLOATS];
+  alignas(32) float targets[ROW_FLOATS];
+};
 
 __attribute__((target("avx2"))) inline __m128 TreeSumWindow(__m256 first, __m256 second, __m256 negativeZero) {
   const __m256 sums = _mm256_add_ps(first, _mm256_blend_ps(second, negativeZero, 0xC0));
@@ -224,28 +238,24 @@ __attribute__((target("avx2"))) inline __m256 MulConjQuad(__m256 a, __m256 b, __
                        _mm256_mul_ps(_mm256_movehdup_ps(a), bs));
 }
 
-__attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const CarrierFilterPass& pass) {
+__attribute__((target("avx2"))) void LayOutRowAvx2(RowLayoutAvx2& layout, const CarrierFilterPass& pass) {
   const __m256 signEven = _mm256_castsi256_ps(_mm256_set1_epi64x(static_cast<int64_t>(0x80000000u)));
   const __m256 signOdd = _mm256_castsi256_ps(_mm256_set1_epi64x(INT64_MIN));
   const __m256 negativeZero = _mm256_set1_ps(-0.0f);
-  const float ns = -pass.step;
-  // The correlation c of an entry spread over four lanes times these gives (c.re, c.re, g.re,
-  // g.re) and (-c.im, c.im, -g.im, g.im) with g = -step c, each lane one exact or the same rounding.
-  const __m256 gainRe = _mm256_setr_ps(1.0f, 1.0f, ns, ns, 1.0f, 1.0f, ns, ns);
-  const __m256 gainIm = _mm256_setr_ps(-1.0f, 1.0f, -ns, ns, -1.0f, 1.0f, -ns, ns);
-  const __m256i spreadRe01 = _mm256_setr_epi32(0, 0, 0, 0, 2, 2, 2, 2), spreadRe23 = _mm256_setr_epi32(4, 4, 4, 4, 6, 6, 6, 6);
-  const __m256i spreadIm01 = _mm256_setr_epi32(1, 1, 1, 1, 3, 3, 3, 3), spreadIm23 = _mm256_setr_epi32(5, 5, 5, 5, 7, 7, 7, 7);
+  const __m256 gain = _mm256_set1_ps(-pass.step);
   const float* in = pass.in;
   const int32_t n = pass.n, bits = pass.bitsPerCarrier;
   int32_t j = 0;
   for (; j + 4 <= n; j += 4) {
     const __m256 a = _mm256_loadu_ps(in + 2 * j);
+    const __m256 im = _mm256_movehdup_ps(a);
     _mm256_store_ps(layout.re2 + 2 * j, _mm256_moveldup_ps(a));
-    _mm256_store_ps(layout.im2 + 2 * j, _mm256_xor_ps(_mm256_movehdup_ps(a), signEven));
+    _mm256_store_ps(layout.im2 + 2 * j, _mm256_xor_ps(im, signEven));
+    _mm256_store_ps(layout.imNeg2 + 2 * j, _mm256_xor_ps(im, negativeZero));
   }
   for (; j < n; ++j) {
     layout.re2[2 * j] = layout.re2[2 * j + 1] = in[2 * j];
-    layout.im2[2 * j] = -in[2 * j + 1];
+    layout.im2[2 * j] = layout.imNeg2[2 * j] = layout.imNeg2[2 * j + 1] = -in[2 * j + 1];
     layout.im2[2 * j + 1] = in[2 * j + 1];
   }
   for (int32_t lag = 1; lag <= 2; ++lag) {
@@ -266,12 +276,8 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
       for (int32_t k = 0; k < 7; ++k) p[k] = _mm256_loadu_ps(q + 2 * k);
       const __m256 c = _mm256_add_ps(_mm256_add_ps(_mm256_add_ps(p[0], p[4]), _mm256_add_ps(p[2], p[6])),
                                      _mm256_add_ps(_mm256_add_ps(p[1], p[5]), p[3]));
-      float* re = layout.corrRe[lag - 1] + 4 * m;
-      float* im = layout.corrIm[lag - 1] + 4 * m;
-      _mm256_storeu_ps(re, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadRe01), gainRe));
-      _mm256_storeu_ps(re + 8, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadRe23), gainRe));
-      _mm256_storeu_ps(im, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadIm01), gainIm));
-      _mm256_storeu_ps(im + 8, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadIm23), gainIm));
+      _mm256_storeu_ps(layout.corr[lag - 1] + 2 * m, c);
+      _mm256_storeu_ps(layout.gain[lag - 1] + 2 * m, _mm256_mul_ps(gain, c));
     }
   }
   // Decision targets of entries m .. m+3: the QPSK ones four at a time, as DecisionTarget forms them.
@@ -295,21 +301,27 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
   }
 }
 
-}  // namespace
-
-namespace {
-
 // The state carried from entry to entry: the taps (0, 1, 2, 3) and (4, 5, 6, pad) now, one
-// adaption behind and two behind; the errors of the two entries before, each as (re, im, re, im).
+// adaption behind and two behind; the errors of the two entries before in every complex lane, and
+// beside each its parts swapped, the real one negated: (-im, re).
 struct ChainAvx2 {
   __m256 taps0, taps1, before10, before11, before20, before21;
-  __m128 err1, err2;
+  __m256 err1, err2, turned1, turned2;
 };
+
+// b * e for the correlation or gain b of `lag` at entry m, from e and e turned: (b.re e.re +
+// b.im (-e.im), b.re e.im + b.im e.re), the products the reference forms, (-b.im) e.im = b.im (-e.im).
+__attribute__((target("avx2"), always_inline)) inline __m256 ProductBroadcast(const float* b, __m256 e, __m256 turned) {
+  return _mm256_add_ps(_mm256_mul_ps(_mm256_broadcast_ss(b), e), _mm256_mul_ps(_mm256_broadcast_ss(b + 1), turned));
+}
+__attribute__((target("avx2"), always_inline)) inline __m128 ProductBroadcast(const float* b, __m128 e, __m128 turned) {
+  return _mm_add_ps(_mm_mul_ps(_mm_broadcast_ss(b), e), _mm_mul_ps(_mm_broadcast_ss(b + 1), turned));
+}
 
 // One entry m. Whether it adapts and whether the two before it did are constants where the caller
 // unrolls a pilot period, so that no product with an error that is not there is formed.
 __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool adapts, bool adapted1, bool adapted2, ChainAvx2& c,
-                                                                           const RowLayout& layout, float* out, int32_t m, __m128 step) {
+                                                                           const RowLayoutAvx2& layout, float* out, int32_t m, __m128 step) {
   const int32_t b = 2 * (m - 3), at = 2 * m;
   const __m256 ar0 = _mm256_loadu_ps(layout.re2 + b), ar1 = _mm256_loadu_ps(layout.re2 + b + 8);
   const __m256 ai0 = _mm256_loadu_ps(layout.im2 + b), ai1 = _mm256_loadu_ps(layout.im2 + b + 8);
@@ -317,24 +329,29 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
   const __m256 prod0 = _mm256_add_ps(_mm256_mul_ps(ar0, c.before20), _mm256_mul_ps(ai0, _mm256_permute_ps(c.before20, _MM_SHUFFLE(2, 3, 0, 1))));
   const __m256 prod1 = _mm256_add_ps(_mm256_mul_ps(ar1, c.before21), _mm256_mul_ps(ai1, _mm256_permute_ps(c.before21, _MM_SHUFFLE(2, 3, 0, 1))));
   const __m128 q = TreeSumWindow(prod0, prod1, _mm256_set1_ps(-0.0f));
-  // A pilot entry forms its output only; its error lanes are not used.
-  const __m128 s = adapts ? _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q)) : q;
-  const __m128 both = OutputAndError(adapted1, adapted2, layout, m, q, s, c.err1, _mm_shuffle_ps(c.err1, c.err1, _MM_SHUFFLE(2, 3, 0, 1)), c.err2,
-                                     _mm_shuffle_ps(c.err2, c.err2, _MM_SHUFFLE(2, 3, 0, 1)));
-  _mm_storel_pi(reinterpret_cast<__m64*>(out + at), both);
+  __m128 output = q;
+  if (adapted2) output = _mm_add_ps(output, ProductBroadcast(layout.corr[1] + at, _mm256_castps256_ps128(c.err2), _mm256_castps256_ps128(c.turned2)));
+  if (adapted1) output = _mm_add_ps(output, ProductBroadcast(layout.corr[0] + at, _mm256_castps256_ps128(c.err1), _mm256_castps256_ps128(c.turned1)));
+  _mm_storel_pi(reinterpret_cast<__m64*>(out + at), output);
   c.before20 = c.before10;
   c.before21 = c.before11;
   c.before10 = c.taps0;
   c.before11 = c.taps1;
-  c.err2 = c.err1;
+  const __m256 err1 = c.err1, turned1 = c.turned1, err2 = c.err2, turned2 = c.turned2;
+  c.err2 = err1;
+  c.turned2 = turned1;
   if (!adapts) return;
-  c.err1 = _mm_shuffle_ps(both, both, _MM_SHUFFLE(3, 2, 3, 2));
-  const __m128 swapped = _mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3));
-  // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er))
-  const __m256 er = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(c.err1)));
-  const __m256 ei = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(_mm_xor_ps(swapped, _mm_set1_ps(-0.0f)))));
-  c.taps0 = _mm256_add_ps(c.taps0, _mm256_add_ps(_mm256_mul_ps(ar0, er), _mm256_mul_ps(ai0, ei)));
-  c.taps1 = _mm256_add_ps(c.taps1, _mm256_add_ps(_mm256_mul_ps(ar1, er), _mm256_mul_ps(ai1, ei)));
+  const __m128 s = _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q));
+  __m256 err = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(s)));
+  if (adapted2) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[1] + at, err2, turned2));
+  if (adapted1) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[0] + at, err1, turned1));
+  const __m256 turned = _mm256_xor_ps(_mm256_permute_ps(err, _MM_SHUFFLE(2, 3, 0, 1)), _mm256_castsi256_ps(_mm256_set1_epi64x(static_cast<int64_t>(0x80000000u))));
+  c.err1 = err;
+  c.turned1 = turned;
+  // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er)) = (ir er + (-ii)(-ei), ir ei + (-ii) er)
+  const __m256 an0 = _mm256_loadu_ps(layout.imNeg2 + b), an1 = _mm256_loadu_ps(layout.imNeg2 + b + 8);
+  c.taps0 = _mm256_add_ps(c.taps0, _mm256_add_ps(_mm256_mul_ps(ar0, err), _mm256_mul_ps(an0, turned)));
+  c.taps1 = _mm256_add_ps(c.taps1, _mm256_add_ps(_mm256_mul_ps(ar1, err), _mm256_mul_ps(an1, turned)));
 }
 
 }  // namespace
@@ -342,7 +359,8 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
 __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPass& pass) {
   const __m128 step = _mm_set1_ps(pass.step);
   const int32_t n = pass.n, pilotPhase = pass.pilotPhase;
-  RowLayout layout;
+  float* const out = pass.out;
+  RowLayoutAvx2 layout;
   LayOutRowAvx2(layout, pass);
 
   ChainAvx2 c;
@@ -350,28 +368,28 @@ __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPas
   c.taps1 = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(pass.taps + 8)), LoadPair(pass.taps + 12), 1);
   c.before10 = c.before20 = c.taps0;
   c.before11 = c.before21 = c.taps1;
-  c.err1 = c.err2 = _mm_setzero_ps();
+  c.err1 = c.err2 = c.turned1 = c.turned2 = _mm256_setzero_ps();
   // Entry by entry up to the first that follows a pilot with an adapting entry before the pilot;
   // then whole pilot periods (adapt, adapt, adapt, pilot); then the rest entry by entry.
   int32_t m = 3;
   bool adapted1 = false, adapted2 = false;
   for (; m <= n - 5 && !(m >= 5 && (m & 3) == ((pilotPhase + 1) & 3)); ++m) {
     const bool adapts = (m & 3) != pilotPhase;  // carrier 3*m of the oldest symbol is no pilot
-    FilterEntryAvx2(adapts, adapted1, adapted2, c, layout, pass.out, m, step);
+    FilterEntryAvx2(adapts, adapted1, adapted2, c, layout, out, m, step);
     adapted2 = adapted1;
     adapted1 = adapts;
   }
   for (; m + 3 <= n - 5; m += 4) {
-    FilterEntryAvx2(true, false, true, c, layout, pass.out, m, step);
-    FilterEntryAvx2(true, true, false, c, layout, pass.out, m + 1, step);
-    FilterEntryAvx2(true, true, true, c, layout, pass.out, m + 2, step);
-    FilterEntryAvx2(false, true, true, c, layout, pass.out, m + 3, step);
+    FilterEntryAvx2(true, false, true, c, layout, out, m, step);
+    FilterEntryAvx2(true, true, false, c, layout, out, m + 1, step);
+    FilterEntryAvx2(true, true, true, c, layout, out, m + 2, step);
+    FilterEntryAvx2(false, true, true, c, layout, out, m + 3, step);
     adapted1 = false;
     adapted2 = true;
   }
   for (; m <= n - 5; ++m) {
     const bool adapts = (m & 3) != pilotPhase;
-    FilterEntryAvx2(adapts, adapted1, adapted2, c, layout, pass.out, m, step);
+    FilterEntryAvx2(adapts, adapted1, adapted2, c, layout, out, m, step);
     adapted2 = adapted1;
     adapted1 = adapts;
   }
