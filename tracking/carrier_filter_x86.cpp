@@ -225,12 +225,6 @@ struct RowLayoutAvx2 {
   alignas(32) float targets[ROW_FLOATS];
 };
 
-__attribute__((target("avx2"))) inline __m128 TreeSumWindow(__m256 first, __m256 second, __m256 negativeZero) {
-  const __m256 sums = _mm256_add_ps(first, _mm256_blend_ps(second, negativeZero, 0xC0));
-  const __m128 inner = _mm_add_ps(_mm256_castps256_ps128(sums), _mm256_extractf128_ps(sums, 1));
-  return _mm_add_ps(inner, _mm_movehl_ps(inner, inner));
-}
-
 // a * conj(b) for four complex values: (a.re b.re + a.im b.im, a.im b.re - a.re b.im).
 __attribute__((target("avx2"))) inline __m256 MulConjQuad(__m256 a, __m256 b, __m256 signOdd) {
   const __m256 bs = _mm256_permute_ps(b, _MM_SHUFFLE(2, 3, 0, 1));
@@ -323,12 +317,18 @@ __attribute__((target("avx2"), always_inline)) inline __m128 ProductBroadcast(co
 __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool adapts, bool adapted1, bool adapted2, ChainAvx2& c,
                                                                            const RowLayoutAvx2& layout, float* out, int32_t m, __m128 step) {
   const int32_t b = 2 * (m - 3), at = 2 * m;
-  const __m256 ar0 = _mm256_loadu_ps(layout.re2 + b), ar1 = _mm256_loadu_ps(layout.re2 + b + 8);
-  const __m256 ai0 = _mm256_loadu_ps(layout.im2 + b), ai1 = _mm256_loadu_ps(layout.im2 + b + 8);
+  // The pad of the second register is -0 in every part of the row, so that the pad of the taps stays
+  // +0 through every adaption (+0 + (-0 e + -0 e') = +0) and its product is -0 + -0 = -0, which
+  // leaves p3 as it is (x + -0 = x): the pad is set off the chain, on the loaded row.
+  const __m256 negativeZero = _mm256_set1_ps(-0.0f);
+  const __m256 ar0 = _mm256_loadu_ps(layout.re2 + b), ar1 = _mm256_blend_ps(_mm256_loadu_ps(layout.re2 + b + 8), negativeZero, 0xC0);
+  const __m256 ai0 = _mm256_loadu_ps(layout.im2 + b), ai1 = _mm256_blend_ps(_mm256_loadu_ps(layout.im2 + b + 8), negativeZero, 0xC0);
   // in * taps: (ar tr + (-ai) ti, ar ti + ai tr)
   const __m256 prod0 = _mm256_add_ps(_mm256_mul_ps(ar0, c.before20), _mm256_mul_ps(ai0, _mm256_permute_ps(c.before20, _MM_SHUFFLE(2, 3, 0, 1))));
   const __m256 prod1 = _mm256_add_ps(_mm256_mul_ps(ar1, c.before21), _mm256_mul_ps(ai1, _mm256_permute_ps(c.before21, _MM_SHUFFLE(2, 3, 0, 1))));
-  const __m128 q = TreeSumWindow(prod0, prod1, _mm256_set1_ps(-0.0f));
+  const __m256 sums = _mm256_add_ps(prod0, prod1);
+  const __m128 inner = _mm_add_ps(_mm256_castps256_ps128(sums), _mm256_extractf128_ps(sums, 1));
+  const __m128 q = _mm_add_ps(inner, _mm_movehl_ps(inner, inner));
   __m128 output = q;
   if (adapted2) output = _mm_add_ps(output, ProductBroadcast(layout.corr[1] + at, _mm256_castps256_ps128(c.err2), _mm256_castps256_ps128(c.turned2)));
   if (adapted1) output = _mm_add_ps(output, ProductBroadcast(layout.corr[0] + at, _mm256_castps256_ps128(c.err1), _mm256_castps256_ps128(c.turned1)));
@@ -349,7 +349,7 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
   c.err1 = err;
   c.turned1 = turned;
   // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er)) = (ir er + (-ii)(-ei), ir ei + (-ii) er)
-  const __m256 an0 = _mm256_loadu_ps(layout.imNeg2 + b), an1 = _mm256_loadu_ps(layout.imNeg2 + b + 8);
+  const __m256 an0 = _mm256_loadu_ps(layout.imNeg2 + b), an1 = _mm256_blend_ps(_mm256_loadu_ps(layout.imNeg2 + b + 8), negativeZero, 0xC0);
   c.taps0 = _mm256_add_ps(c.taps0, _mm256_add_ps(_mm256_mul_ps(ar0, err), _mm256_mul_ps(an0, turned)));
   c.taps1 = _mm256_add_ps(c.taps1, _mm256_add_ps(_mm256_mul_ps(ar1, err), _mm256_mul_ps(an1, turned)));
 }
