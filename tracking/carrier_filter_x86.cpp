@@ -297,19 +297,20 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayoutAvx2& layout, const 
 
 // The state carried from entry to entry: the taps (0, 1, 2, 3) and (4, 5, 6, pad) now, one
 // adaption behind and two behind; the errors of the two entries before in every complex lane, and
-// beside each its parts swapped, the real one negated: (-im, re).
+// beside each the same with its parts swapped, (im, re).
 struct ChainAvx2 {
   __m256 taps0, taps1, before10, before11, before20, before21;
-  __m256 err1, err2, turned1, turned2;
+  __m256 err1, err2, swapped1, swapped2;
 };
 
-// b * e for the correlation or gain b of `lag` at entry m, from e and e turned: (b.re e.re +
-// b.im (-e.im), b.re e.im + b.im e.re), the products the reference forms, (-b.im) e.im = b.im (-e.im).
-__attribute__((target("avx2"), always_inline)) inline __m256 ProductBroadcast(const float* b, __m256 e, __m256 turned) {
-  return _mm256_add_ps(_mm256_mul_ps(_mm256_broadcast_ss(b), e), _mm256_mul_ps(_mm256_broadcast_ss(b + 1), turned));
+// b * e for the correlation or gain b of `lag` at entry m, from e and e swapped: (b.re e.re - b.im
+// e.im, b.re e.im + b.im e.re), which is the reference's b.re e.re + (-b.im) e.im in the real part
+// (x - y is x + (-y), and (-b.im) e.im = -(b.im e.im)).
+__attribute__((target("avx2"), always_inline)) inline __m256 ProductBroadcast(const float* b, __m256 e, __m256 swapped) {
+  return _mm256_addsub_ps(_mm256_mul_ps(_mm256_broadcast_ss(b), e), _mm256_mul_ps(_mm256_broadcast_ss(b + 1), swapped));
 }
-__attribute__((target("avx2"), always_inline)) inline __m128 ProductBroadcast(const float* b, __m128 e, __m128 turned) {
-  return _mm_add_ps(_mm_mul_ps(_mm_broadcast_ss(b), e), _mm_mul_ps(_mm_broadcast_ss(b + 1), turned));
+__attribute__((target("avx2"), always_inline)) inline __m128 ProductBroadcast(const float* b, __m128 e, __m128 swapped) {
+  return _mm_addsub_ps(_mm_mul_ps(_mm_broadcast_ss(b), e), _mm_mul_ps(_mm_broadcast_ss(b + 1), swapped));
 }
 
 // One entry m. Whether it adapts and whether the two before it did are constants where the caller
@@ -330,28 +331,28 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
   const __m128 inner = _mm_add_ps(_mm256_castps256_ps128(sums), _mm256_extractf128_ps(sums, 1));
   const __m128 q = _mm_add_ps(inner, _mm_movehl_ps(inner, inner));
   __m128 output = q;
-  if (adapted2) output = _mm_add_ps(output, ProductBroadcast(layout.corr[1] + at, _mm256_castps256_ps128(c.err2), _mm256_castps256_ps128(c.turned2)));
-  if (adapted1) output = _mm_add_ps(output, ProductBroadcast(layout.corr[0] + at, _mm256_castps256_ps128(c.err1), _mm256_castps256_ps128(c.turned1)));
+  if (adapted2) output = _mm_add_ps(output, ProductBroadcast(layout.corr[1] + at, _mm256_castps256_ps128(c.err2), _mm256_castps256_ps128(c.swapped2)));
+  if (adapted1) output = _mm_add_ps(output, ProductBroadcast(layout.corr[0] + at, _mm256_castps256_ps128(c.err1), _mm256_castps256_ps128(c.swapped1)));
   _mm_storel_pi(reinterpret_cast<__m64*>(out + at), output);
   c.before20 = c.before10;
   c.before21 = c.before11;
   c.before10 = c.taps0;
   c.before11 = c.taps1;
-  const __m256 err1 = c.err1, turned1 = c.turned1, err2 = c.err2, turned2 = c.turned2;
+  const __m256 err1 = c.err1, swapped1 = c.swapped1, err2 = c.err2, swapped2 = c.swapped2;
   c.err2 = err1;
-  c.turned2 = turned1;
+  c.swapped2 = swapped1;
   if (!adapts) return;
   const __m128 s = _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q));
   __m256 err = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(s)));
-  if (adapted2) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[1] + at, err2, turned2));
-  if (adapted1) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[0] + at, err1, turned1));
-  const __m256 turned = _mm256_xor_ps(_mm256_permute_ps(err, _MM_SHUFFLE(2, 3, 0, 1)), _mm256_castsi256_ps(_mm256_set1_epi64x(static_cast<int64_t>(0x80000000u))));
+  if (adapted2) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[1] + at, err2, swapped2));
+  if (adapted1) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[0] + at, err1, swapped1));
+  const __m256 swapped = _mm256_permute_ps(err, _MM_SHUFFLE(2, 3, 0, 1));
   c.err1 = err;
-  c.turned1 = turned;
-  // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er)) = (ir er + (-ii)(-ei), ir ei + (-ii) er)
+  c.swapped1 = swapped;
+  // taps + conj(in) * err: (ir er - (-ii) ei, ir ei + (-ii) er), as the reference forms it
   const __m256 an0 = _mm256_loadu_ps(layout.imNeg2 + b), an1 = _mm256_blend_ps(_mm256_loadu_ps(layout.imNeg2 + b + 8), negativeZero, 0xC0);
-  c.taps0 = _mm256_add_ps(c.taps0, _mm256_add_ps(_mm256_mul_ps(ar0, err), _mm256_mul_ps(an0, turned)));
-  c.taps1 = _mm256_add_ps(c.taps1, _mm256_add_ps(_mm256_mul_ps(ar1, err), _mm256_mul_ps(an1, turned)));
+  c.taps0 = _mm256_add_ps(c.taps0, _mm256_addsub_ps(_mm256_mul_ps(ar0, err), _mm256_mul_ps(an0, swapped)));
+  c.taps1 = _mm256_add_ps(c.taps1, _mm256_addsub_ps(_mm256_mul_ps(ar1, err), _mm256_mul_ps(an1, swapped)));
 }
 
 }  // namespace
@@ -368,7 +369,7 @@ __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPas
   c.taps1 = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(pass.taps + 8)), LoadPair(pass.taps + 12), 1);
   c.before10 = c.before20 = c.taps0;
   c.before11 = c.before21 = c.taps1;
-  c.err1 = c.err2 = c.turned1 = c.turned2 = _mm256_setzero_ps();
+  c.err1 = c.err2 = c.swapped1 = c.swapped2 = _mm256_setzero_ps();
   // Entry by entry up to the first that follows a pilot with an adapting entry before the pilot;
   // then whole pilot periods (adapt, adapt, adapt, pilot); then the rest entry by entry.
   int32_t m = 3;
