@@ -213,13 +213,12 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
 // are loaded, and the layout holds them as plain complex values, four entries to a register.
 namespace {
 
-// The AVX2 layout, two floats per entry at 2m: the row as (re, re), (-im, im) and (-im, -im), the
+// The AVX2 layout, two floats per entry at 2m: the row as (re, re) and (-im, im), the
 // correlations c of entry m's window with the windows one and two entries before, g = -step c, and
 // the decision targets.
 struct RowLayoutAvx2 {
   alignas(32) float re2[ROW_FLOATS];
   alignas(32) float im2[ROW_FLOATS];
-  alignas(32) float imNeg2[ROW_FLOATS];
   alignas(32) float lags[ROW_FLOATS];  // row[j] * conj(row[j - lag]) at j, zeros past the row
   alignas(32) float corr[2][ROW_FLOATS], gain[2][ROW_FLOATS];
   alignas(32) float targets[ROW_FLOATS];
@@ -245,11 +244,10 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayoutAvx2& layout, const 
     const __m256 im = _mm256_movehdup_ps(a);
     _mm256_store_ps(layout.re2 + 2 * j, _mm256_moveldup_ps(a));
     _mm256_store_ps(layout.im2 + 2 * j, _mm256_xor_ps(im, signEven));
-    _mm256_store_ps(layout.imNeg2 + 2 * j, _mm256_xor_ps(im, negativeZero));
   }
   for (; j < n; ++j) {
     layout.re2[2 * j] = layout.re2[2 * j + 1] = in[2 * j];
-    layout.im2[2 * j] = layout.imNeg2[2 * j] = layout.imNeg2[2 * j + 1] = -in[2 * j + 1];
+    layout.im2[2 * j] = -in[2 * j + 1];
     layout.im2[2 * j + 1] = in[2 * j + 1];
   }
   for (int32_t lag = 1; lag <= 2; ++lag) {
@@ -350,7 +348,7 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
   c.err1 = err;
   c.swapped1 = swapped;
   // taps + conj(in) * err: (ir er - (-ii) ei, ir ei + (-ii) er), as the reference forms it
-  const __m256 an0 = _mm256_loadu_ps(layout.imNeg2 + b), an1 = _mm256_blend_ps(_mm256_loadu_ps(layout.imNeg2 + b + 8), negativeZero, 0xC0);
+  const __m256 an0 = _mm256_moveldup_ps(ai0), an1 = _mm256_moveldup_ps(ai1);  // (-ii, -ii), the pad -0
   c.taps0 = _mm256_add_ps(c.taps0, _mm256_addsub_ps(_mm256_mul_ps(ar0, err), _mm256_mul_ps(an0, swapped)));
   c.taps1 = _mm256_add_ps(c.taps1, _mm256_addsub_ps(_mm256_mul_ps(ar1, err), _mm256_mul_ps(an1, swapped)));
 }
