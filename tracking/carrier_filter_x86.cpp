@@ -4,12 +4,14 @@
 // first lay out, once per row, everything that does not depend on the taps: the real parts of the
 // row duplicated and the imaginary parts as (-im, im), so that a product with the taps is two
 // multiplications and one addition; the correlations c of every window with the windows one and
-// two entries before, beside g = -step c, so that an entry's output (lanes 0, 1) and error (lanes
-// 2, 3) are formed side by side in one register; and (AVX2) the QPSK decision targets. The chain
-// from entry to entry then holds one complex multiply-add and one addition, and the taps an entry's
-// window multiplies are those from before the two entries before it. The AVX2 variant runs whole
-// pilot periods (adapt, adapt, adapt, pilot) unrolled, so that it neither branches on the pilot
-// nor forms products with the error of an entry that did not adapt.
+// two entries before, beside g = -step c; and (AVX2) the QPSK decision targets. The SSE2 variant
+// forms an entry's output (lanes 0, 1) and error (lanes 2, 3) side by side in one register; the
+// AVX2 variant forms the error in all four complex lanes of a register, the form the tap update
+// takes, with c and g broadcast as they are loaded, and the output apart. The chain from entry to
+// entry then holds one complex multiply-add and one addition, and the taps an entry's window
+// multiplies are those from before the two entries before it. The AVX2 variant runs whole pilot
+// periods (adapt, adapt, adapt, pilot) unrolled, so that it neither branches on the pilot nor
+// forms products with the error of an entry that did not adapt.
 #if defined(__x86_64__) || defined(__i386__)
 
 #include <immintrin.h>
@@ -317,8 +319,10 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
                                                                            const RowLayoutAvx2& layout, float* out, int32_t m, __m128 step) {
   const int32_t b = 2 * (m - 3), at = 2 * m;
   // The pad of the second register is -0 in every part of the row, so that the pad of the taps stays
-  // +0 through every adaption (+0 + (-0 e + -0 e') = +0) and its product is -0 + -0 = -0, which
-  // leaves p3 as it is (x + -0 = x): the pad is set off the chain, on the loaded row.
+  // +0 through every adaption (+0 + (-0 e + -0 e') = +0 for a finite error; once an error is not
+  // finite, the taps and outputs after it are not finite in the reference either) and its product
+  // is -0 + -0 = -0, which leaves p3 as it is (x + -0 = x): the pad is set off the chain, on the
+  // loaded row.
   const __m256 negativeZero = _mm256_set1_ps(-0.0f);
   const __m256 ar0 = _mm256_loadu_ps(layout.re2 + b), ar1 = _mm256_blend_ps(_mm256_loadu_ps(layout.re2 + b + 8), negativeZero, 0xC0);
   const __m256 ai0 = _mm256_loadu_ps(layout.im2 + b), ai1 = _mm256_blend_ps(_mm256_loadu_ps(layout.im2 + b + 8), negativeZero, 0xC0);
