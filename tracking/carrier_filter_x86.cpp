@@ -332,10 +332,6 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
   const __m256 sums = _mm256_add_ps(prod0, prod1);
   const __m128 inner = _mm_add_ps(_mm256_castps256_ps128(sums), _mm256_extractf128_ps(sums, 1));
   const __m128 q = _mm_add_ps(inner, _mm_movehl_ps(inner, inner));
-  __m128 output = q;
-  if (adapted2) output = _mm_add_ps(output, ProductBroadcast(layout.corr[1] + at, _mm256_castps256_ps128(c.err2), _mm256_castps256_ps128(c.swapped2)));
-  if (adapted1) output = _mm_add_ps(output, ProductBroadcast(layout.corr[0] + at, _mm256_castps256_ps128(c.err1), _mm256_castps256_ps128(c.swapped1)));
-  _mm_storel_pi(reinterpret_cast<__m64*>(out + at), output);
   c.before20 = c.before10;
   c.before21 = c.before11;
   c.before10 = c.taps0;
@@ -343,18 +339,24 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
   const __m256 err1 = c.err1, swapped1 = c.swapped1, err2 = c.err2, swapped2 = c.swapped2;
   c.err2 = err1;
   c.swapped2 = swapped1;
-  if (!adapts) return;
-  const __m128 s = _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q));
-  __m256 err = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(s)));
-  if (adapted2) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[1] + at, err2, swapped2));
-  if (adapted1) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[0] + at, err1, swapped1));
-  const __m256 swapped = _mm256_permute_ps(err, _MM_SHUFFLE(2, 3, 0, 1));
-  c.err1 = err;
-  c.swapped1 = swapped;
-  // taps + conj(in) * err: (ir er - (-ii) ei, ir ei + (-ii) er), as the reference forms it
-  const __m256 an0 = _mm256_moveldup_ps(ai0), an1 = _mm256_moveldup_ps(ai1);  // (-ii, -ii), the pad -0
-  c.taps0 = _mm256_add_ps(c.taps0, _mm256_addsub_ps(_mm256_mul_ps(ar0, err), _mm256_mul_ps(an0, swapped)));
-  c.taps1 = _mm256_add_ps(c.taps1, _mm256_addsub_ps(_mm256_mul_ps(ar1, err), _mm256_mul_ps(an1, swapped)));
+  // The error first, as it is on the chain; the output after it.
+  if (adapts) {
+    const __m128 s = _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q));
+    __m256 err = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(s)));
+    if (adapted2) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[1] + at, err2, swapped2));
+    if (adapted1) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[0] + at, err1, swapped1));
+    const __m256 swapped = _mm256_permute_ps(err, _MM_SHUFFLE(2, 3, 0, 1));
+    c.err1 = err;
+    c.swapped1 = swapped;
+    // taps + conj(in) * err: (ir er - (-ii) ei, ir ei + (-ii) er), as the reference forms it
+    const __m256 an0 = _mm256_moveldup_ps(ai0), an1 = _mm256_moveldup_ps(ai1);  // (-ii, -ii), the pad -0
+    c.taps0 = _mm256_add_ps(c.taps0, _mm256_addsub_ps(_mm256_mul_ps(ar0, err), _mm256_mul_ps(an0, swapped)));
+    c.taps1 = _mm256_add_ps(c.taps1, _mm256_addsub_ps(_mm256_mul_ps(ar1, err), _mm256_mul_ps(an1, swapped)));
+  }
+  __m128 output = q;
+  if (adapted2) output = _mm_add_ps(output, ProductBroadcast(layout.corr[1] + at, _mm256_castps256_ps128(err2), _mm256_castps256_ps128(swapped2)));
+  if (adapted1) output = _mm_add_ps(output, ProductBroadcast(layout.corr[0] + at, _mm256_castps256_ps128(err1), _mm256_castps256_ps128(swapped1)));
+  _mm_storel_pi(reinterpret_cast<__m64*>(out + at), output);
 }
 
 }  // namespace
