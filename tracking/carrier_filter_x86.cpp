@@ -313,10 +313,16 @@ __attribute__((target("avx2"), always_inline)) inline __m128 ProductBroadcast(co
   return _mm_addsub_ps(_mm_mul_ps(_mm_broadcast_ss(b), e), _mm_mul_ps(_mm_broadcast_ss(b + 1), swapped));
 }
 
-// One entry m. Whether it adapts and whether the two before it did are constants where the caller
-// unrolls a pilot period, so that no product with an error that is not there is formed.
-__attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool adapts, bool adapted1, bool adapted2, ChainAvx2& c,
-                                                                           const RowLayoutAvx2& layout, float* out, int32_t m, __m128 step) {
+// What the output of an entry is formed from: its tap product and the errors of the two entries
+// before it.
+struct EntryOutputAvx2 {
+  __m128 q;
+  __m256 err1, swapped1, err2, swapped2;
+};
+
+// Entry m up to its output: its tap product, its error and the adaption of the taps.
+__attribute__((target("avx2"), always_inline)) inline EntryOutputAvx2 AdaptEntryAvx2(bool adapts, bool adapted1, bool adapted2, ChainAvx2& c,
+                                                                                    const RowLayoutAvx2& layout, int32_t m, __m128 step) {
   const int32_t b = 2 * (m - 3), at = 2 * m;
   // The pad of the second register is -0 in every part of the row, so that the pad of the taps stays
   // +0 through every adaption (+0 + (-0 e + -0 e') = +0 for a finite error; once an error is not
@@ -353,10 +359,23 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
     c.taps0 = _mm256_add_ps(c.taps0, _mm256_addsub_ps(_mm256_mul_ps(ar0, err), _mm256_mul_ps(an0, swapped)));
     c.taps1 = _mm256_add_ps(c.taps1, _mm256_addsub_ps(_mm256_mul_ps(ar1, err), _mm256_mul_ps(an1, swapped)));
   }
-  __m128 output = q;
-  if (adapted2) output = _mm_add_ps(output, ProductBroadcast(layout.corr[1] + at, _mm256_castps256_ps128(err2), _mm256_castps256_ps128(swapped2)));
-  if (adapted1) output = _mm_add_ps(output, ProductBroadcast(layout.corr[0] + at, _mm256_castps256_ps128(err1), _mm256_castps256_ps128(swapped1)));
+  return {q, err1, swapped1, err2, swapped2};
+}
+
+__attribute__((target("avx2"), always_inline)) inline void OutputEntryAvx2(const EntryOutputAvx2& e, bool adapted1, bool adapted2,
+                                                                           const RowLayoutAvx2& layout, float* out, int32_t m) {
+  const int32_t at = 2 * m;
+  __m128 output = e.q;
+  if (adapted2) output = _mm_add_ps(output, ProductBroadcast(layout.corr[1] + at, _mm256_castps256_ps128(e.err2), _mm256_castps256_ps128(e.swapped2)));
+  if (adapted1) output = _mm_add_ps(output, ProductBroadcast(layout.corr[0] + at, _mm256_castps256_ps128(e.err1), _mm256_castps256_ps128(e.swapped1)));
   _mm_storel_pi(reinterpret_cast<__m64*>(out + at), output);
+}
+
+// One entry m. Whether it adapts and whether the two before it did are constants where the caller
+// unrolls a pilot period, so that no product with an error that is not there is formed.
+__attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool adapts, bool adapted1, bool adapted2, ChainAvx2& c,
+                                                                           const RowLayoutAvx2& layout, float* out, int32_t m, __m128 step) {
+  OutputEntryAvx2(AdaptEntryAvx2(adapts, adapted1, adapted2, c, layout, m, step), adapted1, adapted2, layout, out, m);
 }
 
 }  // namespace
@@ -385,10 +404,15 @@ __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPas
     adapted1 = adapts;
   }
   for (; m + 3 <= n - 5; m += 4) {
-    FilterEntryAvx2(true, false, true, c, layout, out, m, step);
-    FilterEntryAvx2(true, true, false, c, layout, out, m + 1, step);
-    FilterEntryAvx2(true, true, true, c, layout, out, m + 2, step);
-    FilterEntryAvx2(false, true, true, c, layout, out, m + 3, step);
+    // The output of each entry after the next entry's adaption.
+    const EntryOutputAvx2 e0 = AdaptEntryAvx2(true, false, true, c, layout, m, step);
+    const EntryOutputAvx2 e1 = AdaptEntryAvx2(true, true, false, c, layout, m + 1, step);
+    OutputEntryAvx2(e0, false, true, layout, out, m);
+    const EntryOutputAvx2 e2 = AdaptEntryAvx2(true, true, true, c, layout, m + 2, step);
+    OutputEntryAvx2(e1, true, false, layout, out, m + 1);
+    const EntryOutputAvx2 e3 = AdaptEntryAvx2(false, true, true, c, layout, m + 3, step);
+    OutputEntryAvx2(e2, true, true, layout, out, m + 2);
+    OutputEntryAvx2(e3, true, true, layout, out, m + 3);
     adapted1 = false;
     adapted2 = true;
   }
