@@ -4,12 +4,14 @@
 // first lay out, once per row, everything that does not depend on the taps: the real parts of the
 // row duplicated and the imaginary parts as (-im, im), so that a product with the taps is two
 // multiplications and one addition; the correlations c of every window with the windows one and
-// two entries before, beside g = -step c, so that an entry's output (lanes 0, 1) and error (lanes
-// 2, 3) are formed side by side in one register; and (AVX2) the QPSK decision targets. The chain
-// from entry to entry then holds one complex multiply-add and one addition, and the taps an entry's
-// window multiplies are those from before the two entries before it. The AVX2 variant runs whole
-// pilot periods (adapt, adapt, adapt, pilot) unrolled, so that it neither branches on the pilot
-// nor forms products with the error of an entry that did not adapt.
+// two entries before, beside g = -step c; and (AVX2) the QPSK decision targets. The SSE2 variant
+// forms an entry's output (lanes 0, 1) and error (lanes 2, 3) side by side in one register; the
+// AVX2 variant forms the error in all four complex lanes of a register, the form the tap update
+// takes, with c and g broadcast as they are loaded, and the output apart. The chain from entry to
+// entry then holds one complex multiply-add and one addition, and the taps an entry's window
+// multiplies are those from before the two entries before it. The AVX2 variant runs whole pilot
+// periods (adapt, adapt, adapt, pilot) unrolled, so that it neither branches on the pilot nor
+// forms products with the error of an entry that did not adapt.
 #if defined(__x86_64__) || defined(__i386__)
 
 #include <immintrin.h>
@@ -207,15 +209,22 @@ __attribute__((target("sse2"))) void FilterCarrierRowSse2(const CarrierFilterPas
 
 // Four complex values per AVX2 register. The seven entries of a window are held as (0, 1, 2, 3) and
 // (4, 5, 6, pad): the sum of the two registers gives (p0 + p4, p1 + p5 | p2 + p6, p3 + pad), the sum
-// of its halves the two inner sums of the tree, in the same order as above. The row is laid out
-// four entries at a time.
+// of its halves the two inner sums of the tree, in the same order as above. The error of an entry
+// is formed in all four complex lanes of a register at once, so that the tap update takes it as it
+// is; the correlations and gains it is multiplied with are then single floats broadcast as they
+// are loaded, and the layout holds them as plain complex values, four entries to a register.
 namespace {
 
-__attribute__((target("avx2"))) inline __m128 TreeSumWindow(__m256 first, __m256 second, __m256 negativeZero) {
-  const __m256 sums = _mm256_add_ps(first, _mm256_blend_ps(second, negativeZero, 0xC0));
-  const __m128 inner = _mm_add_ps(_mm256_castps256_ps128(sums), _mm256_extractf128_ps(sums, 1));
-  return _mm_add_ps(inner, _mm_movehl_ps(inner, inner));
-}
+// The AVX2 layout, two floats per entry at 2m: the row as (re, re) and (-im, im), the
+// correlations c of entry m's window with the windows one and two entries before, g = -step c, and
+// the decision targets.
+struct RowLayoutAvx2 {
+  alignas(32) float re2[ROW_FLOATS];
+  alignas(32) float im2[ROW_FLOATS];
+  alignas(32) float lags[ROW_FLOATS];  // row[j] * conj(row[j - lag]) at j, zeros past the row
+  alignas(32) float corr[2][ROW_FLOATS], gain[2][ROW_FLOATS];
+  alignas(32) float targets[ROW_FLOATS];
+};
 
 // a * conj(b) for four complex values: (a.re b.re + a.im b.im, a.im b.re - a.re b.im).
 __attribute__((target("avx2"))) inline __m256 MulConjQuad(__m256 a, __m256 b, __m256 signOdd) {
@@ -224,24 +233,19 @@ __attribute__((target("avx2"))) inline __m256 MulConjQuad(__m256 a, __m256 b, __
                        _mm256_mul_ps(_mm256_movehdup_ps(a), bs));
 }
 
-__attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const CarrierFilterPass& pass) {
+__attribute__((target("avx2"))) void LayOutRowAvx2(RowLayoutAvx2& layout, const CarrierFilterPass& pass) {
   const __m256 signEven = _mm256_castsi256_ps(_mm256_set1_epi64x(static_cast<int64_t>(0x80000000u)));
   const __m256 signOdd = _mm256_castsi256_ps(_mm256_set1_epi64x(INT64_MIN));
   const __m256 negativeZero = _mm256_set1_ps(-0.0f);
-  const float ns = -pass.step;
-  // The correlation c of an entry spread over four lanes times these gives (c.re, c.re, g.re,
-  // g.re) and (-c.im, c.im, -g.im, g.im) with g = -step c, each lane one exact or the same rounding.
-  const __m256 gainRe = _mm256_setr_ps(1.0f, 1.0f, ns, ns, 1.0f, 1.0f, ns, ns);
-  const __m256 gainIm = _mm256_setr_ps(-1.0f, 1.0f, -ns, ns, -1.0f, 1.0f, -ns, ns);
-  const __m256i spreadRe01 = _mm256_setr_epi32(0, 0, 0, 0, 2, 2, 2, 2), spreadRe23 = _mm256_setr_epi32(4, 4, 4, 4, 6, 6, 6, 6);
-  const __m256i spreadIm01 = _mm256_setr_epi32(1, 1, 1, 1, 3, 3, 3, 3), spreadIm23 = _mm256_setr_epi32(5, 5, 5, 5, 7, 7, 7, 7);
+  const __m256 gain = _mm256_set1_ps(-pass.step);
   const float* in = pass.in;
   const int32_t n = pass.n, bits = pass.bitsPerCarrier;
   int32_t j = 0;
   for (; j + 4 <= n; j += 4) {
     const __m256 a = _mm256_loadu_ps(in + 2 * j);
+    const __m256 im = _mm256_movehdup_ps(a);
     _mm256_store_ps(layout.re2 + 2 * j, _mm256_moveldup_ps(a));
-    _mm256_store_ps(layout.im2 + 2 * j, _mm256_xor_ps(_mm256_movehdup_ps(a), signEven));
+    _mm256_store_ps(layout.im2 + 2 * j, _mm256_xor_ps(im, signEven));
   }
   for (; j < n; ++j) {
     layout.re2[2 * j] = layout.re2[2 * j + 1] = in[2 * j];
@@ -266,12 +270,8 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
       for (int32_t k = 0; k < 7; ++k) p[k] = _mm256_loadu_ps(q + 2 * k);
       const __m256 c = _mm256_add_ps(_mm256_add_ps(_mm256_add_ps(p[0], p[4]), _mm256_add_ps(p[2], p[6])),
                                      _mm256_add_ps(_mm256_add_ps(p[1], p[5]), p[3]));
-      float* re = layout.corrRe[lag - 1] + 4 * m;
-      float* im = layout.corrIm[lag - 1] + 4 * m;
-      _mm256_storeu_ps(re, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadRe01), gainRe));
-      _mm256_storeu_ps(re + 8, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadRe23), gainRe));
-      _mm256_storeu_ps(im, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadIm01), gainIm));
-      _mm256_storeu_ps(im + 8, _mm256_mul_ps(_mm256_permutevar8x32_ps(c, spreadIm23), gainIm));
+      _mm256_storeu_ps(layout.corr[lag - 1] + 2 * m, c);
+      _mm256_storeu_ps(layout.gain[lag - 1] + 2 * m, _mm256_mul_ps(gain, c));
     }
   }
   // Decision targets of entries m .. m+3: the QPSK ones four at a time, as DecisionTarget forms them.
@@ -295,46 +295,87 @@ __attribute__((target("avx2"))) void LayOutRowAvx2(RowLayout& layout, const Carr
   }
 }
 
-}  // namespace
-
-namespace {
-
 // The state carried from entry to entry: the taps (0, 1, 2, 3) and (4, 5, 6, pad) now, one
-// adaption behind and two behind; the errors of the two entries before, each as (re, im, re, im).
+// adaption behind and two behind; the errors of the two entries before in every complex lane, and
+// beside each the same with its parts swapped, (im, re).
 struct ChainAvx2 {
   __m256 taps0, taps1, before10, before11, before20, before21;
-  __m128 err1, err2;
+  __m256 err1, err2, swapped1, swapped2;
 };
 
-// One entry m. Whether it adapts and whether the two before it did are constants where the caller
-// unrolls a pilot period, so that no product with an error that is not there is formed.
-__attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool adapts, bool adapted1, bool adapted2, ChainAvx2& c,
-                                                                           const RowLayout& layout, float* out, int32_t m, __m128 step) {
+// b * e for the correlation or gain b of `lag` at entry m, from e and e swapped: (b.re e.re - b.im
+// e.im, b.re e.im + b.im e.re), which is the reference's b.re e.re + (-b.im) e.im in the real part
+// (x - y is x + (-y), and (-b.im) e.im = -(b.im e.im)).
+__attribute__((target("avx2"), always_inline)) inline __m256 ProductBroadcast(const float* b, __m256 e, __m256 swapped) {
+  return _mm256_addsub_ps(_mm256_mul_ps(_mm256_broadcast_ss(b), e), _mm256_mul_ps(_mm256_broadcast_ss(b + 1), swapped));
+}
+__attribute__((target("avx2"), always_inline)) inline __m128 ProductBroadcast(const float* b, __m128 e, __m128 swapped) {
+  return _mm_addsub_ps(_mm_mul_ps(_mm_broadcast_ss(b), e), _mm_mul_ps(_mm_broadcast_ss(b + 1), swapped));
+}
+
+// What the output of an entry is formed from: its tap product and the errors of the two entries
+// before it.
+struct EntryOutputAvx2 {
+  __m128 q;
+  __m256 err1, swapped1, err2, swapped2;
+};
+
+// Entry m up to its output: its tap product, its error and the adaption of the taps.
+__attribute__((target("avx2"), always_inline)) inline EntryOutputAvx2 AdaptEntryAvx2(bool adapts, bool adapted1, bool adapted2, ChainAvx2& c,
+                                                                                    const RowLayoutAvx2& layout, int32_t m, __m128 step) {
   const int32_t b = 2 * (m - 3), at = 2 * m;
-  const __m256 ar0 = _mm256_loadu_ps(layout.re2 + b), ar1 = _mm256_loadu_ps(layout.re2 + b + 8);
-  const __m256 ai0 = _mm256_loadu_ps(layout.im2 + b), ai1 = _mm256_loadu_ps(layout.im2 + b + 8);
+  // The pad of the second register is -0 in every part of the row, so that the pad of the taps stays
+  // +0 through every adaption (+0 + (-0 e + -0 e') = +0 for a finite error; once an error is not
+  // finite, the taps and outputs after it are not finite in the reference either) and its product
+  // is -0 + -0 = -0, which leaves p3 as it is (x + -0 = x): the pad is set off the chain, on the
+  // loaded row.
+  const __m256 negativeZero = _mm256_set1_ps(-0.0f);
+  const __m256 ar0 = _mm256_loadu_ps(layout.re2 + b), ar1 = _mm256_blend_ps(_mm256_loadu_ps(layout.re2 + b + 8), negativeZero, 0xC0);
+  const __m256 ai0 = _mm256_loadu_ps(layout.im2 + b), ai1 = _mm256_blend_ps(_mm256_loadu_ps(layout.im2 + b + 8), negativeZero, 0xC0);
   // in * taps: (ar tr + (-ai) ti, ar ti + ai tr)
   const __m256 prod0 = _mm256_add_ps(_mm256_mul_ps(ar0, c.before20), _mm256_mul_ps(ai0, _mm256_permute_ps(c.before20, _MM_SHUFFLE(2, 3, 0, 1))));
   const __m256 prod1 = _mm256_add_ps(_mm256_mul_ps(ar1, c.before21), _mm256_mul_ps(ai1, _mm256_permute_ps(c.before21, _MM_SHUFFLE(2, 3, 0, 1))));
-  const __m128 q = TreeSumWindow(prod0, prod1, _mm256_set1_ps(-0.0f));
-  // A pilot entry forms its output only; its error lanes are not used.
-  const __m128 s = adapts ? _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q)) : q;
-  const __m128 both = OutputAndError(adapted1, adapted2, layout, m, q, s, c.err1, _mm_shuffle_ps(c.err1, c.err1, _MM_SHUFFLE(2, 3, 0, 1)), c.err2,
-                                     _mm_shuffle_ps(c.err2, c.err2, _MM_SHUFFLE(2, 3, 0, 1)));
-  _mm_storel_pi(reinterpret_cast<__m64*>(out + at), both);
+  const __m256 sums = _mm256_add_ps(prod0, prod1);
+  const __m128 inner = _mm_add_ps(_mm256_castps256_ps128(sums), _mm256_extractf128_ps(sums, 1));
+  const __m128 q = _mm_add_ps(inner, _mm_movehl_ps(inner, inner));
   c.before20 = c.before10;
   c.before21 = c.before11;
   c.before10 = c.taps0;
   c.before11 = c.taps1;
-  c.err2 = c.err1;
-  if (!adapts) return;
-  c.err1 = _mm_shuffle_ps(both, both, _MM_SHUFFLE(3, 2, 3, 2));
-  const __m128 swapped = _mm_shuffle_ps(both, both, _MM_SHUFFLE(2, 3, 2, 3));
-  // taps + conj(in) * err: (ir er + (-ii)(-ei), ir ei + ii (-er))
-  const __m256 er = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(c.err1)));
-  const __m256 ei = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(_mm_xor_ps(swapped, _mm_set1_ps(-0.0f)))));
-  c.taps0 = _mm256_add_ps(c.taps0, _mm256_add_ps(_mm256_mul_ps(ar0, er), _mm256_mul_ps(ai0, ei)));
-  c.taps1 = _mm256_add_ps(c.taps1, _mm256_add_ps(_mm256_mul_ps(ar1, er), _mm256_mul_ps(ai1, ei)));
+  const __m256 err1 = c.err1, swapped1 = c.swapped1, err2 = c.err2, swapped2 = c.swapped2;
+  c.err2 = err1;
+  c.swapped2 = swapped1;
+  // The error first, as it is on the chain; the output after it.
+  if (adapts) {
+    const __m128 s = _mm_mul_ps(step, _mm_sub_ps(LoadPair(layout.targets + at), q));
+    __m256 err = _mm256_castpd_ps(_mm256_broadcastsd_pd(_mm_castps_pd(s)));
+    if (adapted2) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[1] + at, err2, swapped2));
+    if (adapted1) err = _mm256_add_ps(err, ProductBroadcast(layout.gain[0] + at, err1, swapped1));
+    const __m256 swapped = _mm256_permute_ps(err, _MM_SHUFFLE(2, 3, 0, 1));
+    c.err1 = err;
+    c.swapped1 = swapped;
+    // taps + conj(in) * err: (ir er - (-ii) ei, ir ei + (-ii) er), as the reference forms it
+    const __m256 an0 = _mm256_moveldup_ps(ai0), an1 = _mm256_moveldup_ps(ai1);  // (-ii, -ii), the pad -0
+    c.taps0 = _mm256_add_ps(c.taps0, _mm256_addsub_ps(_mm256_mul_ps(ar0, err), _mm256_mul_ps(an0, swapped)));
+    c.taps1 = _mm256_add_ps(c.taps1, _mm256_addsub_ps(_mm256_mul_ps(ar1, err), _mm256_mul_ps(an1, swapped)));
+  }
+  return {q, err1, swapped1, err2, swapped2};
+}
+
+__attribute__((target("avx2"), always_inline)) inline void OutputEntryAvx2(const EntryOutputAvx2& e, bool adapted1, bool adapted2,
+                                                                           const RowLayoutAvx2& layout, float* out, int32_t m) {
+  const int32_t at = 2 * m;
+  __m128 output = e.q;
+  if (adapted2) output = _mm_add_ps(output, ProductBroadcast(layout.corr[1] + at, _mm256_castps256_ps128(e.err2), _mm256_castps256_ps128(e.swapped2)));
+  if (adapted1) output = _mm_add_ps(output, ProductBroadcast(layout.corr[0] + at, _mm256_castps256_ps128(e.err1), _mm256_castps256_ps128(e.swapped1)));
+  _mm_storel_pi(reinterpret_cast<__m64*>(out + at), output);
+}
+
+// One entry m. Whether it adapts and whether the two before it did are constants where the caller
+// unrolls a pilot period, so that no product with an error that is not there is formed.
+__attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool adapts, bool adapted1, bool adapted2, ChainAvx2& c,
+                                                                           const RowLayoutAvx2& layout, float* out, int32_t m, __m128 step) {
+  OutputEntryAvx2(AdaptEntryAvx2(adapts, adapted1, adapted2, c, layout, m, step), adapted1, adapted2, layout, out, m);
 }
 
 }  // namespace
@@ -342,7 +383,8 @@ __attribute__((target("avx2"), always_inline)) inline void FilterEntryAvx2(bool 
 __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPass& pass) {
   const __m128 step = _mm_set1_ps(pass.step);
   const int32_t n = pass.n, pilotPhase = pass.pilotPhase;
-  RowLayout layout;
+  float* const out = pass.out;
+  RowLayoutAvx2 layout;
   LayOutRowAvx2(layout, pass);
 
   ChainAvx2 c;
@@ -350,28 +392,33 @@ __attribute__((target("avx2"))) void FilterCarrierRowAvx2(const CarrierFilterPas
   c.taps1 = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(pass.taps + 8)), LoadPair(pass.taps + 12), 1);
   c.before10 = c.before20 = c.taps0;
   c.before11 = c.before21 = c.taps1;
-  c.err1 = c.err2 = _mm_setzero_ps();
+  c.err1 = c.err2 = c.swapped1 = c.swapped2 = _mm256_setzero_ps();
   // Entry by entry up to the first that follows a pilot with an adapting entry before the pilot;
   // then whole pilot periods (adapt, adapt, adapt, pilot); then the rest entry by entry.
   int32_t m = 3;
   bool adapted1 = false, adapted2 = false;
   for (; m <= n - 5 && !(m >= 5 && (m & 3) == ((pilotPhase + 1) & 3)); ++m) {
     const bool adapts = (m & 3) != pilotPhase;  // carrier 3*m of the oldest symbol is no pilot
-    FilterEntryAvx2(adapts, adapted1, adapted2, c, layout, pass.out, m, step);
+    FilterEntryAvx2(adapts, adapted1, adapted2, c, layout, out, m, step);
     adapted2 = adapted1;
     adapted1 = adapts;
   }
   for (; m + 3 <= n - 5; m += 4) {
-    FilterEntryAvx2(true, false, true, c, layout, pass.out, m, step);
-    FilterEntryAvx2(true, true, false, c, layout, pass.out, m + 1, step);
-    FilterEntryAvx2(true, true, true, c, layout, pass.out, m + 2, step);
-    FilterEntryAvx2(false, true, true, c, layout, pass.out, m + 3, step);
+    // The output of each entry after the next entry's adaption.
+    const EntryOutputAvx2 e0 = AdaptEntryAvx2(true, false, true, c, layout, m, step);
+    const EntryOutputAvx2 e1 = AdaptEntryAvx2(true, true, false, c, layout, m + 1, step);
+    OutputEntryAvx2(e0, false, true, layout, out, m);
+    const EntryOutputAvx2 e2 = AdaptEntryAvx2(true, true, true, c, layout, m + 2, step);
+    OutputEntryAvx2(e1, true, false, layout, out, m + 1);
+    const EntryOutputAvx2 e3 = AdaptEntryAvx2(false, true, true, c, layout, m + 3, step);
+    OutputEntryAvx2(e2, true, true, layout, out, m + 2);
+    OutputEntryAvx2(e3, true, true, layout, out, m + 3);
     adapted1 = false;
     adapted2 = true;
   }
   for (; m <= n - 5; ++m) {
     const bool adapts = (m & 3) != pilotPhase;
-    FilterEntryAvx2(adapts, adapted1, adapted2, c, layout, pass.out, m, step);
+    FilterEntryAvx2(adapts, adapted1, adapted2, c, layout, out, m, step);
     adapted2 = adapted1;
     adapted1 = adapts;
   }
