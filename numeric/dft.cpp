@@ -121,12 +121,9 @@ DftStatus DftiCommitDescriptor(DftPlan plan) {
   // its factors out on the fly; measured plans keep them all in a table and run about a sixth
   // faster. The wisdom of such plans, found once and kept with the code, makes the estimating
   // planner take them, so the choice stays the same on every run. It goes into FFTW's global
-  // wisdom once; FFTW keeps its own wisdom where it cannot use these plans (another FFTW, no AVX).
-  static bool wisdomImported = false;
-  if (!wisdomImported) {
-    fftwf_import_wisdom_from_string(DFT_WISDOM);
-    wisdomImported = true;
-  }
+  // wisdom at every commit, in case the host has made FFTW forget it; FFTW refuses it whole where
+  // it cannot use these plans (another FFTW, no AVX), and the planner's own estimate stands.
+  fftwf_import_wisdom_from_string(DFT_WISDOM);
   // Plans are made on a scratch buffer of FFTW's own alignment; FFTW_ESTIMATE never touches the
   // data, and its choice is the same on every run, so results are reproducible.
   auto* scratch = static_cast<fftwf_complex*>(fftwf_malloc(sizeof(fftwf_complex) * static_cast<size_t>(plan->length)));
