@@ -117,10 +117,11 @@ DftStatus DftiCommitDescriptor(DftPlan plan) {
   if (plan == nullptr) return DFTI_BAD_DESCRIPTOR;
   DestroyPlans(plan);  // a second commit rebuilds from nothing
   std::lock_guard<std::mutex> hold(plannerLock);
-  // FFTW_ESTIMATE alone picks, for the row-to-row transforms, a twiddle codelet that works part of
-  // its factors out on the fly; measured plans keep them all in a table and run about a sixth
-  // faster. The wisdom of such plans, found once and kept with the code, makes the estimating
-  // planner take them, so the choice stays the same on every run. It goes into FFTW's global
+  // FFTW_ESTIMATE alone picks, for the forward row-to-row transforms (the symbol's), a twiddle
+  // codelet that works part of its factors out on the fly; measured plans keep them all in a table
+  // and run about a sixth faster. The wisdom of such plans, found once and kept with the code,
+  // makes the estimating planner take them, so the choice stays the same on every run. It holds no
+  // backward plan: the transmitter's synthesis, backward, may share the process and its wisdom. It goes into FFTW's global
   // wisdom at every commit, in case the host has made FFTW forget it; FFTW refuses it whole where
   // it cannot use these plans (another FFTW, no AVX), and the planner's own estimate stands.
   fftwf_import_wisdom_from_string(DFT_WISDOM);
