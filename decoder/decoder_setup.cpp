@@ -94,6 +94,7 @@ int32_t SetUpDecoder() {
   decoder.softPairs = ArenaTake<uint16_t>(decoder.depuncturedLength / 2);
   decoder.byteDelayStore = ArenaTakeBytes(BYTE_DELAY_STORE_BYTES);
   decoder.viterbiRestart = 1;
+  decoder.normaliseEveryFourth = engine.refined != 0 ? 1 : 0;
   for (int32_t j = 0; j < 11; ++j) {
     decoder.byteDelayBranch[j] = decoder.byteDelayStore + BYTE_BRANCH_OFFSET[j];
     decoder.byteDelayCell[j] = 0;

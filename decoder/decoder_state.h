@@ -18,6 +18,9 @@ struct ViterbiTrellis {
   alignas(32) uint8_t pathMetrics[2][64];
   uint8_t metricBank;         // bank that the next step writes; the other one is read
   uint8_t viterbiRestart{1};  // the next call starts a new trellis
+  // With the refinements: the metrics are normalised on a fixed schedule (after every fourth step
+  // of a call) rather than by the test of one state.
+  uint8_t normaliseEveryFourth{0};
   // Four 16-bit decision words per step: 64 carried-over steps, then the steps of the present call.
   alignas(32) uint16_t decisionHistory[(VITERBI_TRACEBACK + VITERBI_MAX_STEPS) * 4];
 };

@@ -135,7 +135,13 @@ void ViterbiDecodeScalar(ViterbiTrellis& trellis, const uint16_t* pairs, int32_t
       words[s / 16] = static_cast<uint16_t>(words[s / 16] | decision << (15 - s % 16));
     }
     std::memcpy(decisions + 4 * i, words, sizeof words);
-    if (now[NORMALISE_POSITION] > NORMALISE_ABOVE) {
+    if (trellis.normaliseEveryFourth != 0) {
+      if (i % 4 == 3) {
+        uint8_t least = old[0];
+        for (int32_t k = 1; k < 64; ++k) least = old[k] < least ? old[k] : least;
+        for (int32_t k = 0; k < 64; ++k) now[k] = static_cast<uint8_t>(now[k] - least);
+      }
+    } else if (now[NORMALISE_POSITION] > NORMALISE_ABOVE) {
       uint8_t least = now[0];
       for (int32_t k = 1; k < 64; ++k) least = now[k] < least ? now[k] : least;
       for (int32_t k = 0; k < 64; ++k) now[k] = static_cast<uint8_t>(now[k] - least);

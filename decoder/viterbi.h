@@ -8,6 +8,15 @@
 // stands at position s xor 15 of a bank; the decision of state s is bit (15 - s mod 16) of word s / 16
 // of a step, 1 when the surviving predecessor is the one with top bit 1.
 //
+// Normalisation, as designed: after a step whose new metric at position 32 (state 47) exceeds 150, the
+// least new metric is subtracted from all 64. With `normaliseEveryFourth` set on the trellis (the
+// refinements), after every step whose index within the call is 3 mod 4 the least metric of the
+// step before it is subtracted instead; no new metric lies below it, since branch costs are never
+// negative. The three steps between then go without test or search, and the subtraction, one step
+// ahead, stays off the chain from step to step. With soft bits in 0..31 the least metric before a
+// subtraction is at most 155 (a least of at most 31 after the last one, then four steps of at most
+// 31), about where the designed test keeps it.
+//
 // Each call takes `count` soft pairs (X soft bit in the high byte, Y in the low byte, each 0..31) and
 // writes count / 8 bytes that lie exactly 64 steps behind the newest step, earliest bit first (MSB).
 #include <cstdint>

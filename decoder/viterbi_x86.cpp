@@ -1,7 +1,7 @@
 // Vector kernels of the Viterbi decoder for x86: SSE2 (16 states per vector, four passes per step) and
 // AVX2 (32 states per vector, two passes per step), the latter compiled with a target attribute and
-// chosen at run time. Both keep the metrics in registers over a call and give exactly the output and
-// trellis of the scalar reference.
+// chosen at run time, each with the designed normalisation and the scheduled one. Both keep the
+// metrics in registers over a call and give exactly the output and trellis of the scalar reference.
 //
 // The butterfly in the metric order (state s at position s xor 15): new positions 0..15 come from old
 // positions 8..15 (predecessor top bit 0) and 40..47 (top bit 1), 16..31 from 0..7 and 32..39, 32..47
@@ -107,6 +107,7 @@ __attribute__((target("sse2"))) void ViterbiDecodeSse2(ViterbiTrellis& trellis, 
     __m128i o3 = _mm_load_si128(reinterpret_cast<const __m128i*>(old + 48));
     __m128i n0 = o0, n1 = o1, n2 = o2, n3 = o3;
     uint16_t* decisions = trellis.decisionHistory + 4 * VITERBI_TRACEBACK;
+    const bool scheduled = trellis.normaliseEveryFourth != 0;
     for (int32_t i = 0; i < count; ++i) {
       const StepCosts c = CostsOf(pairs[i]);
       const __m128i mn = _mm_unpacklo_epi32(_mm_cvtsi32_si128(static_cast<int>(c.m)), _mm_cvtsi32_si128(static_cast<int>(c.n)));
@@ -134,7 +135,16 @@ __attribute__((target("sse2"))) void ViterbiDecodeSse2(ViterbiTrellis& trellis, 
       packed |= static_cast<uint64_t>(static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, n3)))) << 48;
       std::memcpy(decisions + 4 * i, &packed, sizeof packed);
 
-      if ((_mm_cvtsi128_si32(n2) & 0xFF) > NORMALISE_ABOVE) {
+      if (scheduled) {
+        if ((i & 3) == 3) {
+          const __m128i least = Sse2Min16(_mm_min_epu8(_mm_min_epu8(o0, o1), _mm_min_epu8(o2, o3)));
+          const __m128i sub = _mm_set1_epi8(static_cast<char>(_mm_cvtsi128_si32(least) & 0xFF));
+          n0 = _mm_sub_epi8(n0, sub);
+          n1 = _mm_sub_epi8(n1, sub);
+          n2 = _mm_sub_epi8(n2, sub);
+          n3 = _mm_sub_epi8(n3, sub);
+        }
+      } else if ((_mm_cvtsi128_si32(n2) & 0xFF) > NORMALISE_ABOVE) {
         const __m128i least = Sse2Min16(_mm_min_epu8(_mm_min_epu8(n0, n1), _mm_min_epu8(n2, n3)));
         const __m128i sub = _mm_set1_epi8(static_cast<char>(_mm_cvtsi128_si32(least) & 0xFF));
         n0 = _mm_subs_epu8(n0, sub);
@@ -296,6 +306,40 @@ __attribute__((target("avx2"))) Avx2Metrics Avx2StepsAhead(Avx2Metrics m, const 
   return m;
 }
 
+// The steps with the scheduled normalisation, four at a time: the fourth subtracts the least metric
+// of the third, which is searched while the fourth step runs. Exact on every input.
+__attribute__((target("avx2"))) Avx2Metrics Avx2StepsScheduled(Avx2Metrics m, const uint16_t* pairs, int32_t count,
+                                                              uint16_t* decisions) {
+  const __m256i pickTop0 = Avx2Load(PICK_TOP0);
+  __m256i va, vb;
+  int32_t i = 0;
+  for (; i + 4 <= count; i += 4) {
+    for (int32_t k = 0; k < 3; ++k) {
+      Avx2Butterflies(m.lo, m.hi, Avx2Costs(pairs[i + k]), pickTop0, decisions + 4 * (i + k), va, vb);
+      m.lo = _mm256_permute2x128_si256(va, vb, 0x20);
+      m.hi = _mm256_permute2x128_si256(va, vb, 0x31);
+    }
+    const __m256i least = Avx2LeastOf(va, vb);
+    Avx2Butterflies(m.lo, m.hi, Avx2Costs(pairs[i + 3]), pickTop0, decisions + 4 * (i + 3), va, vb);
+    m.newLo = _mm256_sub_epi8(_mm256_permute2x128_si256(va, vb, 0x20), least);
+    m.newHi = _mm256_sub_epi8(_mm256_permute2x128_si256(va, vb, 0x31), least);
+    if (i + 4 < count) {
+      m.lo = m.newLo;
+      m.hi = m.newHi;
+    }
+  }
+  for (; i < count; ++i) {
+    Avx2Butterflies(m.lo, m.hi, Avx2Costs(pairs[i]), pickTop0, decisions + 4 * i, va, vb);
+    m.newLo = _mm256_permute2x128_si256(va, vb, 0x20);
+    m.newHi = _mm256_permute2x128_si256(va, vb, 0x31);
+    if (i + 1 < count) {
+      m.lo = m.newLo;
+      m.hi = m.newHi;
+    }
+  }
+  return m;
+}
+
 // Whether the steps without a branch are exact on this call: every soft bit in 0..31 and the least
 // metric before it at most 150.
 __attribute__((target("avx2"))) bool Avx2AheadExact(const Avx2Metrics& m, const uint16_t* pairs, int32_t count) {
@@ -325,8 +369,12 @@ __attribute__((target("avx2"))) void ViterbiDecodeAvx2(ViterbiTrellis& trellis, 
     m.newLo = m.lo;
     m.newHi = m.hi;
     uint16_t* decisions = trellis.decisionHistory + 4 * VITERBI_TRACEBACK;
-    m = Avx2AheadExact(m, pairs, count) ? Avx2StepsAhead(m, pairs, count, decisions)
-                                        : Avx2StepsBranching(m, pairs, count, decisions);
+    if (trellis.normaliseEveryFourth != 0) {
+      m = Avx2StepsScheduled(m, pairs, count, decisions);
+    } else {
+      m = Avx2AheadExact(m, pairs, count) ? Avx2StepsAhead(m, pairs, count, decisions)
+                                          : Avx2StepsBranching(m, pairs, count, decisions);
+    }
     if ((count & 1) != 0) bank ^= 1;
     uint8_t* newest = banks + 64 * (bank ^ 1);
     uint8_t* previous = banks + 64 * bank;

@@ -99,7 +99,8 @@ std::vector<uint16_t> NoisyPairs(int32_t count, uint64_t seed) {
 
 // One call per OFDM symbol: 2016 trellis steps for the largest layer (Mode 3, 64QAM, rate 7/8) and
 // 96 for a small one on noisy random pairs; the engine's own calls of the usual one-segment layer
-// (Mode 3, QPSK 2/3, 512 steps) at 20 dB and 7 dB, in their order, on one continuing trellis.
+// (Mode 3, QPSK 2/3, 512 steps) at 20 dB and 7 dB, in their order, on one continuing trellis. Each
+// with the designed normalisation and with the refinements' schedule.
 void BM_Viterbi(benchmark::State& state, ViterbiKernel kernel) {
   if (!ViterbiKernelAvailable(kernel)) {
     state.SkipWithError("kernel not available on this processor");
@@ -118,6 +119,8 @@ void BM_Viterbi(benchmark::State& state, ViterbiKernel kernel) {
     return;
   }
   auto trellis = std::make_unique<ViterbiTrellis>();
+  const bool scheduled = state.range(2) != 0;
+  trellis->normaliseEveryFourth = scheduled ? 1 : 0;
   std::vector<uint8_t> out(VITERBI_MAX_STEPS / 8);
   size_t call = 0, at = 0;
   int64_t steps = 0;
@@ -131,12 +134,17 @@ void BM_Viterbi(benchmark::State& state, ViterbiKernel kernel) {
     if (++call == calls.counts.size()) call = at = 0;
   }
   state.SetItemsProcessed(steps);
-  state.SetLabel(std::string(ViterbiKernelName(kernel)) + (engineInput ? ", the engine's pairs" : ", random pairs"));
+  state.SetLabel(std::string(ViterbiKernelName(kernel)) + (engineInput ? ", the engine's pairs" : ", random pairs") +
+                 (scheduled ? ", scheduled normalisation" : ""));
 }
-// Arguments: 0 and the C/N in dB of the engine's input, or 1 and the steps per call of random pairs.
-BENCHMARK_CAPTURE(BM_Viterbi, scalar, ViterbiKernel::SCALAR)->Args({0, 20})->Args({0, 7})->Args({1, 2016})->Args({1, 96});
-BENCHMARK_CAPTURE(BM_Viterbi, sse2, ViterbiKernel::SSE2)->Args({0, 20})->Args({0, 7})->Args({1, 2016})->Args({1, 96});
-BENCHMARK_CAPTURE(BM_Viterbi, avx2, ViterbiKernel::AVX2)->Args({0, 20})->Args({0, 7})->Args({1, 2016})->Args({1, 96});
+// Arguments: 0 and the C/N in dB of the engine's input, or 1 and the steps per call of random pairs;
+// then 0 for the designed normalisation, 1 for the scheduled one.
+void ViterbiArgs(benchmark::internal::Benchmark* b) {
+  for (int64_t scheduled : {0, 1}) b->Args({0, 20, scheduled})->Args({0, 7, scheduled})->Args({1, 2016, scheduled})->Args({1, 96, scheduled});
+}
+BENCHMARK_CAPTURE(BM_Viterbi, scalar, ViterbiKernel::SCALAR)->Apply(ViterbiArgs);
+BENCHMARK_CAPTURE(BM_Viterbi, sse2, ViterbiKernel::SSE2)->Apply(ViterbiArgs);
+BENCHMARK_CAPTURE(BM_Viterbi, avx2, ViterbiKernel::AVX2)->Apply(ViterbiArgs);
 
 // Reed-Solomon per packet: 0 clean (one encoder pass), 1 with 8 data errors (full correction), 2 with
 // 20 errors (fails).
