@@ -15,6 +15,7 @@
 
 #include <bit>
 #include <cstring>
+#include <type_traits>
 
 #include "decoder/viterbi.h"
 
@@ -107,58 +108,60 @@ __attribute__((target("sse2"))) void ViterbiDecodeSse2(ViterbiTrellis& trellis, 
     __m128i o3 = _mm_load_si128(reinterpret_cast<const __m128i*>(old + 48));
     __m128i n0 = o0, n1 = o1, n2 = o2, n3 = o3;
     uint16_t* decisions = trellis.decisionHistory + 4 * VITERBI_TRACEBACK;
-    const bool scheduled = trellis.normaliseEveryFourth != 0;
-    for (int32_t i = 0; i < count; ++i) {
-      const StepCosts c = CostsOf(pairs[i]);
-      const __m128i mn = _mm_unpacklo_epi32(_mm_cvtsi32_si128(static_cast<int>(c.m)), _mm_cvtsi32_si128(static_cast<int>(c.n)));
-      const __m128i qr = _mm_unpacklo_epi32(_mm_cvtsi32_si128(static_cast<int>(c.q)), _mm_cvtsi32_si128(static_cast<int>(c.r)));
-      const __m128i low0 = _mm_shuffle_epi32(mn, _MM_SHUFFLE(0, 1, 1, 0));   // m n n m
-      const __m128i low1 = _mm_shuffle_epi32(mn, _MM_SHUFFLE(1, 0, 0, 1));   // n m m n
-      const __m128i high0 = _mm_shuffle_epi32(qr, _MM_SHUFFLE(0, 1, 1, 0));  // q r r q
-      const __m128i high1 = _mm_shuffle_epi32(qr, _MM_SHUFFLE(1, 0, 0, 1));  // r q q r
+    // The loop is made once for each normalisation, so that neither tests which one it runs.
+    auto steps = [&](auto scheduledRule) {
+      constexpr bool scheduled = decltype(scheduledRule)::value;
+      for (int32_t i = 0; i < count; ++i) {
+        const StepCosts c = CostsOf(pairs[i]);
+        const __m128i mn = _mm_unpacklo_epi32(_mm_cvtsi32_si128(static_cast<int>(c.m)), _mm_cvtsi32_si128(static_cast<int>(c.n)));
+        const __m128i qr = _mm_unpacklo_epi32(_mm_cvtsi32_si128(static_cast<int>(c.q)), _mm_cvtsi32_si128(static_cast<int>(c.r)));
+        const __m128i low0 = _mm_shuffle_epi32(mn, _MM_SHUFFLE(0, 1, 1, 0));   // m n n m
+        const __m128i low1 = _mm_shuffle_epi32(mn, _MM_SHUFFLE(1, 0, 0, 1));   // n m m n
+        const __m128i high0 = _mm_shuffle_epi32(qr, _MM_SHUFFLE(0, 1, 1, 0));  // q r r q
+        const __m128i high1 = _mm_shuffle_epi32(qr, _MM_SHUFFLE(1, 0, 0, 1));  // r q q r
 
-      __m128i a = _mm_adds_epu8(_mm_unpackhi_epi8(o0, o0), low0);
-      __m128i b = _mm_adds_epu8(_mm_unpackhi_epi8(o2, o2), low1);
-      n0 = _mm_min_epu8(a, b);
-      uint64_t packed = static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, n0)));
-      a = _mm_adds_epu8(_mm_unpacklo_epi8(o0, o0), low0);
-      b = _mm_adds_epu8(_mm_unpacklo_epi8(o2, o2), low1);
-      n1 = _mm_min_epu8(a, b);
-      packed |= static_cast<uint64_t>(static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, n1)))) << 16;
-      a = _mm_adds_epu8(_mm_unpackhi_epi8(o1, o1), high0);
-      b = _mm_adds_epu8(_mm_unpackhi_epi8(o3, o3), high1);
-      n2 = _mm_min_epu8(a, b);
-      packed |= static_cast<uint64_t>(static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, n2)))) << 32;
-      a = _mm_adds_epu8(_mm_unpacklo_epi8(o1, o1), high0);
-      b = _mm_adds_epu8(_mm_unpacklo_epi8(o3, o3), high1);
-      n3 = _mm_min_epu8(a, b);
-      packed |= static_cast<uint64_t>(static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, n3)))) << 48;
-      std::memcpy(decisions + 4 * i, &packed, sizeof packed);
+        __m128i a = _mm_adds_epu8(_mm_unpackhi_epi8(o0, o0), low0);
+        __m128i b = _mm_adds_epu8(_mm_unpackhi_epi8(o2, o2), low1);
+        n0 = _mm_min_epu8(a, b);
+        uint64_t packed = static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, n0)));
+        a = _mm_adds_epu8(_mm_unpacklo_epi8(o0, o0), low0);
+        b = _mm_adds_epu8(_mm_unpacklo_epi8(o2, o2), low1);
+        n1 = _mm_min_epu8(a, b);
+        packed |= static_cast<uint64_t>(static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, n1)))) << 16;
+        a = _mm_adds_epu8(_mm_unpackhi_epi8(o1, o1), high0);
+        b = _mm_adds_epu8(_mm_unpackhi_epi8(o3, o3), high1);
+        n2 = _mm_min_epu8(a, b);
+        packed |= static_cast<uint64_t>(static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, n2)))) << 32;
+        a = _mm_adds_epu8(_mm_unpacklo_epi8(o1, o1), high0);
+        b = _mm_adds_epu8(_mm_unpacklo_epi8(o3, o3), high1);
+        n3 = _mm_min_epu8(a, b);
+        packed |= static_cast<uint64_t>(static_cast<uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(b, n3)))) << 48;
+        std::memcpy(decisions + 4 * i, &packed, sizeof packed);
 
-      if (scheduled) {
-        if ((i & 3) == 3) {
-          const __m128i least = Sse2Min16(_mm_min_epu8(_mm_min_epu8(o0, o1), _mm_min_epu8(o2, o3)));
+        // The designed test subtracts the least new metric, the schedule the least of the step before
+        // (no new metric lies below it, so the saturating subtraction is exact there too).
+        if (scheduled ? (i & 3) == 3 : (_mm_cvtsi128_si32(n2) & 0xFF) > NORMALISE_ABOVE) {
+          const __m128i least = scheduled ? Sse2Min16(_mm_min_epu8(_mm_min_epu8(o0, o1), _mm_min_epu8(o2, o3)))
+                                          : Sse2Min16(_mm_min_epu8(_mm_min_epu8(n0, n1), _mm_min_epu8(n2, n3)));
           const __m128i sub = _mm_set1_epi8(static_cast<char>(_mm_cvtsi128_si32(least) & 0xFF));
-          n0 = _mm_sub_epi8(n0, sub);
-          n1 = _mm_sub_epi8(n1, sub);
-          n2 = _mm_sub_epi8(n2, sub);
-          n3 = _mm_sub_epi8(n3, sub);
+          n0 = _mm_subs_epu8(n0, sub);
+          n1 = _mm_subs_epu8(n1, sub);
+          n2 = _mm_subs_epu8(n2, sub);
+          n3 = _mm_subs_epu8(n3, sub);
         }
-      } else if ((_mm_cvtsi128_si32(n2) & 0xFF) > NORMALISE_ABOVE) {
-        const __m128i least = Sse2Min16(_mm_min_epu8(_mm_min_epu8(n0, n1), _mm_min_epu8(n2, n3)));
-        const __m128i sub = _mm_set1_epi8(static_cast<char>(_mm_cvtsi128_si32(least) & 0xFF));
-        n0 = _mm_subs_epu8(n0, sub);
-        n1 = _mm_subs_epu8(n1, sub);
-        n2 = _mm_subs_epu8(n2, sub);
-        n3 = _mm_subs_epu8(n3, sub);
+        if (i + 1 < count) {
+          o0 = n0;
+          o1 = n1;
+          o2 = n2;
+          o3 = n3;
+        }
+        bank ^= 1;
       }
-      if (i + 1 < count) {
-        o0 = n0;
-        o1 = n1;
-        o2 = n2;
-        o3 = n3;
-      }
-      bank ^= 1;
+    };
+    if (trellis.normaliseEveryFourth != 0) {
+      steps(std::true_type{});
+    } else {
+      steps(std::false_type{});
     }
     // The bank written last holds the newest metrics, the other one those read by the last step.
     uint8_t* newest = banks + 64 * (bank ^ 1);
